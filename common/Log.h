@@ -1,0 +1,35 @@
+#pragma once
+// The diagnostic log front end. Call sites pass a level (1 failures, 2 recoverable problems,
+// 3 progress, 4 detail) and "[Class::Method]\t text".
+
+#include <windows.h>
+
+#include <string>
+
+namespace NS_Log {
+
+inline constexpr const wchar_t* kComponent = L"brisk_observer";
+
+// Returns -1 when the level filter dropped the message, 0 otherwise. Never fails, never throws
+// anything but allocation failure.
+int Log(unsigned short level, const std::wstring& text);
+
+// "2017-03-03 09:05:07.042"
+std::wstring FormatTimeStamp(const SYSTEMTIME& time);
+
+// "L:3 <time> P:<pid> T:<tid>[ S:<session>]\t<text>\r\n"; the session item only when it is not 0.
+std::wstring FormatLogLine(unsigned short level, const SYSTEMTIME& time, DWORD processId,
+                           DWORD threadId, DWORD sessionId, const std::wstring& text);
+
+SYSTEMTIME CurrentLogTime();
+
+// The Windows session of this process, looked up once.
+DWORD ProcessSessionId();
+
+// The folder the front end writes into.
+std::wstring LogFolder();
+
+// "1a2b" for 0x1A2B: the hexadecimal text that follows "0x" in log lines.
+std::wstring Hex(unsigned long value);
+
+}  // namespace NS_Log

@@ -1,0 +1,54 @@
+#include "common/LogSettings.h"
+
+#include "common/Registry.h"
+
+namespace NS_Log {
+
+namespace {
+void Override(const wchar_t* valueName, DWORD& setting) {
+    DWORD value = 0;
+    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, valueName, value) ==
+            ERROR_SUCCESS &&
+        value > 0)
+        setting = value;
+}
+
+std::wstring ExecutableFolder() {
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (n == 0) return L".";
+        if (n < path.size()) {
+            path.resize(n);
+            break;
+        }
+        path.resize(path.size() * 2);
+    }
+    size_t slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? L"." : path.substr(0, slash);
+}
+}  // namespace
+
+LogSettings ReadLogSettings() {
+    LogSettings settings;
+    DWORD scrambled = 0;
+    Override(L"LogLevel", settings.level);
+    Override(L"LogFileSize", settings.fileSizeKiB);
+    Override(L"LogObfuscationEnabled", scrambled);
+    Override(L"LogFileCount", settings.fileCount);
+    Override(L"LogSyncEnabled", settings.sync);
+    settings.scrambled = scrambled != 0;
+    return settings;
+}
+
+std::wstring DefaultLogFolder() {
+    std::wstring folder;
+    if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct,
+                                     NS_Utils::RegKeys::kProgramDirValue, folder) != ERROR_SUCCESS ||
+        folder.empty())
+        folder = ExecutableFolder();
+    if (folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
+    return folder + L"logs\\";
+}
+
+}  // namespace NS_Log

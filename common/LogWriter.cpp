@@ -1,0 +1,152 @@
+#include "common/LogWriter.h"
+
+#include "common/Log.h"
+#include "common/LogScramble.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace NS_Log {
+
+namespace {
+constexpr const wchar_t* kPlainExtension = L".log";
+constexpr const wchar_t* kScrambledExtension = L".enl";
+
+NS_Utils::UniqueHandle CreateLogMutex(const std::wstring& fileName) {
+    std::wstring name = L"Global\\" + fileName + L"_LogMutex";
+    return NS_Utils::UniqueHandle(::CreateMutexW(nullptr, FALSE, name.c_str()));
+}
+
+std::wstring RotationStamp() {
+    SYSTEMTIME t;
+    ::GetLocalTime(&t);
+    wchar_t stamp[32];
+    std::swprintf(stamp, 32, L"%04d%02d%02d%02d%02d%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour,
+                  t.wMinute, t.wSecond, t.wMilliseconds);
+    return stamp;
+}
+
+void DebugOutput(const wchar_t* format, const std::wstring& a, const std::wstring& b) {
+    wchar_t text[1024];
+    std::swprintf(text, 1024, format, a.c_str(), b.c_str());
+    ::OutputDebugStringW(text);
+}
+}  // namespace
+
+CLogWriter::CLogWriter(std::wstring folder, std::wstring component)
+    : m_folder(std::move(folder)),
+      m_component(std::move(component)),
+      m_plainMutex(CreateLogMutex(m_component + kPlainExtension)),
+      m_scrambledMutex(CreateLogMutex(m_component + kScrambledExtension)) {}
+
+std::wstring CLogWriter::FilePath(bool scrambled) const {
+    return m_folder + m_component + (scrambled ? kScrambledExtension : kPlainExtension);
+}
+
+std::wstring CLogWriter::CurrentFilePath() const { return FilePath(CurrentSettings().scrambled); }
+
+LogSettings CLogWriter::CurrentSettings() const {
+    NS_Utils::CritSecGuard guard(m_settingsLock);
+    return m_settings;
+}
+
+void CLogWriter::RefreshSettingsIfDue() {
+    // Every call counts, dropped or not: otherwise a log that drops everything at the default
+    // level would never read the level that lets messages through.
+    if (m_writeCount.fetch_add(1) % 10 != 0) return;
+    LogSettings fresh = ReadLogSettings();
+    NS_Utils::CritSecGuard guard(m_settingsLock);
+    m_settings = fresh;
+}
+
+int CLogWriter::Log(unsigned short level, const std::wstring& text) {
+    RefreshSettingsIfDue();
+    LogSettings settings = CurrentSettings();
+    if (level > settings.level) return -1;
+    Append(FormatLogLine(level, CurrentLogTime(), ::GetCurrentProcessId(), ::GetCurrentThreadId(),
+                         ProcessSessionId(), text),
+           settings);
+    return 0;
+}
+
+void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
+    HANDLE mutex = settings.scrambled ? m_scrambledMutex.get() : m_plainMutex.get();
+    // Without a mutex the line is still written: an unserialised line beats a lost one.
+    if (mutex) {
+        DWORD wait = ::WaitForSingleObject(mutex, INFINITE);
+        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
+            ::OutputDebugStringW(L"Timeout when waiting to acquire mutex");
+            return;
+        }
+    }
+    NS_Utils::MutexOwnership owned(mutex);
+    AppendLocked(FilePath(settings.scrambled), line, settings);
+}
+
+void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line,
+                              const LogSettings& settings) {
+    ::CreateDirectoryW(m_folder.c_str(), nullptr);
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) {
+        ::OutputDebugStringW(L"Log File Handle could not be obtained");
+        return;
+    }
+    LARGE_INTEGER end{};
+    LARGE_INTEGER zero{};
+    ::SetFilePointerEx(file.get(), zero, &end, FILE_END);
+
+    std::vector<std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(line.data()),
+                                    reinterpret_cast<const std::uint8_t*>(line.data() + line.size()));
+    if (settings.scrambled) ScrambleLogBytes(bytes.data(), bytes.size(), end.QuadPart);
+    DWORD written = 0;
+    ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+    if (settings.sync > 1) ::FlushFileBuffers(file.get());
+
+    LARGE_INTEGER size{};
+    bool tooLarge = ::GetFileSizeEx(file.get(), &size) &&
+                    static_cast<ULONGLONG>(size.QuadPart) > ULONGLONG{settings.fileSizeKiB} * 1024;
+    file.reset();
+    if (tooLarge) Rotate(path, settings);
+}
+
+void CLogWriter::Rotate(const std::wstring& path, const LogSettings& settings) {
+    size_t dot = path.find_last_of(L'.');
+    std::wstring base = path.substr(0, dot);
+    std::wstring extension = path.substr(dot);
+    wchar_t rotated[MAX_PATH * 2];
+    std::swprintf(rotated, MAX_PATH * 2, L"%ls-%ls%ls", base.c_str(), RotationStamp().c_str(),
+                  extension.c_str());
+    // A copy that fails (two rotations in one millisecond) leaves the file to grow a little more:
+    // nothing is overwritten and the next write rotates again.
+    if (::CopyFileW(path.c_str(), rotated, TRUE) && ::DeleteFileW(path.c_str())) {
+        DebugOutput(L"Log file %ls renamed to %ls\n", path, rotated);
+    } else {
+        wchar_t text[1024];
+        std::swprintf(text, 1024, L"Log file %ls rename to %ls failed, winerr %d", path.c_str(), rotated,
+                      static_cast<int>(::GetLastError()));
+        ::OutputDebugStringW(text);
+    }
+    PruneRotated(settings);
+}
+
+void CLogWriter::PruneRotated(const LogSettings& settings) {
+    std::wstring pattern = m_folder + m_component + L"-*" +
+                           (settings.scrambled ? kScrambledExtension : kPlainExtension);
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW(pattern.c_str(), &found));
+    if (!search) return;
+    do {
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(found.cFileName);
+    } while (::FindNextFileW(search.get(), &found));
+    if (names.size() <= settings.fileCount) return;
+    // The time stamp in the name sorts as text: the oldest go first.
+    std::sort(names.begin(), names.end());
+    size_t excess = names.size() - settings.fileCount;
+    for (size_t i = 0; i < excess; ++i) ::DeleteFileW((m_folder + names[i]).c_str());
+}
+
+}  // namespace NS_Log

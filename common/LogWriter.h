@@ -1,0 +1,45 @@
+#pragma once
+// The writer behind the log front end: one log file of one component, appended to by every
+// process of the machine under a named mutex, rotated when it grows past its limit.
+
+#include "common/CriticalSection.h"
+#include "common/LogSettings.h"
+#include "common/WinHandles.h"
+
+#include <atomic>
+#include <string>
+
+namespace NS_Log {
+
+class CLogWriter {
+public:
+    // `folder` ends in a backslash; the file is `component` + ".log" (or ".enl" when scrambled).
+    CLogWriter(std::wstring folder, std::wstring component);
+    CLogWriter(const CLogWriter&) = delete;
+    CLogWriter& operator=(const CLogWriter&) = delete;
+
+    // Drops the message (returning -1) when its level is above the configured one; otherwise
+    // formats and appends it and returns 0. Never fails its caller.
+    int Log(unsigned short level, const std::wstring& text);
+
+    std::wstring CurrentFilePath() const;
+    LogSettings CurrentSettings() const;
+
+private:
+    void RefreshSettingsIfDue();
+    void Append(const std::wstring& line, const LogSettings& settings);
+    void AppendLocked(const std::wstring& path, const std::wstring& line, const LogSettings& settings);
+    void Rotate(const std::wstring& path, const LogSettings& settings);
+    void PruneRotated(const LogSettings& settings);
+    std::wstring FilePath(bool scrambled) const;
+
+    const std::wstring m_folder;
+    const std::wstring m_component;
+    NS_Utils::UniqueHandle m_plainMutex;
+    NS_Utils::UniqueHandle m_scrambledMutex;
+    std::atomic<unsigned long> m_writeCount{0};
+    mutable NS_Utils::CriticalSection m_settingsLock;
+    LogSettings m_settings;
+};
+
+}  // namespace NS_Log

@@ -1,0 +1,42 @@
+#include "common/Poller.h"
+
+namespace NS_THREAD_UTILS {
+
+CPoller::CPoller() : m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+    if (!m_stopEvent) throw CPollerCreationException(nullptr);
+}
+
+CPoller::~CPoller() {
+    Stop();
+    NS_Utils::UniqueHandle aux(m_auxEvent.exchange(nullptr));
+}
+
+void CPoller::Stop() noexcept { ::SetEvent(m_stopEvent.get()); }
+
+unsigned CPoller::ThreadMain(void* args) {
+    Run(args);
+    return 0;
+}
+
+void CPoller::Run(void* args) {
+    OnStart(args);
+    DWORD count = 0;
+    for (;;) {
+        Poll(++count);
+        if (m_maxPolls != 0 && count >= m_maxPolls) break;
+        std::vector<HANDLE> handles = m_extraHandles;
+        handles.push_back(m_stopEvent.get());
+        DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE,
+                                              m_intervalMs);
+        if (wait != WAIT_TIMEOUT) break;
+    }
+    EndLoop();
+}
+
+void CPoller::EndLoop() {
+    OnEnd();
+    NS_Utils::UniqueHandle aux(m_auxEvent.exchange(nullptr));
+    if (aux) ::ResetEvent(aux.get());
+}
+
+}  // namespace NS_THREAD_UTILS

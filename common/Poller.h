@@ -1,0 +1,57 @@
+#pragma once
+// Does a piece of work at once and then once per interval on a thread of its own, until its stop
+// event or one of its extra handles is signalled, or it has polled the maximum number of times.
+
+#include "common/Thread.h"
+#include "common/WinHandles.h"
+
+#include <atomic>
+#include <vector>
+
+namespace NS_THREAD_UTILS {
+
+class CPollerCreationException {
+public:
+    explicit CPollerCreationException(HANDLE handle) noexcept : m_handle(handle) {}
+    HANDLE Handle() const noexcept { return m_handle; }
+
+private:
+    HANDLE m_handle;
+};
+
+class CPoller : public CThread {
+public:
+    // Throws CPollerCreationException when the stop event cannot be created.
+    CPoller();
+    ~CPoller() override;
+
+    // Ends one waiting loop (the stop event resets itself). Any thread may call it.
+    void Stop() noexcept;
+
+    // Configuration; set before Start.
+    void SetMaxPolls(DWORD maxPolls) noexcept { m_maxPolls = maxPolls; }
+    void SetInterval(DWORD intervalMs) noexcept { m_intervalMs = intervalMs; }
+    // Not owned: the caller keeps the handle open while the poller runs.
+    void AddWaitHandle(HANDLE handle) { m_extraHandles.push_back(handle); }
+    // Owned; reset and closed when the loop ends.
+    void SetAuxiliaryEvent(NS_Utils::UniqueHandle event) noexcept { m_auxEvent.store(event.release()); }
+
+protected:
+    unsigned ThreadMain(void* args) override;
+
+    virtual void Run(void* args);
+    virtual void OnStart(void* /*args*/) {}
+    virtual void OnEnd() {}
+    virtual void Poll(DWORD count) = 0;
+
+private:
+    void EndLoop();
+
+    std::atomic<HANDLE> m_auxEvent{nullptr};
+    DWORD m_maxPolls = 0;
+    DWORD m_intervalMs = 1000;
+    std::vector<HANDLE> m_extraHandles;
+    NS_Utils::UniqueHandle m_stopEvent;
+};
+
+}  // namespace NS_THREAD_UTILS

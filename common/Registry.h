@@ -1,0 +1,32 @@
+#pragma once
+// Read-only access to settings under HKEY_LOCAL_MACHINE. A failed read leaves the caller's default.
+
+#include <windows.h>
+
+#include <string>
+
+namespace NS_Utils {
+
+// Every registry location the service reads. Kept here so that there is one place to change them.
+namespace RegKeys {
+// The agent's machine-wide key; it also names the installation folder.
+inline constexpr const wchar_t* kProduct = L"SOFTWARE\\Orvane\\Kelmar";
+inline constexpr const wchar_t* kProgramDirValue = L"ProgramDir";
+// Settings of this service.
+inline constexpr const wchar_t* kWex = L"SOFTWARE\\Orvane\\Kelmar\\Wex";
+// Settings of the diagnostic log.
+inline constexpr const wchar_t* kLogging = L"SOFTWARE\\Orvane\\Kelmar\\Logging";
+}  // namespace RegKeys
+
+// ERROR_SUCCESS and the value, or the registry's error code with `value` unchanged.
+LSTATUS ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value);
+LSTATUS ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                           std::wstring& value);
+
+// Writers exist for tests and the registration switches; the service itself only reads.
+LSTATUS WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value);
+LSTATUS WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                            const std::wstring& value);
+LSTATUS DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName);
+
+}  // namespace NS_Utils

@@ -1,0 +1,34 @@
+#pragma once
+// A thread that runs one virtual function of its owner. The owner joins it before the owner's
+// own destructor ends, since the function belongs to the derived object.
+
+#include "common/WinHandles.h"
+
+namespace NS_THREAD_UTILS {
+
+class CThread {
+public:
+    CThread() = default;
+    CThread(const CThread&) = delete;
+    CThread& operator=(const CThread&) = delete;
+    virtual ~CThread() = default;
+
+    // Starts ThreadMain(args) on a new thread; false when a thread was already started or
+    // could not be created.
+    bool Start(void* args);
+    // WAIT_OBJECT_0 once the thread has ended (or when none was started), WAIT_TIMEOUT otherwise.
+    DWORD Join(DWORD timeoutMs) const;
+    bool Terminate(DWORD exitCode);
+    DWORD ThreadId() const noexcept { return m_threadId; }
+
+protected:
+    virtual unsigned ThreadMain(void* args) = 0;
+
+private:
+    static unsigned __stdcall Entry(void* context);
+
+    NS_Utils::UniqueHandle m_thread;
+    DWORD m_threadId = 0;
+};
+
+}  // namespace NS_THREAD_UTILS

@@ -1,0 +1,106 @@
+#pragma once
+// Owners of kernel and registry resources. Every handle the service opens lives in one of these,
+// so early returns never leak and nothing closes a handle twice.
+
+#include <windows.h>
+
+#include <utility>
+
+namespace NS_Utils {
+
+template <typename Traits>
+class UniqueResource {
+public:
+    using value_type = typename Traits::type;
+
+    UniqueResource() noexcept = default;
+    explicit UniqueResource(value_type value) noexcept : m_value(value) {}
+    UniqueResource(const UniqueResource&) = delete;
+    UniqueResource& operator=(const UniqueResource&) = delete;
+    UniqueResource(UniqueResource&& other) noexcept : m_value(other.release()) {}
+    UniqueResource& operator=(UniqueResource&& other) noexcept {
+        if (this != &other) reset(other.release());
+        return *this;
+    }
+    ~UniqueResource() { reset(); }
+
+    value_type get() const noexcept { return m_value; }
+    bool valid() const noexcept { return Traits::IsValid(m_value); }
+    explicit operator bool() const noexcept { return valid(); }
+
+    value_type release() noexcept { return std::exchange(m_value, Traits::Invalid()); }
+    void reset(value_type value = Traits::Invalid()) noexcept {
+        value_type old = std::exchange(m_value, value);
+        if (Traits::IsValid(old)) Traits::Close(old);
+    }
+    // For APIs that return the resource through an out parameter.
+    value_type* put() noexcept {
+        reset();
+        return &m_value;
+    }
+
+private:
+    value_type m_value = Traits::Invalid();
+};
+
+struct KernelHandleTraits {
+    using type = HANDLE;
+    static HANDLE Invalid() noexcept { return nullptr; }
+    static bool IsValid(HANDLE h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
+    static void Close(HANDLE h) noexcept { ::CloseHandle(h); }
+};
+
+struct FindHandleTraits {
+    using type = HANDLE;
+    static HANDLE Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static bool IsValid(HANDLE h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
+    static void Close(HANDLE h) noexcept { ::FindClose(h); }
+};
+
+struct RegKeyTraits {
+    using type = HKEY;
+    static HKEY Invalid() noexcept { return nullptr; }
+    static bool IsValid(HKEY k) noexcept { return k != nullptr; }
+    static void Close(HKEY k) noexcept { ::RegCloseKey(k); }
+};
+
+using UniqueHandle = UniqueResource<KernelHandleTraits>;
+using UniqueFindHandle = UniqueResource<FindHandleTraits>;
+using UniqueRegKey = UniqueResource<RegKeyTraits>;
+
+// Holds a named mutex between a successful wait and the end of the scope.
+class MutexOwnership {
+public:
+    explicit MutexOwnership(HANDLE mutex) noexcept : m_mutex(mutex) {}
+    MutexOwnership(const MutexOwnership&) = delete;
+    MutexOwnership& operator=(const MutexOwnership&) = delete;
+    ~MutexOwnership() {
+        if (m_mutex) ::ReleaseMutex(m_mutex);
+    }
+
+private:
+    HANDLE m_mutex;
+};
+
+template <typename F>
+class ScopeExit {
+public:
+    explicit ScopeExit(F&& f) : m_f(std::forward<F>(f)) {}
+    ScopeExit(const ScopeExit&) = delete;
+    ScopeExit& operator=(const ScopeExit&) = delete;
+    ~ScopeExit() {
+        if (m_armed) m_f();
+    }
+    void dismiss() noexcept { m_armed = false; }
+
+private:
+    F m_f;
+    bool m_armed = true;
+};
+
+template <typename F>
+ScopeExit<F> MakeScopeExit(F&& f) {
+    return ScopeExit<F>(std::forward<F>(f));
+}
+
+}  // namespace NS_Utils

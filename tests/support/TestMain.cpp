@@ -1,0 +1,14 @@
+// Every test program starts here. The prefix is the test's own, so the agent's installation
+// folder is pointed into it: logs written while testing stay inside the prefix.
+
+#include "common/Registry.h"
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+    ::CreateDirectoryW(L"C:\\TarrowTestInstall", nullptr);
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct,
+                                  NS_Utils::RegKeys::kProgramDirValue, L"C:\\TarrowTestInstall");
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,118 @@
+#include "tests/support/TestSupport.h"
+
+#include <algorithm>
+#include <atomic>
+
+namespace testsupport {
+
+std::wstring ProgramFolder() {
+    wchar_t path[MAX_PATH * 2];
+    DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH * 2);
+    std::wstring folder(path, n);
+    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
+}
+
+std::wstring MakeTempFolder(const std::wstring& hint) {
+    static std::atomic<unsigned> counter{0};
+    wchar_t temp[MAX_PATH + 1];
+    ::GetTempPathW(MAX_PATH + 1, temp);
+    for (;;) {
+        std::wstring folder = std::wstring(temp) + L"tarrow-" + hint + L"-" +
+                              std::to_wstring(::GetCurrentProcessId()) + L"-" +
+                              std::to_wstring(counter.fetch_add(1)) + L"\\";
+        if (::CreateDirectoryW(folder.c_str(), nullptr)) return folder;
+        if (::GetLastError() != ERROR_ALREADY_EXISTS) return folder;
+    }
+}
+
+std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path) {
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    LARGE_INTEGER size{};
+    if (!file || !::GetFileSizeEx(file.get(), &size)) return {};
+    std::vector<std::uint8_t> bytes(static_cast<size_t>(size.QuadPart));
+    DWORD read = 0;
+    if (!bytes.empty()) ::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
+    bytes.resize(read);
+    return bytes;
+}
+
+std::wstring ReadUtf16File(const std::wstring& path) {
+    std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+    return std::wstring(reinterpret_cast<const wchar_t*>(bytes.data()), bytes.size() / sizeof(wchar_t));
+}
+
+bool WriteFileBytes(const std::wstring& path, const void* data, size_t size) {
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    return file && ::WriteFile(file.get(), data, static_cast<DWORD>(size), &written, nullptr) &&
+           written == size;
+}
+
+bool FileExists(const std::wstring& path) {
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::vector<std::wstring> ListFiles(const std::wstring& folder, const std::wstring& pattern) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((folder + pattern).c_str(), &found));
+    if (!search) return names;
+    do {
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(found.cFileName);
+    } while (::FindNextFileW(search.get(), &found));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstring& separator) {
+    std::vector<std::wstring> lines;
+    size_t start = 0;
+    for (size_t end; (end = text.find(separator, start)) != std::wstring::npos; start = end + separator.size())
+        lines.push_back(text.substr(start, end - start));
+    if (start < text.size()) lines.push_back(text.substr(start));
+    return lines;
+}
+
+ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring& arguments) {
+    std::wstring path = ProgramFolder() + program;
+    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info{};
+    ChildProcess child;
+    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                          &startup, &info))
+        return child;
+    NS_Utils::UniqueHandle thread(info.hThread);
+    child.m_process.reset(info.hProcess);
+    child.m_id = info.dwProcessId;
+    return child;
+}
+
+ChildProcess ChildProcess::StartHelper(const std::wstring& arguments) {
+    return Start(L"tarrow_testchild.exe", arguments);
+}
+
+ChildProcess::~ChildProcess() { Kill(); }
+
+DWORD ChildProcess::Wait(DWORD timeoutMs) const {
+    return ::WaitForSingleObject(m_process.get(), timeoutMs);
+}
+
+DWORD ChildProcess::ExitCode() const {
+    DWORD code = 0;
+    ::GetExitCodeProcess(m_process.get(), &code);
+    return code;
+}
+
+void ChildProcess::Kill() {
+    if (m_process && Wait(0) == WAIT_TIMEOUT) {
+        ::TerminateProcess(m_process.get(), 1);
+        Wait(5000);
+    }
+}
+
+}  // namespace testsupport

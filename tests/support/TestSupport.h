@@ -1,0 +1,50 @@
+#pragma once
+// Files, folders and child processes for tests. Everything here is real: files in the test's own
+// prefix, processes started with CreateProcessW and ended by their own handle.
+
+#include "common/WinHandles.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+std::wstring ProgramFolder();  // with a trailing backslash
+// A new empty folder under the temporary folder, with a trailing backslash.
+std::wstring MakeTempFolder(const std::wstring& hint);
+
+std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path);
+std::wstring ReadUtf16File(const std::wstring& path);
+bool WriteFileBytes(const std::wstring& path, const void* data, size_t size);
+bool FileExists(const std::wstring& path);
+// Names (not paths) of the files in `folder` that match `pattern`, sorted.
+std::vector<std::wstring> ListFiles(const std::wstring& folder, const std::wstring& pattern);
+std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstring& separator);
+
+class ChildProcess {
+public:
+    // Starts `program` (a name in the program folder) with `arguments`; check Valid().
+    static ChildProcess Start(const std::wstring& program, const std::wstring& arguments);
+    // The test helper process (tarrow_testchild.exe).
+    static ChildProcess StartHelper(const std::wstring& arguments);
+
+    ChildProcess() = default;
+    ChildProcess(ChildProcess&&) = default;
+    ChildProcess& operator=(ChildProcess&&) = default;
+    ~ChildProcess();  // ends the process if it still runs
+
+    bool Valid() const { return m_process.valid(); }
+    DWORD Id() const { return m_id; }
+    HANDLE Handle() const { return m_process.get(); }
+    // WAIT_OBJECT_0 when it has ended within the time.
+    DWORD Wait(DWORD timeoutMs) const;
+    DWORD ExitCode() const;
+    void Kill();
+
+private:
+    NS_Utils::UniqueHandle m_process;
+    DWORD m_id = 0;
+};
+
+}  // namespace testsupport
