@@ -116,3 +116,14 @@ void ChildProcess::Kill() {
 }
 
 }  // namespace testsupport
+
+namespace testsupport {
+std::wstring ServiceLogText() { return ReadUtf16File(L"C:\\TarrowTestInstall\\logs\\brisk_observer.log"); }
+
+size_t CountInServiceLog(const std::wstring& text) {
+    std::wstring log = ServiceLogText();
+    size_t count = 0;
+    for (size_t at = log.find(text); at != std::wstring::npos; at = log.find(text, at + text.size())) ++count;
+    return count;
+}
+}  // namespace testsupport

@@ -48,3 +48,10 @@ private:
 };
 
 }  // namespace testsupport
+
+namespace testsupport {
+// The service log of this test program (under the prefix's test installation folder).
+std::wstring ServiceLogText();
+// How many times `text` occurs in the service log so far.
+size_t CountInServiceLog(const std::wstring& text);
+}  // namespace testsupport

@@ -1,0 +1,111 @@
+#include "sharedid/PersistantStorage.h"
+
+#include "common/Log.h"
+#include "common/WinHandles.h"
+#include "sharedid/SharedIdFile.h"
+
+
+namespace {
+std::wstring AppDataFolder() {
+    std::wstring value(MAX_PATH, L'\0');
+    for (;;) {
+        DWORD n = ::GetEnvironmentVariableW(L"appdata", value.data(), static_cast<DWORD>(value.size()));
+        if (n == 0) return {};
+        if (n < value.size()) return value.substr(0, n);
+        value.resize(n);
+    }
+}
+
+std::wstring ErrorStack(const std::list<DWORD>& errors) {
+    std::wstring text;
+    for (DWORD value : errors) text += std::to_wstring(value) + L" ";
+    return text;
+}
+}  // namespace
+
+PersistantStorage::PersistantStorage() {
+    std::wstring appData = AppDataFolder();
+    if (appData.empty()) return;
+    // The separator is always added: a doubled backslash is harmless to every file API.
+    std::wstring kel = appData + L"\\" + L"Kel\\";
+    m_folder = kel + L"Tarrow\\";
+    for (const std::wstring& folder : {kel, m_folder}) {
+        if (!::CreateDirectoryW(folder.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS) {
+            KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::PersistantStorage");
+            break;
+        }
+    }
+}
+
+std::wstring PersistantStorage::NewFileName() {
+    SYSTEMTIME t;
+    ::GetLocalTime(&t);
+    return std::to_wstring(t.wYear) + std::to_wstring(t.wMonth) + std::to_wstring(t.wDay) +
+           std::to_wstring(t.wHour) + std::to_wstring(t.wMinute) + std::to_wstring(t.wSecond) +
+           std::to_wstring(t.wMilliseconds) + L".dat";
+}
+
+int PersistantStorage::Persist(CSharedId& record) {
+    if (m_folder.empty()) return kFolderUnknown;
+    if (!record.IsComplete()) {
+        NS_Log::Log(1, L"[PersistantStorage::Persist]\t CSharedId object information not completed.");
+        return kRecordUnfit;
+    }
+    std::wstring previous = record.GetFileName();
+    std::wstring path = m_folder + NewFileName();
+    record.SetFileName(path);
+    std::list<DWORD> errors;
+    if (!NS_SHAREDID_UTILS::writeSharedIdToFile(record, path, errors)) {
+        // The name may belong to another credential's file: never leave it on this record.
+        record.SetFileName(previous);
+        KeepErrors(errors, L"PersistantStorage::Persist");
+        return kWriteFailed;
+    }
+    return kOk;
+}
+
+int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
+    if (m_folder.empty()) return kFolderUnknown;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.dat").c_str(), &found));
+    if (!search) {
+        if (::GetLastError() == ERROR_FILE_NOT_FOUND) return kOk;
+        KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::EnumCreds");
+        return kEnumerationFailed;
+    }
+    do {
+        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
+        std::wstring path = m_folder + found.cFileName;
+        CSharedId record;
+        std::list<DWORD> errors;
+        if (!NS_SHAREDID_UTILS::readSharedIdFromFile(record, path, errors)) {
+            NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
+            if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
+            continue;
+        }
+        record.SetFileName(path);
+        out.push_back(std::move(record));
+    } while (::FindNextFileW(search.get(), &found));
+    return kOk;
+}
+
+int PersistantStorage::Delete(const CSharedId& record) {
+    if (m_folder.empty()) return kFolderUnknown;
+    if (record.GetFileName().empty()) return kRecordUnfit;
+    if (!::DeleteFileW(record.GetFileName().c_str())) {
+        KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::Delete");
+        return kDeleteFailed;
+    }
+    return kOk;
+}
+
+std::list<DWORD> PersistantStorage::Errors() const {
+    NS_Utils::CritSecGuard guard(m_errorsLock);
+    return m_errors;
+}
+
+void PersistantStorage::KeepErrors(const std::list<DWORD>& errors, const wchar_t* operation) {
+    NS_Log::Log(1, L"[" + std::wstring(operation) + L"]\t Error stack = " + ErrorStack(errors));
+    NS_Utils::CritSecGuard guard(m_errorsLock);
+    m_errors.insert(m_errors.end(), errors.begin(), errors.end());
+}

@@ -1,0 +1,93 @@
+#pragma once
+// One checked-out shared credential, as a client registered it.
+
+#include "lease/AbsSharedCredListener.h"
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class CSharedId {
+public:
+    CSharedId() = default;
+    // Texts in the order the COM interface passes them; the enterprise identity is looked up here.
+    CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& corvinAuthSrvId,
+              const std::wstring& auxText1, const std::wstring& authSvcId, const std::wstring& sharedId,
+              const std::wstring& auxText2, const std::wstring& roleId, const std::wstring& auxText4,
+              const std::wstring& leaseDN, const std::wstring& leaseExpiry, bool flag,
+              const std::wstring& auxText3, const std::wstring& auxText6);
+    // A look-up key: only the three texts of the signature, no enterprise identity.
+    static CSharedId SignatureKey(const std::wstring& corvinAuthSvcUrl, const std::wstring& authSvcId,
+                                  const std::wstring& roleId);
+
+    CSharedId(const CSharedId&) = default;
+    CSharedId& operator=(const CSharedId&) = default;
+    CSharedId(CSharedId&&) noexcept = default;
+    CSharedId& operator=(CSharedId&&) noexcept = default;
+
+    // The six texts that a credential needs before it is registered or stored.
+    bool IsComplete() const;
+    // The three texts that identify a credential.
+    bool HasSignature() const;
+    // authSvcId:roleId:corvinAuthSvcUrl, or empty without a signature.
+    std::wstring GetSignature() const;
+    // The multi-line description for log lines; holds no auxiliary or memory-only text.
+    std::wstring Dump() const;
+
+    bool GetFlag() const { return m_flag; }
+    const std::wstring& GetCorvinAuthSvcUrl() const { return m_corvinAuthSvcUrl; }
+    const std::wstring& GetCorvinAuthSrvId() const { return m_corvinAuthSrvId; }
+    const std::wstring& GetAuxText1() const { return m_auxText1; }
+    const std::wstring& GetAuthSvcId() const { return m_authSvcId; }
+    const std::wstring& GetSharedId() const { return m_sharedId; }
+    const std::wstring& GetAuxText2() const { return m_auxText2; }
+    const std::wstring& GetRoleId() const { return m_roleId; }
+    const std::wstring& GetLeaseDN() const { return m_leaseDN; }
+    const std::wstring& GetAuxText3() const { return m_auxText3; }
+    const std::wstring& GetLeaseExpiry() const { return m_leaseExpiry; }
+    const std::wstring& GetEnterpriseId() const { return m_enterpriseId; }
+    const std::wstring& GetAuxText4() const { return m_auxText4; }
+    const std::wstring& GetAuxText5() const { return m_auxText5; }
+    const std::vector<DWORD>& GetHolderPids() const { return m_holderPids; }
+    std::vector<DWORD>& HolderPids() { return m_holderPids; }
+    const std::vector<std::shared_ptr<AbsSharedCredListener>>& GetListeners() const { return m_listeners; }
+    std::vector<std::shared_ptr<AbsSharedCredListener>>& Listeners() { return m_listeners; }
+    const std::wstring& GetAuxText6() const { return m_auxText6; }
+    const std::wstring& GetFileName() const { return m_fileName; }
+
+    void SetFlag(bool flag) { m_flag = flag; }
+    void SetCorvinAuthSvcUrl(std::wstring v) { m_corvinAuthSvcUrl = std::move(v); }
+    void SetCorvinAuthSrvId(std::wstring v) { m_corvinAuthSrvId = std::move(v); }
+    void SetAuxText1(std::wstring v) { m_auxText1 = std::move(v); }
+    void SetAuthSvcId(std::wstring v) { m_authSvcId = std::move(v); }
+    void SetSharedId(std::wstring v) { m_sharedId = std::move(v); }
+    void SetRoleId(std::wstring v) { m_roleId = std::move(v); }
+    void SetLeaseDN(std::wstring v) { m_leaseDN = std::move(v); }
+    void SetLeaseExpiry(std::wstring v) { m_leaseExpiry = std::move(v); }
+    void SetEnterpriseId(std::wstring v) { m_enterpriseId = std::move(v); }
+    void SetAuxText4(std::wstring v) { m_auxText4 = std::move(v); }
+    void SetAuxText5(std::wstring v) { m_auxText5 = std::move(v); }
+    void SetFileName(std::wstring v) { m_fileName = std::move(v); }
+
+private:
+    bool m_flag = false;
+    std::wstring m_corvinAuthSvcUrl;
+    std::wstring m_corvinAuthSrvId;
+    std::wstring m_auxText1;
+    std::wstring m_authSvcId;
+    std::wstring m_sharedId;
+    std::wstring m_auxText2;  // memory only: never stored, never logged
+    std::wstring m_roleId;
+    std::wstring m_leaseDN;
+    std::wstring m_auxText3;  // memory only
+    std::wstring m_leaseExpiry;
+    std::wstring m_enterpriseId;
+    std::wstring m_auxText4;
+    std::wstring m_auxText5;
+    std::vector<DWORD> m_holderPids;
+    std::vector<std::shared_ptr<AbsSharedCredListener>> m_listeners;
+    std::wstring m_auxText6;  // memory only
+    std::wstring m_fileName;
+};

@@ -1,0 +1,142 @@
+#include "sharedid/SharedIdFile.h"
+
+#include "common/Log.h"
+#include "common/WinHandles.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <sstream>
+#include <vector>
+
+namespace NS_SHAREDID_UTILS {
+
+namespace {
+constexpr const wchar_t* kWriteTag = L"[NS_SHAREDID_UTILS::writeSharedIdToFile]\t";
+constexpr const wchar_t* kReadTag = L"[NS_SHAREDID_UTILS::readSharedIdFromFile]\t";
+constexpr size_t kLineUnits = 512;
+constexpr LONGLONG kMaxMeaningfulBytes = 11 * kLineUnits * sizeof(wchar_t) + 64;
+
+// Reads lines into a buffer of 512 units: a line of 512 characters or more, or one that the text
+// ends before its line feed, is a failed read. Written out rather than left to a wide stream,
+// whose end-of-file marker is also a valid character (U+FFFF) on this platform.
+class LineReader {
+public:
+    explicit LineReader(const wchar_t* text) : m_text(text), m_length(std::wcslen(text)) {}
+
+    // A whole line and its line feed, or false with what was read before the failure.
+    bool ReadLine(std::wstring& line) {
+        size_t end = ScanLine();
+        line.assign(m_text + m_at, end - m_at);
+        m_at = end;
+        if (m_at < m_length && m_text[m_at] == L'\n') {
+            ++m_at;
+            return true;
+        }
+        return false;
+    }
+    // Up to the next line feed or the end of the text, the line feed left unread.
+    void ReadToLineEnd(std::wstring& text) {
+        size_t end = ScanLine();
+        text.assign(m_text + m_at, end - m_at);
+        m_at = end;
+    }
+
+private:
+    static constexpr size_t kMaxLine = kLineUnits - 1;
+    size_t ScanLine() const {
+        size_t end = m_at;
+        while (end < m_length && end - m_at < kMaxLine && m_text[end] != L'\n') ++end;
+        return end;
+    }
+
+    const wchar_t* m_text;
+    size_t m_length;
+    size_t m_at = 0;
+};
+
+bool Fail(std::list<DWORD>& errors, DWORD step, const std::wstring& message) {
+    DWORD error = ::GetLastError();
+    errors.push_back(step);
+    errors.push_back(error);
+    NS_Log::Log(1, message);
+    return false;
+}
+
+bool FailWithError(std::list<DWORD>& errors, DWORD step, const std::wstring& message) {
+    DWORD error = ::GetLastError();
+    errors.push_back(step);
+    errors.push_back(error);
+    NS_Log::Log(1, message + std::to_wstring(error));
+    return false;
+}
+}  // namespace
+
+std::wstring FormatSharedIdText(const CSharedId& record) {
+    std::wostringstream out;
+    out << record.GetCorvinAuthSvcUrl() << L"\n" << record.GetCorvinAuthSrvId() << L"\n"
+        << record.GetAuthSvcId() << L"\n" << record.GetSharedId() << L"\n" << record.GetRoleId() << L"\n"
+        << record.GetAuxText4() << L"\n" << record.GetLeaseDN() << L"\n" << record.GetAuxText1() << L"\n"
+        << record.GetLeaseExpiry() << L"\n" << record.GetEnterpriseId() << L"\n" << record.GetFlag();
+    return out.str();
+}
+
+bool ParseSharedIdText(const std::wstring& text, CSharedId& record) {
+    LineReader in(text.c_str());
+    void (CSharedId::*const checked[])(std::wstring) = {
+        &CSharedId::SetCorvinAuthSvcUrl, &CSharedId::SetCorvinAuthSrvId, &CSharedId::SetAuthSvcId,
+        &CSharedId::SetSharedId,         &CSharedId::SetRoleId,          &CSharedId::SetAuxText4,
+        &CSharedId::SetLeaseDN,          &CSharedId::SetAuxText1,        &CSharedId::SetLeaseExpiry};
+    for (auto setter : checked) {
+        std::wstring line;
+        if (!in.ReadLine(line)) return false;
+        (record.*setter)(std::move(line));
+    }
+    // The last two items may be missing: a cut file still gives back its credential.
+    std::wstring enterpriseId;
+    std::wstring flag;
+    if (in.ReadLine(enterpriseId)) in.ReadToLineEnd(flag);
+    record.SetEnterpriseId(std::move(enterpriseId));
+    record.SetFlag(::_wcsicmp(flag.c_str(), L"false") != 0);
+    return true;
+}
+
+bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors) {
+    if (!record.IsComplete())
+        return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" SharedId object is not complete.");
+    if (record.GetFileName().empty())
+        return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" SharedId object does not has a filename.");
+
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0,
+                                              nullptr));
+    if (!file) return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" CreateFile error. Error = ");
+
+    std::wstring text = FormatSharedIdText(record);
+    DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    DWORD written = 0;
+    if (!::WriteFile(file.get(), text.data(), bytes, &written, nullptr) || written != bytes)
+        return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" WriteFile error. Error = ");
+    return true;
+}
+
+bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors) {
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!file)
+        return FailWithError(errors, kStepFile, L"[::readSharedIdFromFile]\t CreateFile error. Error = ");
+
+    LARGE_INTEGER fileSize{};
+    if (!::GetFileSizeEx(file.get(), &fileSize) || fileSize.QuadPart == 0)
+        return Fail(errors, kStepFile, std::wstring(kReadTag) + L" Invalid file size.");
+
+    // The parser never looks past eleven lines of 512 units, so a larger file is read only that
+    // far: the outcome is the same and a huge file cannot exhaust memory.
+    DWORD size = static_cast<DWORD>(std::min<LONGLONG>(fileSize.QuadPart, kMaxMeaningfulBytes));
+    std::vector<wchar_t> buffer(size / 2 + 2, L'\0');
+    DWORD read = 0;
+    if (!::ReadFile(file.get(), buffer.data(), size, &read, nullptr) || read < size)
+        return FailWithError(errors, kStepRead, std::wstring(kReadTag) + L" ReadFile error. Error = ");
+    return ParseSharedIdText(std::wstring(buffer.data()), record);
+}
+
+}  // namespace NS_SHAREDID_UTILS

@@ -1,0 +1,26 @@
+#pragma once
+// The credential file: eleven UTF-16LE items separated by line feeds, no byte-order mark.
+// Failures append a step code and the system error to the caller's error list:
+// 1 opening, writing or an empty file; 2 reading; 4 a record not fit to be written.
+
+#include "sharedid/SharedId.h"
+
+#include <list>
+#include <string>
+
+namespace NS_SHAREDID_UTILS {
+
+inline constexpr DWORD kStepFile = 1;
+inline constexpr DWORD kStepRead = 2;
+inline constexpr DWORD kStepRecord = 4;
+
+bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
+bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
+
+// The file's text, without I/O.
+std::wstring FormatSharedIdText(const CSharedId& record);
+// Fills the stored fields from a file's text (up to its first zero); false when one of the
+// first nine lines is missing or 512 characters or longer.
+bool ParseSharedIdText(const std::wstring& text, CSharedId& record);
+
+}  // namespace NS_SHAREDID_UTILS
