@@ -127,3 +127,54 @@ size_t CountInServiceLog(const std::wstring& text) {
     return count;
 }
 }  // namespace testsupport
+
+#include <winternl.h>
+
+namespace testsupport {
+namespace {
+struct SystemHandleEntry {
+    ULONG ownerPid;
+    BYTE objectType;
+    BYTE flags;
+    USHORT handleValue;
+    PVOID object;
+    ULONG access;
+};
+struct SystemHandleInformation {
+    ULONG count;
+    SystemHandleEntry handles[1];
+};
+constexpr SYSTEM_INFORMATION_CLASS kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
+constexpr NTSTATUS kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
+
+std::wstring HandleTypeName(HANDLE handle) {
+    std::vector<std::uint8_t> buffer(1024);
+    ULONG needed = 0;
+    if (::NtQueryObject(handle, ObjectTypeInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) != 0)
+        return {};
+    auto* info = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer.data());
+    return std::wstring(info->TypeName.Buffer, info->TypeName.Length / sizeof(wchar_t));
+}
+}  // namespace
+
+DWORD CountOwnHandles(const std::wstring& typeName) {
+    DWORD count = 0;
+    if (typeName.empty() && ::GetProcessHandleCount(::GetCurrentProcess(), &count) && count != 0) return count;
+    count = 0;
+    std::vector<std::uint8_t> buffer(1 << 16);
+    NTSTATUS status;
+    ULONG needed = 0;
+    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(),
+                                                static_cast<ULONG>(buffer.size()), &needed)) == kInfoLengthMismatch)
+        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
+    if (status != 0) return 0;
+    auto* info = reinterpret_cast<const SystemHandleInformation*>(buffer.data());
+    const DWORD self = ::GetCurrentProcessId();
+    for (ULONG i = 0; i < info->count; ++i)
+        if (info->handles[i].ownerPid == self &&
+            (typeName.empty() ||
+             HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(info->handles[i].handleValue))) == typeName))
+            ++count;
+    return count;
+}
+}  // namespace testsupport

@@ -55,3 +55,10 @@ std::wstring ServiceLogText();
 // How many times `text` occurs in the service log so far.
 size_t CountInServiceLog(const std::wstring& text);
 }  // namespace testsupport
+
+namespace testsupport {
+// Handles open in this process, all of them or those of one object type ("Process", "Event"):
+// GetProcessHandleCount where the platform answers it, else the system's handle table (Wine
+// answers 0 to the former).
+DWORD CountOwnHandles(const std::wstring& typeName = {});
+}  // namespace testsupport

@@ -1,0 +1,56 @@
+#include "monitor/GarbageCollector.h"
+
+namespace NS_Utils {
+
+namespace {
+constexpr DWORD kStopGraceMs = 500;
+}
+
+CGarbageCollector::~CGarbageCollector() { Stop(); }
+
+bool CGarbageCollector::Start() {
+    CritSecGuard guard(m_startStopLock);
+    if (m_worker || m_running.load() != 0) return true;
+    m_running.store(1);
+    DWORD id = 0;
+    m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, &id));
+    if (!m_worker) {
+        m_running.store(0);
+        return false;
+    }
+    m_workerId.store(id);
+    return true;
+}
+
+void CGarbageCollector::Stop() {
+    CritSecGuard guard(m_startStopLock);
+    if (!m_worker || m_running.load() != 1) return;
+    m_running.store(0);
+    ::SetEvent(m_queue.StopEvent());
+    // The worker cannot wait for itself; it leaves its loop once the current item returns.
+    if (!IsWorkerThread() && ::WaitForSingleObject(m_worker.get(), kStopGraceMs) != WAIT_OBJECT_0)
+        ::TerminateThread(m_worker.get(), 0);
+    m_worker.reset();
+    m_workerId.store(0);
+}
+
+void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
+
+DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
+    static_cast<CGarbageCollector*>(self)->WorkerLoop();
+    return 0;
+}
+
+void CGarbageCollector::WorkerLoop() {
+    HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
+    while (m_running.load() != 0) {
+        DWORD wait = ::WaitForMultipleObjects(2, events, FALSE, INFINITE);
+        if (wait == WAIT_OBJECT_0 + 1) {
+            if (std::optional<WorkItem> item = m_queue.TakeFront()) (*item)();
+        } else if (wait == WAIT_FAILED) {
+            break;
+        }
+    }
+}
+
+}  // namespace NS_Utils

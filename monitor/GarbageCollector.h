@@ -1,0 +1,46 @@
+#pragma once
+// One worker thread that runs queued work items one at a time, in the order queued. Releases of
+// credentials and frees of finished waits go here, so that they never run on the thread that
+// dropped the last reference, which may hold the monitor lock.
+
+#include "common/CriticalSection.h"
+#include "common/WinHandles.h"
+#include "monitor/ConcurrentQueue.h"
+
+#include <atomic>
+#include <functional>
+
+namespace NS_Utils {
+
+class CGarbageCollector {
+public:
+    using WorkItem = std::function<void()>;
+
+    CGarbageCollector() = default;
+    CGarbageCollector(const CGarbageCollector&) = delete;
+    CGarbageCollector& operator=(const CGarbageCollector&) = delete;
+    virtual ~CGarbageCollector();
+
+    // Starts the worker unless it runs; false when the thread could not be made.
+    bool Start();
+    // Ends the worker: it gets 500 ms to finish its current item, then it is ended by force.
+    // Items still queued are not run; they are destroyed with the collector.
+    void Stop();
+
+    // Any thread, including the worker itself.
+    void Queue(WorkItem item);
+    size_t QueuedCount() const { return m_queue.Count(); }
+    bool IsWorkerThread() const { return ::GetCurrentThreadId() == m_workerId.load(); }
+
+private:
+    static DWORD WINAPI WorkerEntry(void* self);
+    void WorkerLoop();
+
+    CriticalSection m_startStopLock;
+    UniqueHandle m_worker;
+    std::atomic<LONG> m_running{0};
+    std::atomic<DWORD> m_workerId{0};
+    CConcurrentQueue<WorkItem> m_queue;
+};
+
+}  // namespace NS_Utils

@@ -1,0 +1,327 @@
+#include "monitor/SharedIdMonitor.h"
+
+#include "common/Log.h"
+
+#include <algorithm>
+
+namespace {
+constexpr const wchar_t* kRegisterTag = L"[SharedIdMonitor::RegisterSharedCreds]\t";
+constexpr const wchar_t* kUnregisterTag = L"[SharedIdMonitor::UnregisterSharedCreds]\t";
+constexpr const wchar_t* kIsTag = L"[SharedIdMonitor::IsCredsRegistered]\t";
+constexpr const wchar_t* kGetTag = L"[SharedIdMonitor::GetCredsRegistered]\t";
+constexpr const wchar_t* kInsertTag = L"[SharedIdMonitor::InsertAndGetPMEntry]\t";
+
+void Log(unsigned short level, const wchar_t* tag, const std::wstring& text) {
+    NS_Log::Log(level, tag + text);
+}
+
+std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
+
+void AddHolder(CSharedId& credential, DWORD pid) {
+    std::vector<DWORD>& holders = credential.HolderPids();
+    if (std::find(holders.begin(), holders.end(), pid) == holders.end()) holders.push_back(pid);
+}
+
+void RemoveHolder(CSharedId& credential, DWORD pid) {
+    std::vector<DWORD>& holders = credential.HolderPids();
+    auto found = std::find(holders.begin(), holders.end(), pid);
+    if (found != holders.end()) holders.erase(found);
+}
+}  // namespace
+
+std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
+    std::shared_ptr<SharedIdMonitor> monitor(new SharedIdMonitor());
+    monitor->m_simGC = std::make_unique<SimGC>(monitor);
+    return monitor;
+}
+
+SharedIdMonitor::SharedIdMonitor() : m_gc(std::make_shared<NS_Utils::CGarbageCollector>()) {}
+
+SharedIdMonitor::~SharedIdMonitor() {
+    // The worker goes first: nothing it runs may meet a half-destroyed monitor. Credentials still
+    // held are not checked in now; their files bring them back at the next start.
+    m_gc->Stop();
+    while (!processMap.empty()) ErasePMEntry(processMap.begin());
+}
+
+void SharedIdMonitor::SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink) {
+    LockGuard lock(*this);
+    m_leaseMonitor = std::move(sink);
+}
+
+size_t SharedIdMonitor::ProcessCount() const {
+    NS_Utils::CritSecGuard lock(m_lock);
+    return processMap.size();
+}
+
+size_t SharedIdMonitor::SignatureEntryCount() const {
+    NS_Utils::CritSecGuard lock(m_lock);
+    return m_AuthToCredMap.size();
+}
+
+std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(const CSharedId& record) {
+    std::weak_ptr<NS_Utils::CGarbageCollector> collector = m_gc;
+    SimGC* simGC = m_simGC.get();
+    // Never destroyed where the last holder lets go (often under the monitor lock): the record
+    // goes to the collector, whose worker checks it in.
+    return std::shared_ptr<CSharedId>(new CSharedId(record), [collector, simGC, this](CSharedId* raw) {
+        std::shared_ptr<CSharedId> released(raw);
+        if (std::shared_ptr<NS_Utils::CGarbageCollector> gc = collector.lock()) {
+            gc->Queue([simGC, monitor = this, released] {
+                ShrId_GCVisitor visitor(released);
+                simGC->AcceptVisitor(&visitor);
+                FreeSharedId(released, monitor);
+            });
+        }
+    });
+}
+
+DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
+    m_gc->Start();
+    LockGuard lock(*this);
+    return RegisterLocked(credential, pid ? *pid : 0);
+}
+
+std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::wstring& signature) {
+    auto [it, end] = m_AuthToCredMap.equal_range(signature);
+    while (it != end) {
+        if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
+            Log(3, kRegisterTag, L" There exists an already registered credential with signature = " + signature);
+            return live;
+        }
+        Log(3, kRegisterTag, L" AuthToCredMap found, but weak_ptr is invalid.");
+        it = m_AuthToCredMap.erase(it);
+    }
+    return nullptr;
+}
+
+DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
+    Log(3, kRegisterTag, L" Started registering shared credential.");
+    if (!credential.IsComplete()) {
+        Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
+        return kIncomplete;
+    }
+    Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
+    if (pid == 0) {
+        Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
+        return kInvalidPid;
+    }
+    const std::wstring signature = credential.GetSignature();
+    if (signature.empty()) return kEmptySignature;
+
+    std::shared_ptr<CSharedId> stored = FindLiveForRegistration(signature);
+    const bool isNew = !stored;
+    if (isNew) stored = MakeCredential(credential);
+
+    auto entry = InsertAndGetPMEntry(pid);
+    if (entry == processMap.end()) {
+        DWORD error = ::GetLastError();
+        Log(1, kRegisterTag, L"InsertAndGetPMEntry failed. GLE = 0x" + NS_Log::Hex(error));
+        // The new credential is released at once and checked in; its release lowers the lease
+        // count, so it is counted here first.
+        if (isNew) LeaseIncrease();
+        return kProcessEntryFailed;
+    }
+    AddHolder(*stored, pid);
+    entry->second.credentials.push_back(stored);
+    PersistLocked(*stored);
+
+    if (isNew) {
+        m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
+        if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
+        LeaseIncrease();
+    }
+    m_releaser.UpdateCorvinCred();
+    Log(3, kRegisterTag, L" Completed successfully.");
+    return kOk;
+}
+
+void SharedIdMonitor::PersistLocked(CSharedId& credential) {
+    const std::wstring earlier = credential.GetFileName();
+    int result = m_storage.Persist(credential);
+    if (result != PersistantStorage::kOk) {
+        Log(1, kRegisterTag, L"Failed to write credential to persistent storage, return value = " +
+                                 std::to_wstring(result));
+        return;
+    }
+    // A credential registered again is written anew; its earlier file would otherwise be found
+    // at the next start and checked in a second time.
+    if (!earlier.empty() && earlier != credential.GetFileName()) {
+        CSharedId previous;
+        previous.SetFileName(earlier);
+        m_storage.Delete(previous);
+    }
+}
+
+DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
+    const DWORD processId = pid ? *pid : 0;
+    Listeners listeners;
+    DWORD result;
+    {
+        LockGuard lock(*this);
+        result = UnregisterLocked(credential, processId, listeners);
+    }
+    for (const auto& listener : listeners) listener->OnUserRemoved(processId);
+    return result;
+}
+
+DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
+    Log(3, kUnregisterTag, L" Start unregistering shared credential.");
+    if (!credential.HasSignature()) {
+        Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
+        return kIncomplete;
+    }
+    if (pid == 0) {
+        Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
+        return kInvalidPid;
+    }
+    const std::wstring signature = credential.GetSignature();
+    if (signature.empty()) {
+        Log(1, kRegisterTag, L" Error: Empty Credentials Signature.");
+        return kEmptySignature;
+    }
+    auto entry = processMap.find(pid);
+    if (entry == processMap.end()) {
+        Log(2, kUnregisterTag, L" No ProcessMap found for PID" + Pid(pid));
+        return kProcessNotRegistered;
+    }
+    auto [first, end] = m_AuthToCredMap.equal_range(signature);
+    if (first == end) {
+        Log(2, kUnregisterTag, L" Error: No existing auth service to credential mapping found.");
+        return kNotAlive;
+    }
+    Log(3, kUnregisterTag, L" Found " + std::to_wstring(std::distance(first, end)) +
+                               L" shared credential object(s) matching the singature = " + signature);
+
+    std::vector<std::shared_ptr<CSharedId>>& held = entry->second.credentials;
+    bool lastAlive = false;
+    bool matched = false;
+    size_t count = 0;
+    for (auto it = first; it != end && !matched; ++it) {
+        ++count;
+        std::shared_ptr<CSharedId> live = it->second.weak.lock();
+        lastAlive = live != nullptr;
+        if (!live) {
+            Log(3, kUnregisterTag, L" Shared credentials for PID" + Pid(pid) + L" was already released.");
+            continue;
+        }
+        auto mine = std::find(held.begin(), held.end(), live);
+        if (mine == held.end()) {
+            Log(2, kUnregisterTag, L" could not find the shared object in the process shared cred list for pid = " +
+                                       std::to_wstring(pid));
+            continue;
+        }
+        Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
+                               L"ProcessMapValue for PID" + Pid(pid));
+        held.erase(mine);
+        RemoveHolder(*live, pid);
+        listeners = live->GetListeners();
+        Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
+        matched = true;
+    }
+    if (!matched)
+        Log(2, kUnregisterTag, L" could not find shared object with signature " + signature +
+                                   L" in the process list for pid = " + std::to_wstring(pid) + L" tried to look for " +
+                                   std::to_wstring(count) +
+                                   L" different shared objects (that has the same sig) in the process list");
+    if (held.empty()) {
+        Log(3, kUnregisterTag, L" Process not holding anymore shared credentials. Removing PID" + Pid(pid) +
+                                   L" from processMap");
+        ErasePMEntry(entry);
+    }
+    return lastAlive ? kOk : kNotAlive;
+}
+
+bool SharedIdMonitor::IsCredsRegistered(const CSharedId& credential, CSharedId* registered) {
+    LockGuard lock(*this);
+    Log(4, kIsTag, L" Start checking for registered shared credential.");
+    if (!credential.HasSignature()) {
+        Log(1, kIsTag, L" Error: Shared ID information not completed.");
+        return false;
+    }
+    auto [it, end] = m_AuthToCredMap.equal_range(credential.GetSignature());
+    if (it == end) {
+        Log(3, kIsTag, L" No existing auth service to credential mapping found.");
+        return false;
+    }
+    for (; it != end; ++it) {
+        if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
+            *registered = *live;
+            Log(3, kIsTag, L" Shared credential was already registered.");
+            return true;
+        }
+    }
+    Log(3, kIsTag, L" No previously registered shared credential found.");
+    return false;
+}
+
+bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered) {
+    if (pid == 0) {
+        Log(1, kGetTag, L" Error: Invalid PID" + Pid(pid));
+        return false;
+    }
+    Listeners listeners;
+    bool found;
+    {
+        LockGuard lock(*this);
+        found = GetLocked(pid, credential, registered, listeners);
+    }
+    for (const auto& listener : listeners) listener->OnUserAdded(pid);
+    return found;
+}
+
+bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered,
+                                Listeners& listeners) {
+    Log(4, kGetTag, L" Start checking for registered shared credential.");
+    if (!credential.HasSignature()) {
+        Log(1, kGetTag, L" Error: Shared ID information not completed.");
+        return false;
+    }
+    auto [it, end] = m_AuthToCredMap.equal_range(credential.GetSignature());
+    if (it == end) {
+        Log(3, kGetTag, L" No existing auth service to credential mapping found.");
+        return false;
+    }
+    for (; it != end; ++it) {
+        std::shared_ptr<CSharedId> live = it->second.weak.lock();
+        if (!live) {
+            Log(3, kGetTag, L" Found a matching shared credential but the object reference is null");
+            continue;
+        }
+        Log(3, kGetTag, L" Shared credential was already registered.");
+        auto entry = InsertAndGetPMEntry(pid);
+        if (entry == processMap.end()) {
+            Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
+            return false;
+        }
+        AddHolder(*live, pid);
+        entry->second.credentials.push_back(live);
+        *registered = *live;
+        listeners = live->GetListeners();
+        return true;
+    }
+    return false;
+}
+
+SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD pid) {
+    auto existing = processMap.find(pid);
+    if (existing != processMap.end()) return existing;
+
+    HANDLE process = ::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid);
+    if (!process) {
+        DWORD error = ::GetLastError();
+        Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
+                               std::to_wstring(error));
+        ::SetLastError(error);
+        return processMap.end();
+    }
+    Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
+    std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(process, pid);
+    if (!waitInfo) {
+        DWORD error = ::GetLastError();
+        Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
+        ::SetLastError(error);
+        return processMap.end();
+    }
+    return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}}).first;
+}

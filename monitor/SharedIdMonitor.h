@@ -1,0 +1,120 @@
+#pragma once
+// Which process holds which shared credential. Credentials are owned only by the strong
+// pointers in process entries; when the last one goes, the credential is handed to the
+// collector, which checks it in on its own thread. One lock guards both maps.
+
+#include "checkin/SharedIdReleaser.h"
+#include "common/CriticalSection.h"
+#include "lease/LeaseExpirySink.h"
+#include "monitor/GarbageCollector.h"
+#include "monitor/SimGC.h"
+#include "monitor/WaitInfo.h"
+#include "sharedid/PersistantStorage.h"
+#include "sharedid/SharedId.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+class SharedIdMonitor : public std::enable_shared_from_this<SharedIdMonitor> {
+public:
+    // Results of RegisterSharedCreds and UnregisterSharedCreds, passed to clients unchanged.
+    enum Result : DWORD {
+        kOk = 0,
+        kProcessEntryFailed = 1,
+        kInvalidPid = 2,
+        kIncomplete = 4,
+        kNotAlive = 5,
+        kProcessNotRegistered = 7,
+        kEmptySignature = 8,
+    };
+
+    struct ProcessMapValue {
+        std::shared_ptr<WaitInfo> waitInfo;
+        std::vector<std::shared_ptr<CSharedId>> credentials;  // in the order added, duplicates kept
+    };
+    using ProcessMap = std::map<DWORD, ProcessMapValue>;
+
+    // The monitor lives in a shared pointer: waits and the collector hold weak references to it.
+    // It must not be destroyed on the collector's worker thread.
+    static std::shared_ptr<SharedIdMonitor> Create();
+    SharedIdMonitor(const SharedIdMonitor&) = delete;
+    SharedIdMonitor& operator=(const SharedIdMonitor&) = delete;
+    ~SharedIdMonitor();
+
+    DWORD RegisterSharedCreds(const CSharedId& credential, const DWORD* pid);
+    DWORD UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid);
+    bool IsCredsRegistered(const CSharedId& credential, CSharedId* registered);
+    // Also makes `pid` a holder of the credential found: how a client takes one over.
+    bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
+
+    std::shared_ptr<WaitInfo> StartWaitForProcess(HANDLE process, DWORD pid);
+    static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
+    void OnProcessExit(const DWORD* pid);
+
+    void OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record);
+    // Queues every credential file left by an earlier run for check-in.
+    bool GCUncheckedInCredentials();
+    // The collector's work item for a released credential: check-in, file, lease count.
+    static void FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor);
+
+    void LeaseIncrease();
+    void LeaseDecrease();
+    LONG LeaseCount() const { return m_leaseCount.load(); }
+
+    NS_Utils::CGarbageCollector& Collector() { return *m_gc; }
+    PersistantStorage& Storage() { return m_storage; }
+    void SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink);
+
+    // For diagnostics: processes with an entry, and signature entries (live or expired).
+    size_t ProcessCount() const;
+    size_t SignatureEntryCount() const;
+
+private:
+    struct CredentialRef {
+        std::weak_ptr<CSharedId> weak;
+        const CSharedId* address;  // identifies the record once the weak pointer has expired
+    };
+    using SignatureMap = std::multimap<std::wstring, CredentialRef>;
+    using Listeners = std::vector<std::shared_ptr<AbsSharedCredListener>>;
+    // Enters the monitor lock and keeps the count of holders beside it.
+    class LockGuard {
+    public:
+        explicit LockGuard(SharedIdMonitor& monitor) : m_monitor(monitor) {
+            m_monitor.m_lock.Enter();
+            ++m_monitor.m_lockHolders;
+        }
+        LockGuard(const LockGuard&) = delete;
+        LockGuard& operator=(const LockGuard&) = delete;
+        ~LockGuard() {
+            --m_monitor.m_lockHolders;
+            m_monitor.m_lock.Leave();
+        }
+
+    private:
+        SharedIdMonitor& m_monitor;
+    };
+
+    SharedIdMonitor();
+    ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
+    void ErasePMEntry(ProcessMap::iterator entry);
+    std::shared_ptr<CSharedId> MakeCredential(const CSharedId& record);
+    std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
+    DWORD RegisterLocked(const CSharedId& credential, DWORD pid);
+    DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
+    bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
+    void PersistLocked(CSharedId& credential);
+
+    mutable NS_Utils::CriticalSection m_lock;
+    std::atomic<LONG> m_lockHolders{0};
+    ProcessMap processMap;
+    SignatureMap m_AuthToCredMap;
+    std::shared_ptr<NS_Utils::CGarbageCollector> m_gc;
+    std::unique_ptr<SimGC> m_simGC;
+    PersistantStorage m_storage;
+    SharedIdReleaser m_releaser;
+    std::shared_ptr<ILeaseExpirySink> m_leaseMonitor;
+    std::atomic<LONG> m_leaseCount{0};
+};

@@ -1,0 +1,128 @@
+// The monitor's release paths: process-exit waits, the collector's callbacks, and the lease count.
+
+#include "common/Log.h"
+#include "monitor/SharedIdMonitor.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace {
+constexpr const wchar_t* kExitTag = L"[SharedIdMonitor::OnProcessExit]\t";
+constexpr const wchar_t* kFreeTag = L"[SharedIdMonitor::FreeSharedId]\t";
+constexpr const wchar_t* kGcTag = L"[SharedIdMonitor::GCUncheckedInCredentials]\t";
+constexpr const wchar_t* kReadyTag = L"[SharedIdMonitor::OnSharedIDReadyForGC]\t";
+}  // namespace
+
+std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(HANDLE process, DWORD pid) {
+    auto waitInfo = std::make_shared<WaitInfo>(weak_from_this(), pid, process);
+    if (!waitInfo->Register(waitInfo, &SharedIdMonitor::WaitCallback)) return nullptr;
+    return waitInfo;
+}
+
+void CALLBACK SharedIdMonitor::WaitCallback(void* context, BOOLEAN timerOrWaitFired) {
+    if (!context) {
+        NS_Log::Log(1, L"[SharedIdMonitor::WaitCallback]\t Unable to get shared_ptr to WaitInfo object.");
+        return;
+    }
+    // A copy first: ending the wait from inside this callback may free the context.
+    std::shared_ptr<WaitInfo> waitInfo = *static_cast<std::shared_ptr<WaitInfo>*>(context);
+    waitInfo->OnWaitDone(timerOrWaitFired != 0);
+}
+
+void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
+    const DWORD processId = pid ? *pid : 0;
+    {
+        LockGuard lock(*this);
+        NS_Log::Log(3, kExitTag + std::wstring(L" Start clearing shared credentials for PID(") +
+                           std::to_wstring(processId) + L") exits.");
+        if (processId == 0) {
+            NS_Log::Log(1, kExitTag + std::wstring(L" Error: Invalid PID (") + std::to_wstring(processId) + L")");
+            return;
+        }
+        auto entry = processMap.find(processId);
+        if (entry == processMap.end()) {
+            NS_Log::Log(3, kExitTag + std::wstring(L" Error: PID(") + std::to_wstring(processId) +
+                               L") not found in processMap.");
+            return;
+        }
+        ErasePMEntry(entry);
+    }
+    NS_Log::Log(3, kExitTag + std::wstring(L" Completed successfully."));
+}
+
+void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
+    const DWORD pid = entry->first;
+    NS_Log::Log(4, L"[SharedIdMonitor::ErasePMEntry]\t unregistering wait for PID (" + std::to_wstring(pid) + L")");
+    entry->second.waitInfo->TerminateWait();
+    for (const auto& credential : entry->second.credentials) {
+        std::vector<DWORD>& holders = credential->HolderPids();
+        auto found = std::find(holders.begin(), holders.end(), pid);
+        if (found != holders.end()) holders.erase(found);
+    }
+    processMap.erase(entry);
+}
+
+void SharedIdMonitor::OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record) {
+    LockGuard lock(*this);
+    auto [it, end] = m_AuthToCredMap.equal_range(signature);
+    for (; it != end; ++it) {
+        if (it->second.address == record) {
+            m_AuthToCredMap.erase(it);
+            NS_Log::Log(3, kReadyTag + std::wstring(L" entry with signature ") + signature + L" removed from m_AuthToCredMap");
+            return;
+        }
+    }
+    std::wostringstream pointer;
+    pointer << static_cast<const void*>(record);
+    NS_Log::Log(2, kReadyTag + std::wstring(L" could not find sharedid object with signature ") + signature +
+                       L" and object pointer = " + pointer.str());
+}
+
+bool SharedIdMonitor::GCUncheckedInCredentials() {
+    std::list<CSharedId> stored;
+    int result = m_storage.EnumCreds(stored);
+    if (result != PersistantStorage::kOk) {
+        NS_Log::Log(1, kGcTag + std::wstring(L" Unable to enumerate credentials in persistent storage, ret = ") +
+                           std::to_wstring(result));
+        return false;
+    }
+    size_t count = 0;
+    for (CSharedId& record : stored) {
+        NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
+        LeaseIncrease();
+        auto credential = std::make_shared<CSharedId>(std::move(record));
+        m_gc->Queue([credential, this] { FreeSharedId(credential, this); });
+        ++count;
+    }
+    NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
+    // Nothing holds these any more: they are checked in now, not at the first registration.
+    m_gc->Start();
+    return true;
+}
+
+void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor) {
+    NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
+    if (!credential || !monitor) return;
+    // Without a usable releaser the credential is forgotten all the same: the service never
+    // keeps a credential it cannot return.
+    if (monitor->m_releaser.Init()) {
+        // The check-in exchange and its retries come with the agent's check-in object.
+    }
+    int deleted = monitor->m_storage.Delete(*credential);
+    if (deleted != PersistantStorage::kOk)
+        NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
+                           std::to_wstring(deleted));
+    NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
+    credential.reset();
+    monitor->LeaseDecrease();
+}
+
+void SharedIdMonitor::LeaseIncrease() {
+    LONG count = ++m_leaseCount;
+    NS_Log::Log(3, L"[SharedIdMonitor::LeaseIncrease]\t Number of leases: " + std::to_wstring(count));
+}
+
+void SharedIdMonitor::LeaseDecrease() {
+    LONG count = --m_leaseCount;
+    NS_Log::Log(3, L"[SharedIdMonitor::LeaseDecrease]\t Number of leases: " + std::to_wstring(count));
+}

@@ -1,0 +1,49 @@
+#pragma once
+// A one-shot thread-pool wait on a holder process. It owns the process handle, which is closed
+// with the WaitInfo, and that happens only once the pool can no longer run its callback.
+
+#include "common/WinHandles.h"
+
+#include <atomic>
+#include <memory>
+
+class SharedIdMonitor;
+
+class WaitInfo {
+public:
+    // Takes ownership of `process`.
+    WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, HANDLE process);
+    WaitInfo(const WaitInfo&) = delete;
+    WaitInfo& operator=(const WaitInfo&) = delete;
+
+    // Registers the wait with a strong reference to `self` as the callback's context.
+    bool Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback);
+
+    void OnWaitDone(bool timedOut);
+    // Ends the wait without blocking; only the first caller does anything.
+    void TerminateWait();
+    void RegisterToGC();
+    // Queues FreeWaitInfo for `self` on its monitor's collector; false when the monitor is gone.
+    static bool QueueFree(const std::shared_ptr<WaitInfo>& self);
+    // The event the pool signals once no callback of this wait runs any more; made on first use.
+    bool EnsureCancelEvent();
+    HANDLE CancelEvent() const { return m_hWaitCancel.get(); }
+    // Drops the callback's context once the wait can no longer fire.
+    void ReleaseContext();
+
+    DWORD Pid() const { return m_pid; }
+    HANDLE Process() const { return m_process.get(); }
+
+private:
+    std::weak_ptr<SharedIdMonitor> m_monitor;
+    DWORD m_pid;
+    NS_Utils::UniqueHandle m_process;
+    HANDLE m_hWait = nullptr;  // owned by the pool until UnregisterWaitEx
+    std::atomic<LONG> m_terminating{0};
+    NS_Utils::UniqueHandle m_hWaitCancel;
+    std::unique_ptr<std::shared_ptr<WaitInfo>> m_context;
+};
+
+// The collector's work item: frees the WaitInfo once its cancel event is signalled, and queues
+// itself again until then.
+void FreeWaitInfo(std::shared_ptr<WaitInfo> waitInfo);

@@ -1,0 +1,73 @@
+#include "tests/monitor/MonitorFixture.h"
+
+#include <cstdio>
+#include <random>
+#include <functional>
+
+using namespace testsupport;
+
+namespace {
+
+class StressTest : public MonitorTest {
+protected:
+    // Each worker starts its holders, registers 1 to 3 credentials for each from a small set of
+    // signatures (so holders share credentials), releases some again and ends the holders, in
+    // an order that differs per worker.
+    void Round(int workers, int holdersPerWorker, unsigned seed) {
+        std::vector<std::function<void()>> bodies;
+        std::atomic<int> failures{0};
+        for (int w = 0; w < workers; ++w) {
+            bodies.emplace_back([&, w] {
+                std::mt19937 rng(seed + w);
+                std::vector<ChildProcess> holders;
+                for (int h = 0; h < holdersPerWorker; ++h) holders.push_back(StartHolder());
+                for (ChildProcess& holder : holders) {
+                    int count = 1 + static_cast<int>(rng() % 3);
+                    for (int c = 0; c < count; ++c) {
+                        CSharedId credential = Credential(L"role-" + std::to_wstring(rng() % 8));
+                        if (Register(credential, holder.Id()) != SharedIdMonitor::kOk) ++failures;
+                        if (rng() % 3 == 0) Unregister(credential, holder.Id());
+                    }
+                }
+                std::shuffle(holders.begin(), holders.end(), rng);
+                for (ChildProcess& holder : holders) holder.Kill();
+            });
+        }
+        std::vector<NS_Utils::UniqueHandle> threads;
+        for (auto& body : bodies)
+            threads.emplace_back(::CreateThread(
+                nullptr, 0, [](void* f) -> DWORD { (*static_cast<std::function<void()>*>(f))(); return 0; }, &body, 0,
+                nullptr));
+        for (auto& t : threads) ::WaitForSingleObject(t.get(), INFINITE);
+        EXPECT_EQ(failures.load(), 0);
+    }
+};
+
+TEST_F(StressTest, ManyHoldersRegisteringReleasingAndExitingSettleToNothing) {
+    Round(4, 16, 1);  // let the thread pool and the collector reach their working size
+    ASSERT_TRUE(WaitUntil([&] { return Settled(); }, 60000));
+    // Queued frees of finished waits run after the credentials are settled.
+    ASSERT_TRUE(WaitUntil([&] { return monitor->Collector().QueuedCount() == 0; }));
+    // The monitor opens a process handle and a cancel event per holder. Other kinds vary with
+    // the platform's own thread pool and debug-output channel, so they are only reported.
+    const DWORD processesBefore = CountOwnHandles(L"Process");
+    const DWORD eventsBefore = CountOwnHandles(L"Event");
+    const DWORD allBefore = CountOwnHandles();
+
+    for (unsigned round = 0; round < 3; ++round) {
+        Round(4, 16, 100 * (round + 1));
+        ASSERT_TRUE(WaitUntil([&] { return Settled(); }, 120000))
+            << "leases " << monitor->LeaseCount() << ", processes " << monitor->ProcessCount() << ", entries "
+            << monitor->SignatureEntryCount() << ", files " << FileCount();
+        // A queued free may still be running its last item; its handles go when it returns.
+        EXPECT_TRUE(WaitUntil([&] { return CountOwnHandles(L"Process") == processesBefore; }))
+            << "round " << round << ": " << CountOwnHandles(L"Process") << " process handles, " << processesBefore
+            << " before";
+    }
+    EXPECT_GT(allBefore, 0u) << "the handle table was read";
+    EXPECT_TRUE(WaitUntil([&] { return CountOwnHandles(L"Event") == eventsBefore; }))
+        << CountOwnHandles(L"Event") << " events, " << eventsBefore << " before";
+    std::printf("handles: %lu before, %lu after\n", allBefore, CountOwnHandles());
+}
+
+}  // namespace
