@@ -49,6 +49,8 @@ void SharedIdMonitor::SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink)
     m_leaseMonitor = std::move(sink);
 }
 
+bool SharedIdMonitor::StartLeaseMonitor() { return m_leaseMonitor != nullptr; }
+
 size_t SharedIdMonitor::ProcessCount() const {
     NS_Utils::CritSecGuard lock(m_lock);
     return processMap.size();

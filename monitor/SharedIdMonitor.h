@@ -67,6 +67,8 @@ public:
     NS_Utils::CGarbageCollector& Collector() { return *m_gc; }
     PersistantStorage& Storage() { return m_storage; }
     void SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink);
+    // Starts watching lease expiries; false while this build has no lease monitor.
+    bool StartLeaseMonitor();
 
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;

@@ -1,0 +1,141 @@
+#include "host/Registration.h"
+
+#include "common/ComHandles.h"
+#include "common/WinHandles.h"
+
+#include <oleauto.h>
+
+#include <string>
+#include <vector>
+
+// oleaut32 exports these; the SDK headers of this toolchain do not declare them.
+extern "C" HRESULT WINAPI RegisterTypeLibForUser(ITypeLib* library, OLECHAR* path, OLECHAR* helpDir);
+extern "C" HRESULT WINAPI UnRegisterTypeLibForUser(REFGUID libId, WORD major, WORD minor, LCID lcid, SYSKIND kind);
+
+namespace NS_Registration {
+
+namespace {
+constexpr const wchar_t* kAppId = L"{17349E01-5B00-4800-A3D1-1AE3E1574B5D}";
+constexpr const wchar_t* kClsid = L"{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}";
+constexpr const wchar_t* kTypeLib = L"{B6A57EE2-3022-44AA-9E24-04C8632479F1}";
+constexpr GUID kLibId = {0xB6A57EE2, 0x3022, 0x44AA, {0x9E, 0x24, 0x04, 0xC8, 0x63, 0x24, 0x79, 0xF1}};
+constexpr const wchar_t* kClassName = L"Tarrow Class";
+constexpr const wchar_t* kProgId = L"Tarrow.Tarrow.1";
+constexpr const wchar_t* kVersionIndependentProgId = L"Tarrow.Tarrow";
+
+struct Entry {
+    std::wstring key;  // below the classes root
+    const wchar_t* valueName;  // nullptr: the key's default value
+    std::wstring text;  // written when `isDword` is false; an empty text with no value name makes only the key
+    bool isDword = false;
+    DWORD number = 0;
+};
+
+std::wstring ExecutablePath() {
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (n < path.size()) return path.substr(0, n);
+        path.resize(path.size() * 2);
+    }
+}
+
+std::wstring TypeLibraryPath() {
+    std::wstring exe = ExecutablePath();
+    return exe.substr(0, exe.find_last_of(L"\\/") + 1) + L"Tarrow.tlb";
+}
+
+const std::wstring kClassKey = std::wstring(L"CLSID\\") + kClsid;
+
+std::vector<Entry> Entries() {
+    const std::wstring appIdKey = std::wstring(L"AppID\\") + kAppId;
+    return {
+        {appIdKey, nullptr, L"Tarrow"},
+        {appIdKey, L"ROTFlags", L"", true, 1},
+        {L"AppID\\Tarrow.EXE", L"AppID", kAppId},
+        {kProgId, nullptr, kClassName},
+        {std::wstring(kProgId) + L"\\CLSID", nullptr, kClsid},
+        {kVersionIndependentProgId, nullptr, kClassName},
+        {std::wstring(kVersionIndependentProgId) + L"\\CLSID", nullptr, kClsid},
+        {std::wstring(kVersionIndependentProgId) + L"\\CurVer", nullptr, kProgId},
+        {kClassKey, nullptr, kClassName},
+        {kClassKey + L"\\ProgID", nullptr, kProgId},
+        {kClassKey + L"\\VersionIndependentProgID", nullptr, kVersionIndependentProgId},
+        {kClassKey + L"\\Programmable", nullptr, L""},
+        {kClassKey + L"\\LocalServer32", nullptr, ExecutablePath()},
+        {kClassKey + L"\\TypeLib", nullptr, kTypeLib},
+    };
+}
+
+// Removed on unregistration; the "AppID" key that holds the first two stays.
+std::vector<std::wstring> OwnedKeys() {
+    return {std::wstring(L"AppID\\") + kAppId, L"AppID\\Tarrow.EXE", kProgId, kVersionIndependentProgId, kClassKey};
+}
+
+HKEY ClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
+    HKEY base = scope == Scope::AllUsers ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
+    ::RegCreateKeyExW(base, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, owner.put(), nullptr);
+    return owner.get();
+}
+
+LSTATUS Write(HKEY root, const Entry& entry) {
+    NS_Utils::UniqueRegKey key;
+    LSTATUS status = ::RegCreateKeyExW(root, entry.key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
+    if (status != ERROR_SUCCESS) return status;
+    if (entry.isDword)
+        return ::RegSetValueExW(key.get(), entry.valueName, 0, REG_DWORD,
+                                reinterpret_cast<const BYTE*>(&entry.number), sizeof(DWORD));
+    if (entry.valueName == nullptr && entry.text.empty()) return ERROR_SUCCESS;
+    return ::RegSetValueExW(key.get(), entry.valueName, 0, REG_SZ, reinterpret_cast<const BYTE*>(entry.text.c_str()),
+                            static_cast<DWORD>((entry.text.size() + 1) * sizeof(wchar_t)));
+}
+
+LSTATUS DeleteTree(HKEY root, const std::wstring& key) {
+    LSTATUS status = ::RegDeleteTreeW(root, key.c_str());
+    if (status == ERROR_SUCCESS) status = ::RegDeleteKeyW(root, key.c_str());
+    return status == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : status;
+}
+
+HRESULT RegisterTypeLibrary(Scope scope) {
+    std::wstring path = TypeLibraryPath();
+    NS_Utils::ComPtr<ITypeLib> library;
+    HRESULT hr = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.put());
+    if (FAILED(hr)) return hr;
+    return scope == Scope::AllUsers ? ::RegisterTypeLib(library.get(), path.data(), nullptr)
+                                    : ::RegisterTypeLibForUser(library.get(), path.data(), nullptr);
+}
+
+HRESULT UnregisterTypeLibrary(Scope scope) {
+    HRESULT hr = scope == Scope::AllUsers ? ::UnRegisterTypeLib(kLibId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64)
+                                          : ::UnRegisterTypeLibForUser(kLibId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    return hr == TYPE_E_REGISTRYACCESS || hr == TYPE_E_CANTLOADLIBRARY ? S_OK : hr;
+}
+}  // namespace
+
+HRESULT RegisterServer(Scope scope) {
+    NS_Utils::UniqueRegKey owner;
+    HKEY root = ClassesRoot(scope, owner);
+    if (!root) return E_ACCESSDENIED;
+    // The class key is written afresh: nothing of an earlier registration lingers in it.
+    LSTATUS status = DeleteTree(root, kClassKey);
+    for (const Entry& entry : Entries()) {
+        if (status != ERROR_SUCCESS) break;
+        status = Write(root, entry);
+    }
+    if (status != ERROR_SUCCESS) return HRESULT_FROM_WIN32(status);
+    return RegisterTypeLibrary(scope);
+}
+
+HRESULT UnregisterServer(Scope scope) {
+    NS_Utils::UniqueRegKey owner;
+    HKEY root = ClassesRoot(scope, owner);
+    if (!root) return E_ACCESSDENIED;
+    HRESULT result = UnregisterTypeLibrary(scope);
+    for (const std::wstring& key : OwnedKeys()) {
+        LSTATUS status = DeleteTree(root, key);
+        if (status != ERROR_SUCCESS && SUCCEEDED(result)) result = HRESULT_FROM_WIN32(status);
+    }
+    return result;
+}
+
+}  // namespace NS_Registration

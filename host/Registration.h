@@ -1,0 +1,16 @@
+#pragma once
+// The registry entries of the server: its AppID and its class, written under the classes root of
+// all users or of the current user, and its type library.
+
+#include <windows.h>
+
+namespace NS_Registration {
+
+// The classes root a registration writes to.
+enum class Scope { AllUsers, CurrentUser };
+
+HRESULT RegisterServer(Scope scope);
+// Removes what RegisterServer wrote, except the "AppID" key itself.
+HRESULT UnregisterServer(Scope scope);
+
+}  // namespace NS_Registration

@@ -1,0 +1,175 @@
+#include "host/Tarrow.h"
+
+#include "common/Log.h"
+#include "host/SharedIdSerializer.h"
+#include "host/TarrowModule.h"
+
+#include <new>
+
+namespace {
+constexpr const wchar_t* kMoniker = L"KELTARROW";
+
+std::wstring Text(BSTR value) { return value ? std::wstring(value, ::SysStringLen(value)) : std::wstring(); }
+
+std::wstring HexResult(HRESULT hr) { return NS_Log::Hex(static_cast<unsigned long>(hr)); }
+}  // namespace
+
+NS_Utils::ComPtr<CTarrow> CTarrow::Create() { return NS_Utils::ComPtr<CTarrow>::Attach(new CTarrow()); }
+
+CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
+    CTarrowModule::Instance().Lock();
+    if (!m_monitor->GCUncheckedInCredentials()) NS_Log::Log(1, L"[Tarrow::Tarrow]\t GCUncheckedInCredentials failed.");
+    if (!m_monitor->StartLeaseMonitor()) NS_Log::Log(2, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
+}
+
+CTarrow::~CTarrow() {
+    m_monitor.reset();
+    CTarrowModule::Instance().Unlock();
+}
+
+HRESULT CTarrow::QueryInterface(REFIID iid, void** object) {
+    if (!object) return E_POINTER;
+    if (iid == IID_IUnknown || iid == IID_IDispatch || iid == IID_ITarrow) {
+        *object = static_cast<ITarrow*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+}
+
+ULONG CTarrow::AddRef() { return ++m_refs; }
+
+ULONG CTarrow::Release() {
+    ULONG count = --m_refs;
+    if (count == 0) delete this;
+    return count;
+}
+
+HRESULT CTarrow::LoadTypeInfo() {
+    if (m_typeInfo) return S_OK;
+    wchar_t exe[MAX_PATH * 2];
+    DWORD n = ::GetModuleFileNameW(nullptr, exe, MAX_PATH * 2);
+    std::wstring path(exe, n);
+    path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"Tarrow.tlb";
+    NS_Utils::ComPtr<ITypeLib> library;
+    HRESULT hr = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.put());
+    if (FAILED(hr)) hr = ::LoadRegTypeLib(LIBID_KelSlnHelperLib, 1, 0, LOCALE_NEUTRAL, library.put());
+    if (FAILED(hr)) return hr;
+    return library->GetTypeInfoOfGuid(IID_ITarrow, m_typeInfo.put());
+}
+
+HRESULT CTarrow::GetTypeInfoCount(UINT* count) {
+    if (!count) return E_POINTER;
+    *count = SUCCEEDED(LoadTypeInfo()) ? 1 : 0;
+    return S_OK;
+}
+
+HRESULT CTarrow::GetTypeInfo(UINT index, LCID, ITypeInfo** info) {
+    if (!info) return E_POINTER;
+    *info = nullptr;
+    if (index != 0) return DISP_E_BADINDEX;
+    HRESULT hr = LoadTypeInfo();
+    if (FAILED(hr)) return hr;
+    m_typeInfo->AddRef();
+    *info = m_typeInfo.get();
+    return S_OK;
+}
+
+HRESULT CTarrow::GetIDsOfNames(REFIID, LPOLESTR* names, UINT count, LCID, DISPID* ids) {
+    HRESULT hr = LoadTypeInfo();
+    return FAILED(hr) ? hr : ::DispGetIDsOfNames(m_typeInfo.get(), names, count, ids);
+}
+
+HRESULT CTarrow::Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* params, VARIANT* result,
+                        EXCEPINFO* exception, UINT* argumentError) {
+    if (iid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
+    HRESULT hr = LoadTypeInfo();
+    if (FAILED(hr)) return hr;
+    return ::DispInvoke(static_cast<ITarrow*>(this), m_typeInfo.get(), id, flags, params, result, exception,
+                        argumentError);
+}
+
+HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR corvinAuthSrvId, BSTR auxText1,
+                                  BSTR authSvcId, BSTR sharedId, BSTR auxText2, BSTR roleId, BSTR auxText4,
+                                  BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6,
+                                  DWORD* result) {
+    if (!result) return E_POINTER;
+    CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
+                     Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
+                     flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
+    *result = m_monitor->RegisterSharedCreds(record, &processId);
+    if (*result == 0)
+        NS_Log::Log(3, L"[Tarrow::RegisterSharedId]\t Shared ID registered successfully.");
+    else
+        NS_Log::Log(1, L"[Tarrow::RegisterSharedId]\t Shared ID registration failed with error = " +
+                           std::to_wstring(*result));
+    return S_OK;
+}
+
+HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
+    if (!result) return E_POINTER;
+    CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
+    NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
+    *result = m_monitor->UnregisterSharedCreds(key, &processId);
+    if (*result == 0)
+        NS_Log::Log(3, L"[Tarrow::ReleaseSharedId]\t Shared ID released successfully.");
+    else
+        NS_Log::Log(1, L"[Tarrow::ReleaseSharedId]\t Shared ID release failed with error = " + std::to_wstring(*result));
+    return S_OK;
+}
+
+HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
+                                       VARIANT_BOOL ownOnly, BSTR* serialized) {
+    if (!serialized) return E_POINTER;
+    CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
+    CSharedId found;
+    bool registered = ownOnly != 0 ? m_monitor->GetCredsRegistered(processId, key, &found)
+                                   : m_monitor->IsCredsRegistered(key, &found);
+    if (!registered) {
+        NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID not registered in Tarrow.exe");
+        return S_FALSE;
+    }
+    NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID already registered in Tarrow.exe.");
+    std::vector<std::uint8_t> bytes = NS_DATA_STREAM_UTILS::SerializeSharedId(found);
+    BSTR out = ::SysAllocStringByteLen(reinterpret_cast<const char*>(bytes.data()), static_cast<UINT>(bytes.size()));
+    if (!out) return E_OUTOFMEMORY;
+    *serialized = out;
+    return S_OK;
+}
+
+HRESULT CTarrow::RegisterInROT() {
+    if (m_rotCookie != 0) return S_FALSE;
+    NS_Utils::ComPtr<IRunningObjectTable> table;
+    HRESULT hr = ::GetRunningObjectTable(0, table.put());
+    if (FAILED(hr)) {
+        NS_Log::Log(1, L"[CTarrow::RegisterInROT]\t GetRunningObjectTable failed - HRESULT = 0x" + HexResult(hr));
+        return hr;
+    }
+    NS_Utils::ComPtr<IMoniker> moniker;
+    hr = ::CreateItemMoniker(nullptr, kMoniker, moniker.put());
+    if (FAILED(hr)) {
+        NS_Log::Log(1, L"[CTarrow::RegisterInROT]\t CreateItemMoniker failed - HRESULT = 0x" + HexResult(hr));
+        return hr;
+    }
+    NS_Utils::ComPtr<CTarrow> self = NS_Utils::ComPtr<CTarrow>::Attach(this);
+    AddRef();
+    hr = table->Register(ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT, static_cast<ITarrow*>(this),
+                         moniker.get(), &m_rotCookie);
+    NS_Log::Log(3, L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
+                       std::to_wstring(hr));
+    return hr;
+}
+
+HRESULT CTarrow::RevokeFromROT() {
+    NS_Utils::ComPtr<IRunningObjectTable> table;
+    HRESULT hr = ::GetRunningObjectTable(0, table.put());
+    if (FAILED(hr)) {
+        NS_Log::Log(1, L"[CTarrow::RevokeFromROT]\t GetRunningObjectTable failed; hr = " + std::to_wstring(hr));
+        return hr;
+    }
+    if (m_rotCookie == 0) return S_FALSE;
+    hr = table->Revoke(m_rotCookie);
+    m_rotCookie = 0;
+    return hr;
+}

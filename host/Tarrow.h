@@ -1,0 +1,53 @@
+#pragma once
+// The service's COM object. A thin adapter: COM arguments become a credential record, the
+// registry answers, one log line tells the outcome, and the registry's code goes back.
+
+#include "common/ComHandles.h"
+#include "monitor/SharedIdMonitor.h"
+
+#include "Tarrow_h.h"
+
+#include <atomic>
+#include <memory>
+
+class CTarrow final : public ITarrow {
+public:
+    // A new object with one reference, which the caller owns. Throws std::bad_alloc only.
+    static NS_Utils::ComPtr<CTarrow> Create();
+
+    // IUnknown
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void** object) override;
+    ULONG STDMETHODCALLTYPE AddRef() override;
+    ULONG STDMETHODCALLTYPE Release() override;
+
+    // IDispatch, served from the type library beside the executable.
+    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) override;
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override;
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID iid, LCID lcid, WORD flags, DISPPARAMS* params, VARIANT* result,
+                                     EXCEPINFO* exception, UINT* argumentError) override;
+
+    // ITarrow
+    HRESULT STDMETHODCALLTYPE RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR corvinAuthSrvId,
+                                               BSTR auxText1, BSTR authSvcId, BSTR sharedId, BSTR auxText2,
+                                               BSTR roleId, BSTR auxText4, BSTR leaseDN, BSTR leaseExpiry,
+                                               BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6, DWORD* result) override;
+    HRESULT STDMETHODCALLTYPE ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
+                                              DWORD* result) override;
+    HRESULT STDMETHODCALLTYPE GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
+                                                    VARIANT_BOOL ownOnly, BSTR* serialized) override;
+
+    // Publishes the object under "KELTARROW"; S_FALSE when it already is.
+    HRESULT RegisterInROT();
+    HRESULT RevokeFromROT();
+
+private:
+    CTarrow();
+    ~CTarrow();
+    HRESULT LoadTypeInfo();
+
+    std::atomic<ULONG> m_refs{1};
+    std::shared_ptr<SharedIdMonitor> m_monitor;
+    DWORD m_rotCookie = 0;
+    NS_Utils::ComPtr<ITypeInfo> m_typeInfo;
+};

@@ -1,0 +1,54 @@
+#include "host/TarrowModule.h"
+
+#include "host/Registration.h"
+
+#include <shellapi.h>
+
+CTarrowModule& CTarrowModule::Instance() {
+    static CTarrowModule module;
+    return module;
+}
+
+ULONG CTarrowModule::Lock() { return ::CoAddRefServerProcess(); }
+
+ULONG CTarrowModule::Unlock() {
+    ULONG count = ::CoReleaseServerProcess();
+    if (count == 0 && m_mainThreadId != 0) ::PostThreadMessageW(m_mainThreadId, WM_QUIT, 0, 0);
+    return count;
+}
+
+CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& commandLine) {
+    int count = 0;
+    LPWSTR* arguments = ::CommandLineToArgvW(commandLine.c_str(), &count);
+    if (!arguments) return Switch::None;
+    struct Known {
+        const wchar_t* name;
+        Switch value;
+    };
+    const Known known[] = {{L"RegServer", Switch::RegServer},
+                           {L"UnregServer", Switch::UnregServer},
+                           {L"RegServerPerUser", Switch::RegServerPerUser},
+                           {L"UnregServerPerUser", Switch::UnregServerPerUser}};
+    Switch found = Switch::None;
+    // The first token is the program itself.
+    for (int i = 1; i < count && found == Switch::None; ++i) {
+        const wchar_t* token = arguments[i];
+        if (token[0] != L'-' && token[0] != L'/') continue;
+        for (const Known& k : known)
+            if (::_wcsicmp(token + 1, k.name) == 0) found = k.value;
+    }
+    ::LocalFree(arguments);
+    return found;
+}
+
+HRESULT CTarrowModule::RunSwitch(Switch which) {
+    using NS_Registration::Scope;
+    switch (which) {
+        case Switch::RegServer: return NS_Registration::RegisterServer(Scope::AllUsers);
+        case Switch::UnregServer: return NS_Registration::UnregisterServer(Scope::AllUsers);
+        case Switch::RegServerPerUser: return NS_Registration::RegisterServer(Scope::CurrentUser);
+        case Switch::UnregServerPerUser: return NS_Registration::UnregisterServer(Scope::CurrentUser);
+        case Switch::None: break;
+    }
+    return S_OK;
+}

@@ -1,0 +1,27 @@
+#pragma once
+// The executable's COM module: its lock, which ends the message loop when it drops to zero, and
+// its command line.
+
+#include <windows.h>
+
+#include <string>
+
+class CTarrowModule {
+public:
+    static CTarrowModule& Instance();
+
+    // Taken by every live COM object of the server.
+    ULONG Lock();
+    // Posts WM_QUIT to the main thread when the last lock goes.
+    ULONG Unlock();
+    void SetMainThread(DWORD threadId) { m_mainThreadId = threadId; }
+
+    enum class Switch { None, RegServer, UnregServer, RegServerPerUser, UnregServerPerUser };
+    // The registration switch of a command line ("-" or "/" then the name, in any case), or None.
+    static Switch ParseCommandLine(const std::wstring& commandLine);
+    // Does the switch's registry work and returns its result.
+    static HRESULT RunSwitch(Switch which);
+
+private:
+    DWORD m_mainThreadId = 0;
+};

@@ -1,0 +1,56 @@
+// Tarrow.exe: one instance per logon session (or per desktop), its one object published in the
+// running object table, and a message loop until the session or desktop goes away.
+
+#include "host/Tarrow.h"
+#include "host/TarrowModule.h"
+
+#include <string>
+
+namespace {
+constexpr const wchar_t* kMutexBase = L"KEL_Tarrow_Mutex";
+
+// With "Local\LUSPEnabled" present, one instance runs per desktop instead of per session.
+std::wstring SingleInstanceMutexName() {
+    NS_Utils::UniqueHandle probe(::OpenEventW(SYNCHRONIZE, FALSE, L"Local\\LUSPEnabled"));
+    if (!probe) return kMutexBase;
+    wchar_t desktop[260] = {};
+    DWORD needed = 0;
+    ::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop), &needed);
+    return std::wstring(kMutexBase) + L"_" + desktop;
+}
+
+void RunMessageLoop() {
+    MSG message;
+    while (::GetMessageW(&message, nullptr, 0, 0) > 0) {
+        ::TranslateMessage(&message);
+        ::DispatchMessageW(&message);
+    }
+}
+}  // namespace
+
+int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
+    CTarrowModule::Switch which = CTarrowModule::ParseCommandLine(::GetCommandLineW());
+    if (which != CTarrowModule::Switch::None) {
+        NS_Utils::ComApartment com;
+        return static_cast<int>(CTarrowModule::RunSwitch(which));
+    }
+
+    std::wstring mutexName = SingleInstanceMutexName();
+    ::SetLastError(0);
+    // Kept open for the life of the process: it is what the next instance finds.
+    HANDLE instance = ::CreateMutexW(nullptr, FALSE, mutexName.c_str());
+    if (instance == nullptr || instance == INVALID_HANDLE_VALUE) return 2;
+    if (::GetLastError() == ERROR_ALREADY_EXISTS) return 3;
+
+    HRESULT hr = ::CoInitialize(nullptr);
+    if (FAILED(hr)) return static_cast<int>(hr);
+    CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
+    {
+        NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
+        tarrow->RegisterInROT();
+        RunMessageLoop();
+        tarrow->RevokeFromROT();
+    }
+    ::CoUninitialize();
+    return 0;
+}
