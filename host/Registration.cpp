@@ -106,6 +106,10 @@ HRESULT RegisterTypeLibrary(Scope scope) {
 }
 
 HRESULT UnregisterTypeLibrary(Scope scope) {
+    NS_Utils::UniqueRegKey registered;
+    if (::RegOpenKeyExW(HKEY_CLASSES_ROOT, (std::wstring(L"TypeLib\\") + kTypeLib).c_str(), 0, KEY_READ,
+                        registered.put()) != ERROR_SUCCESS)
+        return S_OK;
     HRESULT hr = scope == Scope::AllUsers ? ::UnRegisterTypeLib(kLibId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64)
                                           : ::UnRegisterTypeLibForUser(kLibId, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
     return hr == TYPE_E_REGISTRYACCESS || hr == TYPE_E_CANTLOADLIBRARY ? S_OK : hr;

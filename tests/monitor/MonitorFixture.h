@@ -6,19 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 
 namespace testsupport {
-
-// Polls a condition the service reaches on its own threads; false when the time ran out.
-inline bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 30000) {
-    ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
-    while (!condition()) {
-        if (::GetTickCount64() > deadline) return false;
-        ::Sleep(5);
-    }
-    return true;
-}
 
 inline CSharedId Credential(const std::wstring& role, const std::wstring& account = L"acct") {
     CSharedId r;

@@ -89,6 +89,7 @@ ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring
     NS_Utils::UniqueHandle thread(info.hThread);
     child.m_process.reset(info.hProcess);
     child.m_id = info.dwProcessId;
+    child.m_threadId = info.dwThreadId;
     return child;
 }
 
@@ -176,5 +177,16 @@ DWORD CountOwnHandles(const std::wstring& typeName) {
              HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(info->handles[i].handleValue))) == typeName))
             ++count;
     return count;
+}
+}  // namespace testsupport
+
+namespace testsupport {
+bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {
+    ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
+    while (!condition()) {
+        if (::GetTickCount64() > deadline) return false;
+        ::Sleep(5);
+    }
+    return true;
 }
 }  // namespace testsupport

@@ -5,6 +5,7 @@
 #include "common/WinHandles.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,7 @@ public:
 
     bool Valid() const { return m_process.valid(); }
     DWORD Id() const { return m_id; }
+    DWORD MainThreadId() const { return m_threadId; }
     HANDLE Handle() const { return m_process.get(); }
     // WAIT_OBJECT_0 when it has ended within the time.
     DWORD Wait(DWORD timeoutMs) const;
@@ -45,11 +47,16 @@ public:
 private:
     NS_Utils::UniqueHandle m_process;
     DWORD m_id = 0;
+    DWORD m_threadId = 0;
 };
 
 }  // namespace testsupport
 
 namespace testsupport {
+// Polls a condition that the service reaches on threads or processes of its own; false when the
+// time ran out.
+bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 30000);
+
 // The service log of this test program (under the prefix's test installation folder).
 std::wstring ServiceLogText();
 // How many times `text` occurs in the service log so far.

@@ -1,0 +1,78 @@
+#include "common/WinHandles.h"
+#include "tests/host/ServiceFixture.h"
+
+using namespace testsupport;
+
+namespace {
+
+bool KeyExists(HKEY root, const std::wstring& key) {
+    NS_Utils::UniqueRegKey opened;
+    return ::RegOpenKeyExW(root, key.c_str(), 0, KEY_READ, opened.put()) == ERROR_SUCCESS;
+}
+
+std::wstring Value(HKEY root, const std::wstring& key, const wchar_t* name) {
+    wchar_t text[1024] = {};
+    DWORD size = sizeof(text);
+    if (::RegGetValueW(root, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size) != ERROR_SUCCESS) return L"<none>";
+    return text;
+}
+
+const std::wstring kClass = L"Software\\Classes\\CLSID\\{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}";
+const std::wstring kAppId = L"Software\\Classes\\AppID\\{17349E01-5B00-4800-A3D1-1AE3E1574B5D}";
+const std::vector<std::wstring> kOwnedKeys = {kClass, kAppId, L"Software\\Classes\\AppID\\Tarrow.EXE",
+                                              L"Software\\Classes\\Tarrow.Tarrow",
+                                              L"Software\\Classes\\Tarrow.Tarrow.1"};
+
+void ExpectRegistered(HKEY root) {
+    EXPECT_EQ(Value(root, kClass, nullptr), L"Tarrow Class");
+    EXPECT_EQ(Value(root, kClass + L"\\ProgID", nullptr), L"Tarrow.Tarrow.1");
+    EXPECT_EQ(Value(root, kClass + L"\\VersionIndependentProgID", nullptr), L"Tarrow.Tarrow");
+    EXPECT_EQ(Value(root, kClass + L"\\LocalServer32", nullptr), ProgramFolder() + L"Tarrow.exe");
+    EXPECT_EQ(Value(root, kClass + L"\\TypeLib", nullptr), L"{B6A57EE2-3022-44AA-9E24-04C8632479F1}");
+    EXPECT_TRUE(KeyExists(root, kClass + L"\\Programmable"));
+    EXPECT_EQ(Value(root, kAppId, nullptr), L"Tarrow");
+    DWORD rotFlags = 0, size = sizeof(rotFlags);
+    EXPECT_EQ(::RegGetValueW(root, kAppId.c_str(), L"ROTFlags", RRF_RT_REG_DWORD, nullptr, &rotFlags, &size), ERROR_SUCCESS);
+    EXPECT_EQ(rotFlags, 1u);
+    EXPECT_EQ(Value(root, L"Software\\Classes\\AppID\\Tarrow.EXE", L"AppID"), L"{17349E01-5B00-4800-A3D1-1AE3E1574B5D}");
+    EXPECT_EQ(Value(root, L"Software\\Classes\\Tarrow.Tarrow.1\\CLSID", nullptr), L"{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}");
+    EXPECT_EQ(Value(root, L"Software\\Classes\\Tarrow.Tarrow\\CurVer", nullptr), L"Tarrow.Tarrow.1");
+    EXPECT_TRUE(KeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\{B6A57EE2-3022-44AA-9E24-04C8632479F1}"));
+}
+
+void ExpectUnregistered(HKEY root) {
+    for (const std::wstring& key : kOwnedKeys) EXPECT_FALSE(KeyExists(root, key)) << std::string(key.begin(), key.end());
+    EXPECT_TRUE(KeyExists(root, L"Software\\Classes\\AppID"));
+}
+
+TEST(RegistrationTest, AllUsersSwitchesInAnySpelling) {
+    for (const auto& [reg, unreg] : {std::pair{L"-RegServer", L"/UnregServer"}, std::pair{L"/REGSERVER", L"-unregserver"}}) {
+        ASSERT_EQ(RunTarrow(reg), 0u);
+        ExpectRegistered(HKEY_LOCAL_MACHINE);
+        EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, kClass));
+        ASSERT_EQ(RunTarrow(unreg), 0u);
+        ExpectUnregistered(HKEY_LOCAL_MACHINE);
+    }
+}
+
+TEST(RegistrationTest, PerUserSwitchesInAnySpelling) {
+    for (const auto& [reg, unreg] :
+         {std::pair{L"/RegServerPerUser", L"-UnregServerPerUser"}, std::pair{L"-regserverperuser", L"/UNREGSERVERPERUSER"}}) {
+        ASSERT_EQ(RunTarrow(reg), 0u);
+        ExpectRegistered(HKEY_CURRENT_USER);
+        EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kClass));
+        ASSERT_EQ(RunTarrow(unreg), 0u);
+        ExpectUnregistered(HKEY_CURRENT_USER);
+    }
+}
+
+TEST(RegistrationTest, RegistrationIsRepeatableAndEndsTheProcess) {
+    ASSERT_EQ(RunTarrow(L"/RegServerPerUser"), 0u);
+    ASSERT_EQ(RunTarrow(L"/RegServerPerUser"), 0u);
+    ExpectRegistered(HKEY_CURRENT_USER);
+    ASSERT_EQ(RunTarrow(L"/UnregServerPerUser"), 0u);
+    ASSERT_EQ(RunTarrow(L"/UnregServerPerUser"), 0u);
+    ExpectUnregistered(HKEY_CURRENT_USER);
+}
+
+}  // namespace
