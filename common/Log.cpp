@@ -19,6 +19,8 @@ std::atomic<DWORD> g_sessionId{0xFFFFFFFF};
 
 int Log(unsigned short level, const std::wstring& text) { return DefaultWriter().Log(level, text); }
 
+bool IsEnabled(unsigned short level) { return level <= DefaultWriter().CurrentSettings().level; }
+
 std::wstring LogFolder() { return DefaultLogFolder(); }
 
 std::wstring FormatTimeStamp(const SYSTEMTIME& t) {

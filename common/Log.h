@@ -14,6 +14,9 @@ inline constexpr const wchar_t* kComponent = L"brisk_observer";
 // anything but allocation failure.
 int Log(unsigned short level, const std::wstring& text);
 
+// Whether a message of `level` would be written now; for call sites whose text is costly to build.
+bool IsEnabled(unsigned short level);
+
 // "2017-03-03 09:05:07.042"
 std::wstring FormatTimeStamp(const SYSTEMTIME& time);
 

@@ -1,16 +1,14 @@
 #include "common/LogSettings.h"
 
 #include "common/Registry.h"
+#include "common/WinHandles.h"
 
 namespace NS_Log {
 
 namespace {
-void Override(const wchar_t* valueName, DWORD& setting) {
+void Override(HKEY key, const wchar_t* valueName, DWORD& setting) {
     DWORD value = 0;
-    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, valueName, value) ==
-            ERROR_SUCCESS &&
-        value > 0)
-        setting = value;
+    if (NS_Utils::ReadRegistryDword(key, nullptr, valueName, value) == ERROR_SUCCESS && value > 0) setting = value;
 }
 
 std::wstring ExecutableFolder() {
@@ -31,12 +29,16 @@ std::wstring ExecutableFolder() {
 
 LogSettings ReadLogSettings() {
     LogSettings settings;
+    // One open key for the five values: this runs on every tenth log call.
+    NS_Utils::UniqueRegKey key;
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS)
+        return settings;
     DWORD scrambled = 0;
-    Override(L"LogLevel", settings.level);
-    Override(L"LogFileSize", settings.fileSizeKiB);
-    Override(L"LogObfuscationEnabled", scrambled);
-    Override(L"LogFileCount", settings.fileCount);
-    Override(L"LogSyncEnabled", settings.sync);
+    Override(key.get(), L"LogLevel", settings.level);
+    Override(key.get(), L"LogFileSize", settings.fileSizeKiB);
+    Override(key.get(), L"LogObfuscationEnabled", scrambled);
+    Override(key.get(), L"LogFileCount", settings.fileCount);
+    Override(key.get(), L"LogSyncEnabled", settings.sync);
     settings.scrambled = scrambled != 0;
     return settings;
 }

@@ -110,7 +110,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
 HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
     if (!result) return E_POINTER;
     CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
-    NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
+    if (NS_Log::IsEnabled(4)) NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
     *result = m_monitor->UnregisterSharedCreds(key, &processId);
     if (*result == 0)
         NS_Log::Log(3, L"[Tarrow::ReleaseSharedId]\t Shared ID released successfully.");

@@ -103,7 +103,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
         Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
         return kIncomplete;
     }
-    Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
+    if (NS_Log::IsEnabled(4)) Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
     if (pid == 0) {
         Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
         return kInvalidPid;
