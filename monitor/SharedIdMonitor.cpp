@@ -234,18 +234,22 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
     return lastAlive ? kOk : kNotAlive;
 }
 
+std::pair<SharedIdMonitor::SignatureMap::iterator, SharedIdMonitor::SignatureMap::iterator>
+SharedIdMonitor::EntriesForLookUp(const wchar_t* tag, const CSharedId& credential) {
+    Log(4, tag, L" Start checking for registered shared credential.");
+    if (!credential.HasSignature()) {
+        Log(1, tag, L" Error: Shared ID information not completed.");
+        return {m_AuthToCredMap.end(), m_AuthToCredMap.end()};
+    }
+    auto range = m_AuthToCredMap.equal_range(credential.GetSignature());
+    if (range.first == range.second) Log(3, tag, L" No existing auth service to credential mapping found.");
+    return range;
+}
+
 bool SharedIdMonitor::IsCredsRegistered(const CSharedId& credential, CSharedId* registered) {
     LockGuard lock(*this);
-    Log(4, kIsTag, L" Start checking for registered shared credential.");
-    if (!credential.HasSignature()) {
-        Log(1, kIsTag, L" Error: Shared ID information not completed.");
-        return false;
-    }
-    auto [it, end] = m_AuthToCredMap.equal_range(credential.GetSignature());
-    if (it == end) {
-        Log(3, kIsTag, L" No existing auth service to credential mapping found.");
-        return false;
-    }
+    auto [it, end] = EntriesForLookUp(kIsTag, credential);
+    if (it == end) return false;
     for (; it != end; ++it) {
         if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
             *registered = *live;
@@ -274,16 +278,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
 
 bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered,
                                 Listeners& listeners) {
-    Log(4, kGetTag, L" Start checking for registered shared credential.");
-    if (!credential.HasSignature()) {
-        Log(1, kGetTag, L" Error: Shared ID information not completed.");
-        return false;
-    }
-    auto [it, end] = m_AuthToCredMap.equal_range(credential.GetSignature());
-    if (it == end) {
-        Log(3, kGetTag, L" No existing auth service to credential mapping found.");
-        return false;
-    }
+    auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
         std::shared_ptr<CSharedId> live = it->second.weak.lock();
         if (!live) {

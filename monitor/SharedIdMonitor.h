@@ -104,6 +104,9 @@ private:
     void ErasePMEntry(ProcessMap::iterator entry);
     std::shared_ptr<CSharedId> MakeCredential(const CSharedId& record);
     std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
+    // The signature's entries for a look-up, logged under `tag`; empty without a signature.
+    std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
+                                                                               const CSharedId& credential);
     DWORD RegisterLocked(const CSharedId& credential, DWORD pid);
     DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
     bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);

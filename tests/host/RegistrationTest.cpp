@@ -45,25 +45,25 @@ void ExpectUnregistered(HKEY root) {
     EXPECT_TRUE(KeyExists(root, L"Software\\Classes\\AppID"));
 }
 
-TEST(RegistrationTest, AllUsersSwitchesInAnySpelling) {
-    for (const auto& [reg, unreg] : {std::pair{L"-RegServer", L"/UnregServer"}, std::pair{L"/REGSERVER", L"-unregserver"}}) {
+// Each pair registers under `root` only and unregisters again.
+void CheckSwitches(HKEY root, HKEY other, std::initializer_list<std::pair<const wchar_t*, const wchar_t*>> spellings) {
+    for (const auto& [reg, unreg] : spellings) {
         ASSERT_EQ(RunTarrow(reg), 0u);
-        ExpectRegistered(HKEY_LOCAL_MACHINE);
-        EXPECT_FALSE(KeyExists(HKEY_CURRENT_USER, kClass));
+        ExpectRegistered(root);
+        EXPECT_FALSE(KeyExists(other, kClass));
         ASSERT_EQ(RunTarrow(unreg), 0u);
-        ExpectUnregistered(HKEY_LOCAL_MACHINE);
+        ExpectUnregistered(root);
     }
 }
 
+TEST(RegistrationTest, AllUsersSwitchesInAnySpelling) {
+    CheckSwitches(HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER,
+                  {{L"-RegServer", L"/UnregServer"}, {L"/REGSERVER", L"-unregserver"}});
+}
+
 TEST(RegistrationTest, PerUserSwitchesInAnySpelling) {
-    for (const auto& [reg, unreg] :
-         {std::pair{L"/RegServerPerUser", L"-UnregServerPerUser"}, std::pair{L"-regserverperuser", L"/UNREGSERVERPERUSER"}}) {
-        ASSERT_EQ(RunTarrow(reg), 0u);
-        ExpectRegistered(HKEY_CURRENT_USER);
-        EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kClass));
-        ASSERT_EQ(RunTarrow(unreg), 0u);
-        ExpectUnregistered(HKEY_CURRENT_USER);
-    }
+    CheckSwitches(HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE,
+                  {{L"/RegServerPerUser", L"-UnregServerPerUser"}, {L"-regserverperuser", L"/UNREGSERVERPERUSER"}});
 }
 
 TEST(RegistrationTest, RegistrationIsRepeatableAndEndsTheProcess) {
