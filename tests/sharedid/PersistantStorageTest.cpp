@@ -36,11 +36,6 @@ private:
     std::wstring m_old;
 };
 
-std::wstring NameAt(const SYSTEMTIME& t) {
-    return std::to_wstring(t.wYear) + std::to_wstring(t.wMonth) + std::to_wstring(t.wDay) + std::to_wstring(t.wHour) +
-           std::to_wstring(t.wMinute) + std::to_wstring(t.wSecond) + std::to_wstring(t.wMilliseconds) + L".dat";
-}
-
 class PersistantStorageTest : public ::testing::Test {
 protected:
     void SetUp() override { appData = MakeTempFolder(L"appdata"); }
@@ -77,29 +72,28 @@ TEST_F(PersistantStorageTest, PersistEnumerateDelete) {
 TEST_F(PersistantStorageTest, CollidingNameFailsAndLeavesTheOtherFileAlone) {
     AppDataScope scope(appData);
     PersistantStorage storage;
-    // Occupy every name of the next three seconds, as credentials persisted in those
-    // milliseconds would.
-    SYSTEMTIME now;
-    ::GetLocalTime(&now);
-    FILETIME base;
-    ::SystemTimeToFileTime(&now, &base);
-    ULARGE_INTEGER at{{base.dwLowDateTime, base.dwHighDateTime}};
-    const char other[] = "other";
-    for (int ms = 0; ms < 3000; ++ms, at.QuadPart += 10000) {
-        FILETIME ft{at.LowPart, at.HighPart};
-        SYSTEMTIME t;
-        ::FileTimeToSystemTime(&ft, &t);
-        WriteFileBytes(storage.Folder() + NameAt(t), other, sizeof(other));
+    // Two credentials persisted back to back often fall into one millisecond; try until they do.
+    bool collided = false;
+    for (int attempt = 0; attempt < 5000 && !collided; ++attempt) {
+        CSharedId first = Complete(L"acct-1");
+        CSharedId second = Complete(L"acct-2");
+        second.SetFileName(L"C:\\earlier\\1.dat");
+        ASSERT_EQ(storage.Persist(first), PersistantStorage::kOk);
+        int result = storage.Persist(second);
+        if (result == PersistantStorage::kOk) {
+            storage.Delete(first);
+            storage.Delete(second);
+            continue;
+        }
+        collided = true;
+        EXPECT_EQ(result, PersistantStorage::kWriteFailed);
+        EXPECT_EQ(second.GetFileName(), L"C:\\earlier\\1.dat") << "never points at someone else's file";
+        CSharedId onDisk;
+        std::list<DWORD> errors;
+        ASSERT_TRUE(NS_SHAREDID_UTILS::readSharedIdFromFile(onDisk, first.GetFileName(), errors));
+        EXPECT_EQ(onDisk.GetSharedId(), L"acct-1");
     }
-    ::GetLocalTime(&now);
-    std::wstring taken = storage.Folder() + NameAt(now);
-    ASSERT_TRUE(FileExists(taken));
-
-    CSharedId record = Complete(L"acct-2");
-    record.SetFileName(L"C:\\earlier\\1.dat");
-    EXPECT_EQ(storage.Persist(record), PersistantStorage::kWriteFailed);
-    EXPECT_EQ(record.GetFileName(), L"C:\\earlier\\1.dat") << "never points at someone else's file";
-    EXPECT_EQ(ReadFileBytes(taken).size(), sizeof(other));
+    ASSERT_TRUE(collided);
     EXPECT_GE(CountInServiceLog(L"[PersistantStorage::Persist]\t Error stack = 1 80 "), 1u);
 }
 
