@@ -25,7 +25,12 @@ protected:
                     int count = 1 + static_cast<int>(rng() % 3);
                     for (int c = 0; c < count; ++c) {
                         CSharedId credential = Credential(L"role-" + std::to_wstring(rng() % 8));
-                        if (Register(credential, holder.Id()) != SharedIdMonitor::kOk) ++failures;
+                        DWORD result = Register(credential, holder.Id());
+                        if (result != SharedIdMonitor::kOk) {
+                            ++failures;
+                            std::printf("register failed: %lu, holder %lu valid %d alive %d\n", result, holder.Id(),
+                                        holder.Valid(), holder.Valid() && holder.Wait(0) == WAIT_TIMEOUT);
+                        }
                         if (rng() % 3 == 0) Unregister(credential, holder.Id());
                     }
                 }
@@ -40,6 +45,9 @@ protected:
                 nullptr));
         for (auto& t : threads) ::WaitForSingleObject(t.get(), INFINITE);
         EXPECT_EQ(failures.load(), 0);
+        if (failures.load() != 0)
+            for (const std::wstring& line : SplitLines(ServiceLogText(), L"\r\n"))
+                if (line.find(L"L:1 ") == 0) std::printf("%ls\n", line.c_str());
     }
 };
 

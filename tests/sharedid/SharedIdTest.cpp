@@ -62,30 +62,6 @@ TEST(SharedIdTest, DumpShowsLabelledFieldsAndNoAuxiliaryText) {
     EXPECT_EQ(record.Dump().find(L"aux"), std::wstring::npos);
 }
 
-TEST(SharedIdTest, ConstructorMapsArgumentsAndLeavesListsEmpty) {
-    CSharedId r(L"t1", L"t2", L"t3", L"t4", L"t5", L"t6", L"t7", L"t8", L"t9", L"t10", true, L"t11", L"t12");
-    EXPECT_EQ(r.GetCorvinAuthSvcUrl(), L"t1");
-    EXPECT_EQ(r.GetCorvinAuthSrvId(), L"t2");
-    EXPECT_EQ(r.GetAuxText1(), L"t3");
-    EXPECT_EQ(r.GetAuthSvcId(), L"t4");
-    EXPECT_EQ(r.GetSharedId(), L"t5");
-    EXPECT_EQ(r.GetAuxText2(), L"t6");
-    EXPECT_EQ(r.GetRoleId(), L"t7");
-    EXPECT_EQ(r.GetAuxText4(), L"t8");
-    EXPECT_EQ(r.GetLeaseDN(), L"t9");
-    EXPECT_EQ(r.GetLeaseExpiry(), L"t10");
-    EXPECT_TRUE(r.GetFlag());
-    EXPECT_EQ(r.GetAuxText3(), L"t11");
-    EXPECT_EQ(r.GetAuxText6(), L"t12");
-    EXPECT_TRUE(r.GetAuxText5().empty() && r.GetFileName().empty());
-    EXPECT_TRUE(r.GetHolderPids().empty() && r.GetListeners().empty());
-
-    r.HolderPids().push_back(42);
-    CSharedId moved(std::move(r));
-    EXPECT_EQ(moved.GetHolderPids(), std::vector<DWORD>{42});
-    EXPECT_TRUE(r.GetHolderPids().empty());  // NOLINT(bugprone-use-after-move): moved-from lists are empty
-}
-
 TEST(SharedIdTest, WithoutTheAgentTheEnterpriseIdentityStaysEmptyAndIsLogged) {
     NS_Utils::ComApartment com;
     const std::wstring line = L"[CKelUtils::ObtainMirelIdFromBriskScriptSupport]\t Cannot create object BriskScriptSupport";
