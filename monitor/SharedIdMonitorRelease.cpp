@@ -103,11 +103,10 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
 void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor) {
     NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!credential || !monitor) return;
-    // Without a usable releaser the credential is forgotten all the same: the service never
+    // The check-in needs the agent's check-in object and runtime. Until the releaser reaches
+    // them, Init answers false and the credential is forgotten without one: the service never
     // keeps a credential it cannot return.
-    if (monitor->m_releaser.Init()) {
-        // The check-in exchange and its retries come with the agent's check-in object.
-    }
+    monitor->m_releaser.Init();
     int deleted = monitor->m_storage.Delete(*credential);
     if (deleted != PersistantStorage::kOk)
         NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
