@@ -20,7 +20,10 @@ protected:
             bodies.emplace_back([&, w] {
                 std::mt19937 rng(seed + w);
                 std::vector<ChildProcess> holders;
-                for (int h = 0; h < holdersPerWorker; ++h) holders.push_back(StartHolder());
+                for (int h = 0; h < holdersPerWorker; ++h) {
+                    holders.push_back(StartHolder());
+                    if (!holders.back().Valid()) std::printf("holder %d of worker %d did not start\n", h, w);
+                }
                 for (ChildProcess& holder : holders) {
                     int count = 1 + static_cast<int>(rng() % 3);
                     for (int c = 0; c < count; ++c) {

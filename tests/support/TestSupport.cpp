@@ -83,9 +83,15 @@ ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};
     ChildProcess child;
-    if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                          &startup, &info))
-        return child;
+    // A loaded machine occasionally refuses a process start; a few tries keep that out of the
+    // results of tests that need hundreds of processes.
+    bool started = false;
+    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
+        started = ::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                   &startup, &info);
+        if (!started) ::Sleep(50);
+    }
+    if (!started) return child;
     NS_Utils::UniqueHandle thread(info.hThread);
     child.m_process.reset(info.hProcess);
     child.m_id = info.dwProcessId;
