@@ -16,17 +16,6 @@ void Log(unsigned short level, const wchar_t* tag, const std::wstring& text) {
 }
 
 std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
-
-void AddHolder(CSharedId& credential, DWORD pid) {
-    std::vector<DWORD>& holders = credential.HolderPids();
-    if (std::find(holders.begin(), holders.end(), pid) == holders.end()) holders.push_back(pid);
-}
-
-void RemoveHolder(CSharedId& credential, DWORD pid) {
-    std::vector<DWORD>& holders = credential.HolderPids();
-    auto found = std::find(holders.begin(), holders.end(), pid);
-    if (found != holders.end()) holders.erase(found);
-}
 }  // namespace
 
 std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
@@ -124,7 +113,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
         if (isNew) LeaseIncrease();
         return kProcessEntryFailed;
     }
-    AddHolder(*stored, pid);
+    stored->AddHolderPid(pid);
     entry->second.credentials.push_back(stored);
     PersistLocked(*stored);
 
@@ -216,7 +205,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
                                L"ProcessMapValue for PID" + Pid(pid));
         held.erase(mine);
-        RemoveHolder(*live, pid);
+        live->RemoveHolderPid(pid);
         listeners = live->GetListeners();
         Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
         matched = true;
@@ -291,7 +280,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
             Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
             return false;
         }
-        AddHolder(*live, pid);
+        live->AddHolderPid(pid);
         entry->second.credentials.push_back(live);
         *registered = *live;
         listeners = live->GetListeners();

@@ -54,11 +54,7 @@ void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
     const DWORD pid = entry->first;
     NS_Log::Log(4, L"[SharedIdMonitor::ErasePMEntry]\t unregistering wait for PID (" + std::to_wstring(pid) + L")");
     entry->second.waitInfo->TerminateWait();
-    for (const auto& credential : entry->second.credentials) {
-        std::vector<DWORD>& holders = credential->HolderPids();
-        auto found = std::find(holders.begin(), holders.end(), pid);
-        if (found != holders.end()) holders.erase(found);
-    }
+    for (const auto& credential : entry->second.credentials) credential->RemoveHolderPid(pid);
     processMap.erase(entry);
 }
 

@@ -2,6 +2,7 @@
 
 #include "checkin/KelUtils.h"
 
+#include <algorithm>
 #include <sstream>
 
 CSharedId::CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& corvinAuthSrvId,
@@ -59,4 +60,13 @@ std::wstring CSharedId::Dump() const {
     out << L"LeaseDN = " << m_leaseDN << L"," << L"\n";
     out << L"Filename = " << m_fileName << L"\n";
     return out.str();
+}
+
+void CSharedId::AddHolderPid(DWORD pid) {
+    if (std::find(m_holderPids.begin(), m_holderPids.end(), pid) == m_holderPids.end()) m_holderPids.push_back(pid);
+}
+
+void CSharedId::RemoveHolderPid(DWORD pid) {
+    auto found = std::find(m_holderPids.begin(), m_holderPids.end(), pid);
+    if (found != m_holderPids.end()) m_holderPids.erase(found);
 }

@@ -36,6 +36,10 @@ public:
     // The multi-line description for log lines; holds no auxiliary or memory-only text.
     std::wstring Dump() const;
 
+    // Holders are kept once each, in the order they first registered.
+    void AddHolderPid(DWORD pid);
+    void RemoveHolderPid(DWORD pid);
+
     bool GetFlag() const { return m_flag; }
     const std::wstring& GetCorvinAuthSvcUrl() const { return m_corvinAuthSvcUrl; }
     const std::wstring& GetCorvinAuthSrvId() const { return m_corvinAuthSrvId; }
@@ -51,7 +55,6 @@ public:
     const std::wstring& GetAuxText4() const { return m_auxText4; }
     const std::wstring& GetAuxText5() const { return m_auxText5; }
     const std::vector<DWORD>& GetHolderPids() const { return m_holderPids; }
-    std::vector<DWORD>& HolderPids() { return m_holderPids; }
     const std::vector<std::shared_ptr<AbsSharedCredListener>>& GetListeners() const { return m_listeners; }
     std::vector<std::shared_ptr<AbsSharedCredListener>>& Listeners() { return m_listeners; }
     const std::wstring& GetAuxText6() const { return m_auxText6; }
