@@ -1,5 +1,6 @@
 #include "common/LogSettings.h"
 
+#include "common/ModulePath.h"
 #include "common/Registry.h"
 #include "common/WinHandles.h"
 
@@ -11,20 +12,6 @@ void Override(HKEY key, const wchar_t* valueName, DWORD& setting) {
     if (NS_Utils::ReadRegistryDword(key, nullptr, valueName, value) == ERROR_SUCCESS && value > 0) setting = value;
 }
 
-std::wstring ExecutableFolder() {
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        if (n == 0) return L".";
-        if (n < path.size()) {
-            path.resize(n);
-            break;
-        }
-        path.resize(path.size() * 2);
-    }
-    size_t slash = path.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? L"." : path.substr(0, slash);
-}
 }  // namespace
 
 LogSettings ReadLogSettings() {
@@ -48,7 +35,7 @@ std::wstring DefaultLogFolder() {
     if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct,
                                      NS_Utils::RegKeys::kProgramDirValue, folder) != ERROR_SUCCESS ||
         folder.empty())
-        folder = ExecutableFolder();
+        folder = NS_Utils::ExecutableFolder();
     if (folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
     return folder + L"logs\\";
 }

@@ -1,6 +1,7 @@
 #include "host/Registration.h"
 
 #include "common/ComHandles.h"
+#include "common/ModulePath.h"
 #include "common/WinHandles.h"
 
 #include <oleauto.h>
@@ -31,20 +32,6 @@ struct Entry {
     DWORD number = 0;
 };
 
-std::wstring ExecutablePath() {
-    std::wstring path(MAX_PATH, L'\0');
-    for (;;) {
-        DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
-        if (n < path.size()) return path.substr(0, n);
-        path.resize(path.size() * 2);
-    }
-}
-
-std::wstring TypeLibraryPath() {
-    std::wstring exe = ExecutablePath();
-    return exe.substr(0, exe.find_last_of(L"\\/") + 1) + L"Tarrow.tlb";
-}
-
 const std::wstring kClassKey = std::wstring(L"CLSID\\") + kClsid;
 
 std::vector<Entry> Entries() {
@@ -62,7 +49,7 @@ std::vector<Entry> Entries() {
         {kClassKey + L"\\ProgID", nullptr, kProgId},
         {kClassKey + L"\\VersionIndependentProgID", nullptr, kVersionIndependentProgId},
         {kClassKey + L"\\Programmable", nullptr, L""},
-        {kClassKey + L"\\LocalServer32", nullptr, ExecutablePath()},
+        {kClassKey + L"\\LocalServer32", nullptr, NS_Utils::ExecutablePath()},
         {kClassKey + L"\\TypeLib", nullptr, kTypeLib},
     };
 }
@@ -115,6 +102,8 @@ HRESULT UnregisterTypeLibrary(Scope scope) {
     return hr == TYPE_E_REGISTRYACCESS || hr == TYPE_E_CANTLOADLIBRARY ? S_OK : hr;
 }
 }  // namespace
+
+std::wstring TypeLibraryPath() { return NS_Utils::ExecutableFolder() + L"Tarrow.tlb"; }
 
 HRESULT RegisterServer(Scope scope) {
     NS_Utils::UniqueRegKey owner;

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 namespace NS_Registration {
 
 // The classes root a registration writes to.
@@ -12,5 +14,8 @@ enum class Scope { AllUsers, CurrentUser };
 HRESULT RegisterServer(Scope scope);
 // Removes what RegisterServer wrote, except the "AppID" key itself.
 HRESULT UnregisterServer(Scope scope);
+
+// The type library, which ships beside the executable.
+std::wstring TypeLibraryPath();
 
 }  // namespace NS_Registration

@@ -1,6 +1,7 @@
 #include "host/Tarrow.h"
 
 #include "common/Log.h"
+#include "host/Registration.h"
 #include "host/SharedIdSerializer.h"
 #include "host/TarrowModule.h"
 
@@ -48,12 +49,8 @@ ULONG CTarrow::Release() {
 
 HRESULT CTarrow::LoadTypeInfo() {
     if (m_typeInfo) return S_OK;
-    wchar_t exe[MAX_PATH * 2];
-    DWORD n = ::GetModuleFileNameW(nullptr, exe, MAX_PATH * 2);
-    std::wstring path(exe, n);
-    path = path.substr(0, path.find_last_of(L"\\/") + 1) + L"Tarrow.tlb";
     NS_Utils::ComPtr<ITypeLib> library;
-    HRESULT hr = ::LoadTypeLibEx(path.c_str(), REGKIND_NONE, library.put());
+    HRESULT hr = ::LoadTypeLibEx(NS_Registration::TypeLibraryPath().c_str(), REGKIND_NONE, library.put());
     if (FAILED(hr)) hr = ::LoadRegTypeLib(LIBID_KelSlnHelperLib, 1, 0, LOCALE_NEUTRAL, library.put());
     if (FAILED(hr)) return hr;
     return library->GetTypeInfoOfGuid(IID_ITarrow, m_typeInfo.put());

@@ -1,0 +1,22 @@
+#include "common/ModulePath.h"
+
+#include <windows.h>
+
+namespace NS_Utils {
+
+std::wstring ExecutablePath() {
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;) {
+        DWORD n = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (n < path.size()) return path.substr(0, n);
+        path.resize(path.size() * 2);
+    }
+}
+
+std::wstring ExecutableFolder() {
+    std::wstring path = ExecutablePath();
+    size_t slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? L".\\" : path.substr(0, slash + 1);
+}
+
+}  // namespace NS_Utils
