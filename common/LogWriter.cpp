@@ -84,12 +84,22 @@ void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
     AppendLocked(FilePath(settings.scrambled), line, settings);
 }
 
+NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& path) const {
+    auto open = [&] {
+        return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_WRITE,
+                                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    };
+    NS_Utils::UniqueHandle file = open();
+    // The folder is made when it is found missing, not on every line.
+    if (!file && ::GetLastError() == ERROR_PATH_NOT_FOUND && ::CreateDirectoryW(m_folder.c_str(), nullptr))
+        file = open();
+    return file;
+}
+
 void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line,
                               const LogSettings& settings) {
-    ::CreateDirectoryW(m_folder.c_str(), nullptr);
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    NS_Utils::UniqueHandle file = OpenForAppend(path);
     if (!file) {
         ::OutputDebugStringW(L"Log File Handle could not be obtained");
         return;
@@ -98,11 +108,16 @@ void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line
     LARGE_INTEGER zero{};
     ::SetFilePointerEx(file.get(), zero, &end, FILE_END);
 
-    std::vector<std::uint8_t> bytes(reinterpret_cast<const std::uint8_t*>(line.data()),
-                                    reinterpret_cast<const std::uint8_t*>(line.data() + line.size()));
-    if (settings.scrambled) ScrambleLogBytes(bytes.data(), bytes.size(), end.QuadPart);
+    const void* data = line.data();
+    const DWORD bytes = static_cast<DWORD>(line.size() * sizeof(wchar_t));
+    std::vector<std::uint8_t> scrambled;
+    if (settings.scrambled) {
+        scrambled.assign(static_cast<const std::uint8_t*>(data), static_cast<const std::uint8_t*>(data) + bytes);
+        ScrambleLogBytes(scrambled.data(), scrambled.size(), end.QuadPart);
+        data = scrambled.data();
+    }
     DWORD written = 0;
-    ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+    ::WriteFile(file.get(), data, bytes, &written, nullptr);
     if (settings.sync > 1) ::FlushFileBuffers(file.get());
 
     LARGE_INTEGER size{};

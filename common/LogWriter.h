@@ -28,6 +28,7 @@ public:
 private:
     void RefreshSettingsIfDue();
     void Append(const std::wstring& line, const LogSettings& settings);
+    NS_Utils::UniqueHandle OpenForAppend(const std::wstring& path) const;
     void AppendLocked(const std::wstring& path, const std::wstring& line, const LogSettings& settings);
     void Rotate(const std::wstring& path, const LogSettings& settings);
     void PruneRotated(const LogSettings& settings);
