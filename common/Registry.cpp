@@ -59,6 +59,11 @@ LSTATUS WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* val
                             static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
 }
 
+LSTATUS CreateRegistryKey(HKEY root, const wchar_t* subKey) {
+    UniqueRegKey key;
+    return OpenForWrite(root, subKey, key);
+}
+
 LSTATUS DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName) {
     return ::RegDeleteKeyValueW(root, subKey, valueName);
 }

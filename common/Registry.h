@@ -23,10 +23,12 @@ LSTATUS ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* value
 LSTATUS ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                            std::wstring& value);
 
-// Writers exist for tests and the registration switches; the service itself only reads.
+// Writers exist for tests and the registration switches; the running service only reads.
 LSTATUS WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value);
 LSTATUS WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                             const std::wstring& value);
+// Makes the key (and its parents) when missing.
+LSTATUS CreateRegistryKey(HKEY root, const wchar_t* subKey);
 LSTATUS DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName);
 
 }  // namespace NS_Utils

@@ -2,6 +2,7 @@
 
 #include "common/ComHandles.h"
 #include "common/ModulePath.h"
+#include "common/Registry.h"
 #include "common/WinHandles.h"
 
 #include <oleauto.h>
@@ -66,15 +67,10 @@ HKEY ClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
 }
 
 LSTATUS Write(HKEY root, const Entry& entry) {
-    NS_Utils::UniqueRegKey key;
-    LSTATUS status = ::RegCreateKeyExW(root, entry.key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
-    if (status != ERROR_SUCCESS) return status;
-    if (entry.isDword)
-        return ::RegSetValueExW(key.get(), entry.valueName, 0, REG_DWORD,
-                                reinterpret_cast<const BYTE*>(&entry.number), sizeof(DWORD));
-    if (entry.valueName == nullptr && entry.text.empty()) return ERROR_SUCCESS;
-    return ::RegSetValueExW(key.get(), entry.valueName, 0, REG_SZ, reinterpret_cast<const BYTE*>(entry.text.c_str()),
-                            static_cast<DWORD>((entry.text.size() + 1) * sizeof(wchar_t)));
+    const wchar_t* key = entry.key.c_str();
+    if (entry.isDword) return NS_Utils::WriteRegistryDword(root, key, entry.valueName, entry.number);
+    if (entry.valueName == nullptr && entry.text.empty()) return NS_Utils::CreateRegistryKey(root, key);
+    return NS_Utils::WriteRegistryString(root, key, entry.valueName, entry.text);
 }
 
 LSTATUS DeleteTree(HKEY root, const std::wstring& key) {
