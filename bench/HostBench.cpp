@@ -4,6 +4,7 @@
 //   host_bench [calls per figure]
 
 #include "common/Registry.h"
+#include "bench/Timing.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
@@ -15,21 +16,8 @@ using testsupport::ChildProcess;
 
 namespace {
 
-double Now() {
-    static const double frequency = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return static_cast<double>(f.QuadPart);
-    }();
-    LARGE_INTEGER t;
-    ::QueryPerformanceCounter(&t);
-    return static_cast<double>(t.QuadPart) * 1000.0 / frequency;
-}
-
-double Median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
+using bench::Median;
+using bench::Now;
 
 struct Figures {
     double bare, registration, release;

@@ -8,6 +8,7 @@
 
 #include "common/Registry.h"
 #include "monitor/SharedIdMonitor.h"
+#include "bench/Timing.h"
 #include "tests/support/TestSupport.h"
 
 #include <algorithm>
@@ -20,21 +21,8 @@ using testsupport::ChildProcess;
 
 namespace {
 
-double Now() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        ::QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER t;
-    ::QueryPerformanceCounter(&t);
-    return static_cast<double>(t.QuadPart) * 1000.0 / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
+using bench::Median;
+using bench::Now;
 
 CSharedId Credential(const std::wstring& role) {
     CSharedId r;

@@ -1,3 +1,4 @@
+#include "common/Registry.h"
 #include "common/WinHandles.h"
 #include "tests/host/ServiceFixture.h"
 
@@ -11,10 +12,8 @@ bool KeyExists(HKEY root, const std::wstring& key) {
 }
 
 std::wstring Value(HKEY root, const std::wstring& key, const wchar_t* name) {
-    wchar_t text[1024] = {};
-    DWORD size = sizeof(text);
-    if (::RegGetValueW(root, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size) != ERROR_SUCCESS) return L"<none>";
-    return text;
+    std::wstring text;
+    return NS_Utils::ReadRegistryString(root, key.c_str(), name, text) == ERROR_SUCCESS ? text : L"<none>";
 }
 
 const std::wstring kClass = L"Software\\Classes\\CLSID\\{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}";
@@ -31,8 +30,8 @@ void ExpectRegistered(HKEY root) {
     EXPECT_EQ(Value(root, kClass + L"\\TypeLib", nullptr), L"{B6A57EE2-3022-44AA-9E24-04C8632479F1}");
     EXPECT_TRUE(KeyExists(root, kClass + L"\\Programmable"));
     EXPECT_EQ(Value(root, kAppId, nullptr), L"Tarrow");
-    DWORD rotFlags = 0, size = sizeof(rotFlags);
-    EXPECT_EQ(::RegGetValueW(root, kAppId.c_str(), L"ROTFlags", RRF_RT_REG_DWORD, nullptr, &rotFlags, &size), ERROR_SUCCESS);
+    DWORD rotFlags = 0;
+    EXPECT_EQ(NS_Utils::ReadRegistryDword(root, kAppId.c_str(), L"ROTFlags", rotFlags), ERROR_SUCCESS);
     EXPECT_EQ(rotFlags, 1u);
     EXPECT_EQ(Value(root, L"Software\\Classes\\AppID\\Tarrow.EXE", L"AppID"), L"{17349E01-5B00-4800-A3D1-1AE3E1574B5D}");
     EXPECT_EQ(Value(root, L"Software\\Classes\\Tarrow.Tarrow.1\\CLSID", nullptr), L"{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}");
