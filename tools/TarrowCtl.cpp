@@ -10,6 +10,7 @@
 // bad arguments, 101 that the service is not running, 102 that the call failed.
 
 #include "common/ComHandles.h"
+#include "common/ModulePath.h"
 #include "common/WinHandles.h"
 #include "tools/RecordDecoder.h"
 #include "tools/TarrowClient.h"
@@ -108,9 +109,7 @@ bool ParseFlag(const std::wstring& text, VARIANT_BOOL& flag) {
 
 // A process of ours that holds credentials until it is ended.
 bool StartHolder(const std::wstring& lifetimeMs, DWORD& pid) {
-    wchar_t self[MAX_PATH * 2];
-    DWORD n = ::GetModuleFileNameW(nullptr, self, MAX_PATH * 2);
-    std::wstring commandLine = L"\"" + std::wstring(self, n) + L"\" hold " + lifetimeMs;
+    std::wstring commandLine = L"\"" + NS_Utils::ExecutablePath() + L"\" hold " + lifetimeMs;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};

@@ -1,16 +1,13 @@
 #include "tests/support/TestSupport.h"
 
+#include "common/ModulePath.h"
+
 #include <algorithm>
 #include <atomic>
 
 namespace testsupport {
 
-std::wstring ProgramFolder() {
-    wchar_t path[MAX_PATH * 2];
-    DWORD n = ::GetModuleFileNameW(nullptr, path, MAX_PATH * 2);
-    std::wstring folder(path, n);
-    return folder.substr(0, folder.find_last_of(L"\\/") + 1);
-}
+std::wstring ProgramFolder() { return NS_Utils::ExecutableFolder(); }
 
 std::wstring MakeTempFolder(const std::wstring& hint) {
     static std::atomic<unsigned> counter{0};
