@@ -71,7 +71,6 @@ public:
         return &m_bstr;
     }
     UINT ByteLength() const noexcept { return ::SysStringByteLen(m_bstr); }
-    std::wstring Text() const { return m_bstr ? std::wstring(m_bstr, ::SysStringLen(m_bstr)) : std::wstring(); }
 
 private:
     BSTR m_bstr = nullptr;

@@ -21,8 +21,6 @@ int Log(unsigned short level, const std::wstring& text) { return DefaultWriter()
 
 bool IsEnabled(unsigned short level) { return level <= DefaultWriter().CurrentSettings().level; }
 
-std::wstring LogFolder() { return DefaultLogFolder(); }
-
 std::wstring FormatTimeStamp(const SYSTEMTIME& t) {
     wchar_t text[32];
     std::swprintf(text, 32, L"%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear, t.wMonth, t.wDay, t.wHour,

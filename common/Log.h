@@ -29,9 +29,6 @@ SYSTEMTIME CurrentLogTime();
 // The Windows session of this process, looked up once.
 DWORD ProcessSessionId();
 
-// The folder the front end writes into.
-std::wstring LogFolder();
-
 // "1a2b" for 0x1A2B: the hexadecimal text that follows "0x" in log lines.
 std::wstring Hex(unsigned long value);
 

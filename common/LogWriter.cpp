@@ -44,8 +44,6 @@ std::wstring CLogWriter::FilePath(bool scrambled) const {
     return m_folder + m_component + (scrambled ? kScrambledExtension : kPlainExtension);
 }
 
-std::wstring CLogWriter::CurrentFilePath() const { return FilePath(CurrentSettings().scrambled); }
-
 LogSettings CLogWriter::CurrentSettings() const {
     NS_Utils::CritSecGuard guard(m_settingsLock);
     return m_settings;

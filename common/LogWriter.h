@@ -22,7 +22,6 @@ public:
     // formats and appends it and returns 0. Never fails its caller.
     int Log(unsigned short level, const std::wstring& text);
 
-    std::wstring CurrentFilePath() const;
     LogSettings CurrentSettings() const;
 
 private:
