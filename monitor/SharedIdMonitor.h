@@ -6,7 +6,7 @@
 #include "checkin/SharedIdReleaser.h"
 #include "common/CriticalSection.h"
 #include "lease/LeaseExpirySink.h"
-#include "monitor/GarbageCollector.h"
+#include "common/GarbageCollector.h"
 #include "monitor/SimGC.h"
 #include "monitor/WaitInfo.h"
 #include "sharedid/PersistantStorage.h"

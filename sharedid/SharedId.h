@@ -1,7 +1,7 @@
 #pragma once
 // One checked-out shared credential, as a client registered it.
 
-#include "lease/AbsSharedCredListener.h"
+#include "sharedid/AbsSharedCredListener.h"
 
 #include <windows.h>
 

@@ -5,7 +5,7 @@
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
-#include "monitor/ConcurrentQueue.h"
+#include "common/ConcurrentQueue.h"
 
 #include <atomic>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "monitor/GarbageCollector.h"
+#include "common/GarbageCollector.h"
 
 namespace NS_Utils {
 
