@@ -1,0 +1,124 @@
+#include "testing/agent/StandInControl.h"
+
+#include "common/ModulePath.h"
+#include "common/Registry.h"
+#include "common/WinHandles.h"
+
+#include <filesystem>
+#include <fstream>
+#include <vector>
+
+namespace standin {
+namespace {
+
+struct ModuleTraits {
+    using type = HMODULE;
+    static HMODULE Invalid() noexcept { return nullptr; }
+    static bool IsValid(HMODULE module) noexcept { return module != nullptr; }
+    static void Close(HMODULE module) noexcept { ::FreeLibrary(module); }
+};
+
+bool CallServer(const char* entry) {
+    NS_Utils::UniqueResource<ModuleTraits> server(
+        ::LoadLibraryW((NS_Utils::ExecutableFolder() + L"KelAgentStandIn.dll").c_str()));
+    FARPROC found = server ? ::GetProcAddress(server.get(), entry) : nullptr;
+    // Through a generic function type: a direct cast from FARPROC draws -Wcast-function-type.
+    auto call = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void (*)()>(found));
+    return found && SUCCEEDED(call());
+}
+
+std::string Utf8(const std::wstring& text) {
+    const int length = static_cast<int>(text.size());
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
+    std::string result(static_cast<size_t>(size), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, result.data(), size, nullptr, nullptr);
+    return result;
+}
+
+}  // namespace
+
+DWORD ScriptDword(const wchar_t* name, DWORD fallback) {
+    NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, fallback);
+    return fallback;
+}
+
+std::wstring ScriptString(const wchar_t* name, const std::wstring& fallback) {
+    std::wstring value = fallback;
+    NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
+    return value;
+}
+
+std::vector<std::wstring> ScriptStrings(const wchar_t* name) {
+    // Scripts are short; a list that does not fit counts as none.
+    std::vector<wchar_t> data(4096, L'\0');
+    DWORD bytes = static_cast<DWORD>((data.size() - 2) * sizeof(wchar_t));
+    std::vector<std::wstring> result;
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, data.data(),
+                       &bytes) != ERROR_SUCCESS)
+        return result;
+    for (const wchar_t* p = data.data(); *p; p += result.back().size() + 1) result.emplace_back(p);
+    return result;
+}
+
+std::wstring JournalPath() { return ScriptString(L"Journal", L"C:\\KelStandIn\\journal.log"); }
+
+void Journal(const std::wstring& line) {
+    const std::wstring path = JournalPath();
+    NS_Utils::UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, L"KelStandInJournal"));
+    if (!mutex || ::WaitForSingleObject(mutex.get(), 10000) == WAIT_TIMEOUT) return;
+    NS_Utils::MutexOwnership owned(mutex.get());
+    // Every folder on the way, for paths a test picks as well as the default one.
+    for (size_t slash = path.find(L'\\', 3); slash != std::wstring::npos; slash = path.find(L'\\', slash + 1))
+        ::CreateDirectoryW(path.substr(0, slash).c_str(), nullptr);
+    constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    NS_Utils::UniqueHandle file(
+        ::CreateFileW(path.c_str(), FILE_APPEND_DATA, kShare, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return;
+    const std::string text = Utf8(line) + "\n";
+    DWORD written = 0;
+    ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+}
+
+
+bool Install(const std::wstring& programDir) {
+    std::wstring folder = programDir;
+    if (!folder.empty() && folder.back() != L'\\') folder += L'\\';
+    ::CreateDirectoryW(folder.c_str(), nullptr);
+    const std::wstring source = NS_Utils::ExecutableFolder() + L"KelRuntime.dll";
+    return ::CopyFileW(source.c_str(), (folder + L"KelRuntime.dll").c_str(), FALSE) && CallServer("DllRegisterServer");
+}
+
+bool Unregister() { return CallServer("DllUnregisterServer"); }
+
+void SetScript(const wchar_t* name, DWORD value) {
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
+}
+
+void SetScript(const wchar_t* name, const std::wstring& value) {
+    if (value.find(L'\0') == std::wstring::npos) {
+        NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
+        return;
+    }
+    NS_Utils::UniqueRegKey key;
+    if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kScriptKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr) ==
+        ERROR_SUCCESS) {
+        const std::wstring list = value + std::wstring(2, L'\0');
+        ::RegSetValueExW(key.get(), name, 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(list.data()),
+                         static_cast<DWORD>(list.size() * sizeof(wchar_t)));
+    }
+}
+
+void ClearScript() { ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kScriptKey); }
+
+std::vector<std::string> JournalLines(const std::string& prefix) {
+    std::ifstream file(std::filesystem::path(JournalPath()), std::ios::binary);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with(prefix)) lines.push_back(line);
+    return lines;
+}
+
+// Writers share delete access, so this succeeds even while one of them appends.
+void ClearJournal() { ::DeleteFileW(JournalPath().c_str()); }
+
+}  // namespace standin
