@@ -1,10 +1,96 @@
 #include "checkin/KelUtils.h"
 
+#include "checkin/AgentRuntime.h"
+#include "checkin/SecretText.h"
 #include "common/ComHandles.h"
 #include "common/Log.h"
 
 namespace {
 constexpr const wchar_t* kTag = L"[CKelUtils::ObtainMirelIdFromBriskScriptSupport]\t";
+constexpr const wchar_t* kWalletTag = L"[CKelUtils::RetrieveCorvinCredentials]\t";
+
+// The wallet's own vocabulary: two work bags, the template that asks for the identity-server
+// account, and its two items.
+constexpr const wchar_t* kWorkBag = L"temp_bag";
+constexpr const wchar_t* kResultBag = L"temp_two";
+constexpr const wchar_t* kAccountTemplate = L"adt_ciuser_cspwd";
+constexpr const wchar_t* kUserItem = L"aditi_ciuser";
+constexpr const wchar_t* kPasswordItem = L"aditi_cspwd";
+
+using NS_Utils::AllocBstr;
+
+bool Answered(HRESULT hr, VARIANT_BOOL answer) { return SUCCEEDED(hr) && answer == VARIANT_TRUE; }
+
+void LogWallet(const wchar_t* text) { NS_Log::Log(1, kWalletTag + std::wstring(text)); }
+
+NS_Utils::ComPtr<IKelPropertyManager> PropertyManager(IKelStateEngineRuntime* runtime) {
+    NS_Utils::ComPtr<IDispatch> manager;
+    if (!runtime || FAILED(runtime->GetPropertyManager(manager.put()))) return {};
+    return NS_AgentRuntime::AgentObjectAs<IKelPropertyManager>(manager);
+}
+
+// Creates `bag` unless `exists`; false (logged) when that fails.
+bool EnsureBag(IKelPropertyManager& manager, const wchar_t* bag, VARIANT_BOOL exists, const wchar_t* failure) {
+    if (exists == VARIANT_TRUE) return true;
+    VARIANT_BOOL created = VARIANT_FALSE;
+    if (Answered(manager.CreateAccDataBag(AllocBstr(bag).get(), &created), created)) return true;
+    LogWallet(failure);
+    return false;
+}
+
+bool PrepareWorkBags(IKelPropertyManager& manager, const std::wstring& authSvcId, const VARIANT& scope) {
+    VARIANT_BOOL workExists = VARIANT_FALSE;
+    VARIANT_BOOL resultExists = VARIANT_FALSE;
+    if (FAILED(manager.IsAccDataBagExist(AllocBstr(kWorkBag).get(), scope, &workExists)) ||
+        FAILED(manager.IsAccDataBagExist(AllocBstr(kResultBag).get(), scope, &resultExists))) {
+        LogWallet(L" Call to IsAccDataBagExist() failed");
+        return false;
+    }
+    if (!EnsureBag(manager, kWorkBag, workExists, L" Cannot create temp_bag") ||
+        !EnsureBag(manager, kResultBag, resultExists, L" Cannot create temp_two"))
+        return false;
+    VARIANT_BOOL idSet = VARIANT_FALSE;
+    VARIANT_BOOL templateSet = VARIANT_FALSE;
+    const NS_Utils::UniqueBstr work = AllocBstr(kWorkBag);
+    if (!Answered(manager.SetAccDataBag(work.get(), AllocBstr(authSvcId).get(), scope, &idSet), idSet) ||
+        !Answered(manager.SetAccDataBagAdt(work.get(), AllocBstr(kAccountTemplate).get(), scope, &templateSet),
+                  templateSet)) {
+        LogWallet(L" SetAccDataBag auth id or ADT failed");
+        return false;
+    }
+    return true;
+}
+
+void ReadAccount(IKelPropertyManager& manager, const VARIANT& scope, std::wstring& user, std::wstring& password) {
+    const NS_Utils::UniqueBstr result = AllocBstr(kResultBag);
+    NS_Utils::SecretBstr userText;
+    NS_Utils::SecretBstr passwordText;
+    if (FAILED(manager.GetAccDataItem(result.get(), AllocBstr(kUserItem).get(), scope, userText.put())) ||
+        FAILED(manager.GetAccDataItem(result.get(), AllocBstr(kPasswordItem).get(), scope, passwordText.put()))) {
+        LogWallet(L" GetAccDataItem() failed");
+        return;
+    }
+    userText.CopyTo(user);
+    passwordText.CopyTo(password);
+}
+}  // namespace
+
+void CKelUtils::RetrieveCorvinCredentials(IKelStateEngineRuntime* runtime, const std::wstring& authSvcId,
+                                          const VARIANT& scope, std::wstring& user, std::wstring& password) {
+    user.clear();
+    NS_Utils::WipeString(password);
+    NS_Utils::ComPtr<IKelPropertyManager> manager = PropertyManager(runtime);
+    if (!manager) {
+        LogWallet(L" pPropMgr is NULL");
+        return;
+    }
+    if (!PrepareWorkBags(*manager.get(), authSvcId, scope)) return;
+    VARIANT_BOOL copied = VARIANT_FALSE;
+    if (!Answered(manager->GetAccountData(AllocBstr(kResultBag).get(), AllocBstr(kWorkBag).get(), &copied), copied)) {
+        LogWallet(L" GetAccountData to temp_two failed");
+        return;
+    }
+    ReadAccount(*manager.get(), scope, user, password);
 }
 
 std::wstring CKelUtils::ObtainMirelIdFromBriskScriptSupport() {

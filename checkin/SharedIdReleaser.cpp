@@ -1,5 +1,241 @@
 #include "checkin/SharedIdReleaser.h"
 
-bool SharedIdReleaser::Init() { return IsReady(); }
+#include "checkin/AgentRuntime.h"
+#include "checkin/CheckInRow.h"
+#include "checkin/KelUtils.h"
+#include "checkin/CorvinUrlResolver.h"
+#include "checkin/SecretText.h"
+#include "common/Log.h"
 
-bool SharedIdReleaser::UpdateCorvinCred() { return false; }
+#include <cassert>
+
+namespace {
+// Tags end without "]": each message piece begins with it, a few with "]\t" and no blank.
+constexpr const wchar_t* kReleaseTag = L"[SharedIdReleaser::ReleaseCredInternal";
+constexpr const wchar_t* kUpdateTag = L"[SharedIdReleaser::UpdateCorvinCred";
+constexpr const wchar_t* kResolveTag = L"[SharedIdReleaser::ResolveAuthId";
+constexpr const wchar_t* kNoRuntime = L"]\tGetting the SE runtime object from observer failed";
+constexpr LCID kAgentLcid = 1024;  // LOCALE_USER_DEFAULT, as the agent's own callers pass it
+
+void Log(unsigned short level, const wchar_t* tag, const std::wstring& piece) {
+    NS_Log::Log(level, tag + piece);
+}
+
+std::wstring HrText(HRESULT hr) { return L"0x" + NS_Log::Hex(static_cast<unsigned long>(hr)); }
+
+VARIANT BoolScope(VARIANT_BOOL value) {
+    VARIANT scope;
+    ::VariantInit(&scope);
+    scope.vt = VT_BOOL;
+    scope.boolVal = value;
+    return scope;
+}
+}  // namespace
+
+SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); }
+
+bool SharedIdReleaser::IsRetryable(int code) {
+    switch (code) {
+    case 5: case 7: case 8: case 37: case 41: case 43:
+        return true;
+    default:
+        return false;
+    }
+}
+
+void SharedIdReleaser::CheckThread() const {
+    assert(m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId());
+}
+
+bool SharedIdReleaser::Init() {
+    if (m_workerThreadId == 0) m_workerThreadId = ::GetCurrentThreadId();
+    CheckThread();
+    if (!InitCom()) return false;
+    if (!m_checkInAgent && !CreateCheckInAgent()) return false;
+    if (!m_runtime) {
+        NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
+        if (!m_runtime)
+            NS_Log::Log(1, L"[SharedIdMonitor::FreeSharedId]\tGetting the SE runtime object from observer failed");
+    }
+    if (!m_scriptSupport) CreateScriptSupport();
+    return m_checkInAgent && m_runtime && m_scriptSupport;
+}
+
+bool SharedIdReleaser::InitCom() {
+    // Never undone: the worker keeps COM for as long as it runs, and the agent's objects with
+    // it. A thread already in the multithreaded apartment can use them just as well.
+    if (!m_comReady) {
+        HRESULT hr = ::CoInitialize(nullptr);
+        m_comReady = SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE;
+    }
+    return m_comReady;
+}
+
+bool SharedIdReleaser::CreateCheckInAgent() {
+    HRESULT hr = ::CoCreateInstance(CLSID_CICOBatchAgent, nullptr, kCheckInAgentContext, IID_ICICOBatchAgent,
+                                    m_checkInAgent.put_void());
+    if (SUCCEEDED(hr) && m_checkInAgent) return true;
+    m_checkInAgent.reset();
+    NS_Log::Log(1, L"[SharedIdReleaser::Init]\tGet CICOBatchAgent object return error code: " + HrText(hr));
+    return false;
+}
+
+bool SharedIdReleaser::CreateScriptSupport() {
+    CLSID clsid{};
+    NS_Utils::ComPtr<IUnknown> object;
+    HRESULT hr = ::CLSIDFromProgID(kScriptSupportProgId, &clsid);
+    if (SUCCEEDED(hr)) hr = ::CoCreateInstance(clsid, nullptr, kCheckInAgentContext, IID_IUnknown, object.put_void());
+    if (FAILED(hr) || !object) {
+        NS_Log::Log(1, L"[SharedIdMonitor::WaitForBriskLoginBlocking]\tCannot create object BriskScriptSupport");
+        return false;
+    }
+    NS_Utils::ComPtr<IDispatch> dispatch;
+    LPOLESTR name = const_cast<LPOLESTR>(kEnterpriseIdProperty);
+    DISPID id = DISPID_UNKNOWN;
+    hr = object->QueryInterface(IID_IDispatch, dispatch.put_void());
+    if (SUCCEEDED(hr)) hr = dispatch->GetIDsOfNames(IID_NULL, &name, 1, kAgentLcid, &id);
+    if (FAILED(hr)) {
+        NS_Log::Log(1, L"[SharedIdReleaser::Init]\t BriskScriptSupport does not answer EnterpriseId. HR = " +
+                           HrText(hr));
+        return false;
+    }
+    m_scriptSupport = dispatch;
+    m_enterpriseIdDispId = id;
+    return true;
+}
+
+int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes) {
+    CheckThread();
+    RefreshAccountForCheckIn();
+    const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(credential.GetCorvinAuthSvcUrl());
+    const NS_Utils::UniqueBstr srvId = NS_Utils::AllocBstr(credential.GetCorvinAuthSrvId());
+    NS_Utils::UniqueVariant input;
+    const CSharedId* const records[] = {&credential};
+    NS_CheckInRow::MakeInput(records, input);
+    // Removed whatever the check-in's outcome: the agent recreates the bag at the next check-out.
+    if (!credential.GetAuxText6().empty()) DeleteGlobalAccountDataBag(credential);
+
+    const NS_Utils::SecretBstr user(m_corvinUser);
+    const NS_Utils::SecretBstr password(m_corvinPassword);
+    NS_Utils::UniqueVariant output;
+    LONG nRet = 0;
+    HRESULT hr = E_POINTER;
+    if (m_checkInAgent)
+        hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
+                                     output.get(), &nRet);
+    if (hrCIRes) *hrCIRes = hr;
+    return DecideResult(hr, nRet, *output.get());
+}
+
+void SharedIdReleaser::RefreshAccountForCheckIn() {
+    if (!UpdateCorvinCred()) Log(2, kReleaseTag, L"]\t Cannot get Corvin cred.");
+    if (!m_corvinUser.empty()) return;
+    Log(2, kReleaseTag, L"]\t No Corvin cred is available yet.");
+    // The check-in goes ahead with whatever the cache holds; the agent answers for an account
+    // it cannot use with a code that is retried.
+    if (!WaitForBriskLoginBlocking()) Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
+}
+
+void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
+    Log(4, kReleaseTag, L"]\tAbout to delete the associated global account data bag for " + credential.GetSignature());
+    NS_Utils::ComPtr<IDispatch> store;
+    HRESULT hr = m_runtime ? m_runtime->GetPropertyManager(store.put()) : E_POINTER;
+    if (SUCCEEDED(hr) && !store) hr = E_POINTER;
+    if (FAILED(hr)) {
+        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(hr)));
+        return;
+    }
+    auto manager = NS_AgentRuntime::AgentObjectAs<IKelPropertyManager>(store);
+    const NS_Utils::UniqueBstr name = NS_Utils::AllocBstr(credential.GetAuxText6());
+    const VARIANT global = BoolScope(VARIANT_FALSE);
+    VARIANT_BOOL exists = VARIANT_FALSE;
+    if (FAILED(manager->IsAccDataBagExist(name.get(), global, &exists)) || exists != VARIANT_TRUE) return;
+    hr = manager->DeleteAccDataBag(name.get(), global);
+    if (FAILED(hr)) {
+        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(hr)));
+        return;
+    }
+    Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
+}
+
+int SharedIdReleaser::DecideResult(HRESULT hr, LONG nRet, const VARIANT& output) {
+    if (nRet != 0) {
+        Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", nRet = " + std::to_wstring(nRet));
+        return nRet;
+    }
+    // A failed call that says nothing else ends here too: without one answer it is final.
+    const std::vector<LONG> results = NS_CheckInRow::ReadResults(output);
+    if (results.size() != 1) {
+        Log(2, kReleaseTag, L"]\t The size of  CheckIn result vector is not 1. ");
+        return kUnexpectedAnswer;
+    }
+    Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(results.front()));
+    return results.front();
+}
+
+bool SharedIdReleaser::UpdateCorvinCred() {
+    CheckThread();
+    if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
+    if (!m_runtime) {
+        Log(1, kUpdateTag, kNoRuntime);
+        return false;
+    }
+    if (m_corvinAuthSvcId.empty() && !ResolveAuthId()) {
+        Log(2, kUpdateTag, L"]\tResolution of Corvin authentication service failed.");
+        return false;
+    }
+    std::wstring user;
+    std::wstring password;
+    CKelUtils::RetrieveCorvinCredentials(m_runtime.get(), m_corvinAuthSvcId, BoolScope(VARIANT_TRUE), user, password);
+    if (user.empty()) {
+        NS_Utils::WipeString(password);
+        Log(2, kUpdateTag, L"]\tcould not get Corvin cred from wallet. Not disturbing the cache.");
+        return false;
+    }
+    m_corvinUser = user;
+    NS_Utils::ReplaceSecret(m_corvinPassword, password);
+    return true;
+}
+
+bool SharedIdReleaser::ResolveAuthId() {
+    CheckThread();
+    if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
+    if (!m_runtime) {
+        Log(1, kResolveTag, kNoRuntime);
+        return false;
+    }
+    std::wstring authSvcId;
+    if (CCorvinUrlResolver::ResolveAuthSvcId(m_runtime.get(), authSvcId) != 0) {
+        Log(1, kResolveTag, L"]\t Cannot get Corvin Auth Id from wallet.");
+        return false;
+    }
+    m_corvinAuthSvcId = authSvcId;
+    Log(3, kResolveTag, L"]\t CorvinAuthSvcId = " + m_corvinAuthSvcId);
+    return true;
+}
+
+bool SharedIdReleaser::WaitForBriskLoginBlocking() {
+    CheckThread();
+    if (!m_scriptSupport) return false;
+    NS_Log::Log(3, L"[SharedIdReleaser::WaitForBriskLoginBlocking]\t Waiting for the user to log on to the agent.");
+    for (;;) {
+        NS_Utils::UniqueVariant value;
+        DISPPARAMS none{};
+        if (FAILED(m_scriptSupport->Invoke(m_enterpriseIdDispId, IID_NULL, kAgentLcid, DISPATCH_PROPERTYGET, &none,
+                                           value.put(), nullptr, nullptr)))
+            return false;
+        if (value.get()->vt == VT_BSTR && ::SysStringLen(value.get()->bstrVal) > 0) return true;
+        ::Sleep(m_loginPollMs);
+    }
+}
+
+void SharedIdReleaser::Reset() {
+    CheckThread();
+    m_checkInAgent.reset();
+    m_runtime.reset();
+    m_scriptSupport.reset();
+    m_enterpriseIdDispId = DISPID_UNKNOWN;
+    m_corvinUser.clear();
+    NS_Utils::WipeString(m_corvinPassword);
+    m_corvinAuthSvcId.clear();
+}

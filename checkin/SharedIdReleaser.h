@@ -1,16 +1,78 @@
 #pragma once
-// Returns credentials to the identity server through the agent's check-in object.
+// Returns credentials to the identity server through the agent's check-in object, with the
+// identity-server account that the user's wallet keeps.
+//
+// Which thread calls what: every method runs on the collector's worker thread, the one thread
+// that checks credentials in. Init initialises COM there (apartment model) and the agent's
+// objects are created there, so they may only be used there; the cached account is touched
+// by that thread alone and needs no lock. Other threads (the registration path on the COM
+// thread included) ask the worker to act by queueing a work item; they never call in here.
+// Debug builds check that every call comes from the thread that called Init first.
+
+#include "checkin/AgentInterfaces.h"
+#include "common/ComHandles.h"
+#include "sharedid/SharedId.h"
+
+#include <string>
 
 class SharedIdReleaser {
 public:
-    // Makes the check-in agent and the state-engine runtime ready. Neither is reachable yet, so
-    // this answers false and credentials are forgotten without a check-in.
+    // Result of the agent's check-in when the answer did not hold exactly one integer.
+    static constexpr int kUnexpectedAnswer = 1;
+    // The credential was checked out by another identity-server user: give up, forget it.
+    static constexpr int kDifferentUser = 42;
+    static constexpr DWORD kLoginPollMs = 5000;
+
+    // `loginPollMs`: the pause between two questions while waiting for the agent's logon.
+    explicit SharedIdReleaser(DWORD loginPollMs = kLoginPollMs) : m_loginPollMs(loginPollMs) {}
+    SharedIdReleaser(const SharedIdReleaser&) = delete;
+    SharedIdReleaser& operator=(const SharedIdReleaser&) = delete;
+    ~SharedIdReleaser();
+
+    // Transient results after which the check-in is tried again later.
+    static bool IsRetryable(int code);
+
+    // Initialises COM on this thread and gets whatever of the check-in agent, the state-engine
+    // runtime and the script support is not yet held. True only when all three are held.
     bool Init();
-    bool IsReady() const { return m_hasCheckInAgent && m_hasRuntime; }
-    // Refreshes the cached identity-server credential; false when none could be had.
+    // A check-in can be tried: the check-in agent and the runtime are both held.
+    bool IsReady() const { return m_checkInAgent && m_runtime; }
+
+    // One check-in exchange for `credential`; the agent's HRESULT goes to `hrCIRes` (for the log
+    // only). The agent's result code, or kUnexpectedAnswer. Call after Init made it ready.
+    // Throws BstrAllocError when a BSTR cannot be allocated.
+    int ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
+
+    // Refreshes the cached account from the wallet; false, with the cache left as it was, when
+    // the wallet has none.
     bool UpdateCorvinCred();
+    // Finds the identity-server authentication-service id and keeps it; false when none.
+    bool ResolveAuthId();
+    // Returns true once the agent reports a logged-on user, false when it cannot be asked.
+    // Polls without a time limit.
+    bool WaitForBriskLoginBlocking();
+
+    // Drops the agent's objects and wipes the cached account; for the worker before it ends,
+    // since the objects belong to its apartment.
+    void Reset();
 
 private:
-    bool m_hasCheckInAgent = false;
-    bool m_hasRuntime = false;
+    bool InitCom();
+    bool CreateCheckInAgent();
+    bool CreateScriptSupport();
+    void RefreshAccountForCheckIn();
+    void DeleteGlobalAccountDataBag(const CSharedId& credential);
+    int DecideResult(HRESULT hr, LONG nRet, const VARIANT& output);
+    void CheckThread() const;
+
+    NS_Utils::ComPtr<ICICOBatchAgent> m_checkInAgent;
+    NS_Utils::ComPtr<IKelStateEngineRuntime> m_runtime;
+    NS_Utils::ComPtr<IDispatch> m_scriptSupport;
+    DISPID m_enterpriseIdDispId = DISPID_UNKNOWN;
+    bool m_comReady = false;
+    std::wstring m_corvinUser;
+    std::wstring m_corvinPassword;  // secret: only here and in the check-in call; wiped on change
+    std::wstring m_corvinAuthSvcId;
+    DWORD m_loginPollMs;
+    DWORD m_workerThreadId = 0;
 };

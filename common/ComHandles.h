@@ -1,9 +1,11 @@
 #pragma once
-// Owners of COM resources: interface pointers, BSTRs, VARIANTs and the apartment of a thread.
+// Owners of COM resources: interface pointers, BSTRs, VARIANTs, SAFEARRAYs and the apartment
+// of a thread.
 
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <new>
 #include <string>
 #include <utility>
 
@@ -76,6 +78,51 @@ private:
     BSTR m_bstr = nullptr;
 };
 
+// Allocation failure of a BSTR that a call cannot do without: E_OUTOFMEMORY, raised like any
+// other failed allocation so that callers need no second error path.
+class BstrAllocError : public std::bad_alloc {
+public:
+    HRESULT Result() const noexcept { return E_OUTOFMEMORY; }
+    const char* what() const noexcept override { return "BSTR allocation failed (E_OUTOFMEMORY)"; }
+};
+
+// A copy of `text` that is never null, even when empty; throws BstrAllocError.
+inline UniqueBstr AllocBstr(const std::wstring& text) {
+    UniqueBstr bstr(text);
+    if (!bstr.get()) throw BstrAllocError();
+    return bstr;
+}
+
+// A BSTR that holds a secret: its characters are zeroed before it is freed or replaced. An
+// empty text gives a null BSTR, which callees take as "none".
+class SecretBstr {
+public:
+    SecretBstr() noexcept = default;
+    explicit SecretBstr(const std::wstring& text) {
+        if (!text.empty()) m_bstr = AllocBstr(text);
+    }
+    SecretBstr(const SecretBstr&) = delete;
+    SecretBstr& operator=(const SecretBstr&) = delete;
+    ~SecretBstr() { Wipe(); }
+
+    BSTR get() const noexcept { return m_bstr.get(); }
+    BSTR* put() noexcept {
+        Wipe();
+        return m_bstr.put();
+    }
+    // Into the caller's string, so that no temporary copy is left behind unwiped.
+    void CopyTo(std::wstring& out) const {
+        BSTR text = m_bstr.get();
+        out.assign(text ? text : L"", text ? ::SysStringLen(text) : 0);
+    }
+
+private:
+    void Wipe() noexcept {
+        if (BSTR text = m_bstr.get()) ::SecureZeroMemory(text, ::SysStringByteLen(text));
+    }
+    UniqueBstr m_bstr;
+};
+
 class UniqueVariant {
 public:
     UniqueVariant() noexcept { ::VariantInit(&m_variant); }
@@ -92,6 +139,57 @@ public:
 
 private:
     VARIANT m_variant;
+};
+
+class UniqueSafeArray {
+public:
+    UniqueSafeArray() noexcept = default;
+    explicit UniqueSafeArray(SAFEARRAY* array) noexcept : m_array(array) {}
+    UniqueSafeArray(const UniqueSafeArray&) = delete;
+    UniqueSafeArray& operator=(const UniqueSafeArray&) = delete;
+    UniqueSafeArray(UniqueSafeArray&& other) noexcept : m_array(std::exchange(other.m_array, nullptr)) {}
+    UniqueSafeArray& operator=(UniqueSafeArray&& other) noexcept {
+        if (this != &other) reset(std::exchange(other.m_array, nullptr));
+        return *this;
+    }
+    ~UniqueSafeArray() { reset(); }
+
+    SAFEARRAY* get() const noexcept { return m_array; }
+    SAFEARRAY* release() noexcept { return std::exchange(m_array, nullptr); }
+    void reset(SAFEARRAY* array = nullptr) noexcept {
+        if (SAFEARRAY* old = std::exchange(m_array, array)) ::SafeArrayDestroy(old);
+    }
+
+private:
+    SAFEARRAY* m_array = nullptr;
+};
+
+// Direct access to a SAFEARRAY's elements for the owner's lifetime; the array is not owned.
+class SafeArrayLock {
+public:
+    explicit SafeArrayLock(SAFEARRAY* array) noexcept
+        : m_array(array), m_locked(array && SUCCEEDED(::SafeArrayLock(array))) {}
+    SafeArrayLock(const SafeArrayLock&) = delete;
+    SafeArrayLock& operator=(const SafeArrayLock&) = delete;
+    ~SafeArrayLock() {
+        if (m_locked) ::SafeArrayUnlock(m_array);
+    }
+    bool Locked() const noexcept { return m_locked; }
+    template <typename T>
+    T* Data() const noexcept {
+        return m_locked ? static_cast<T*>(m_array->pvData) : nullptr;
+    }
+    // Every element over all dimensions.
+    ULONG Count() const noexcept {
+        if (!m_locked) return 0;
+        ULONG count = 1;
+        for (USHORT d = 0; d < m_array->cDims; ++d) count *= m_array->rgsabound[d].cElements;
+        return count;
+    }
+
+private:
+    SAFEARRAY* m_array;
+    bool m_locked;
 };
 
 // COM on the current thread for the owner's lifetime.

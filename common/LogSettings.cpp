@@ -30,14 +30,6 @@ LogSettings ReadLogSettings() {
     return settings;
 }
 
-std::wstring DefaultLogFolder() {
-    std::wstring folder;
-    if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct,
-                                     NS_Utils::RegKeys::kProgramDirValue, folder) != ERROR_SUCCESS ||
-        folder.empty())
-        folder = NS_Utils::ExecutableFolder();
-    if (folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
-    return folder + L"logs\\";
-}
+std::wstring DefaultLogFolder() { return NS_Utils::AgentInstallFolder() + L"logs\\"; }
 
 }  // namespace NS_Log

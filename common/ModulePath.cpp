@@ -1,5 +1,7 @@
 #include "common/ModulePath.h"
 
+#include "common/Registry.h"
+
 #include <windows.h>
 
 namespace NS_Utils {
@@ -17,6 +19,15 @@ std::wstring ExecutableFolder() {
     std::wstring path = ExecutablePath();
     size_t slash = path.find_last_of(L"\\/");
     return slash == std::wstring::npos ? L".\\" : path.substr(0, slash + 1);
+}
+
+std::wstring AgentInstallFolder() {
+    std::wstring folder;
+    if (ReadRegistryString(HKEY_LOCAL_MACHINE, RegKeys::kProduct, RegKeys::kProgramDirValue, folder) != ERROR_SUCCESS ||
+        folder.empty())
+        return ExecutableFolder();
+    if (folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
+    return folder;
 }
 
 }  // namespace NS_Utils

@@ -1,5 +1,5 @@
 #pragma once
-// Where the running executable lives.
+// Where the running executable and the agent it serves live.
 
 #include <string>
 
@@ -9,5 +9,9 @@ namespace NS_Utils {
 std::wstring ExecutablePath();
 // Its folder, with a trailing backslash; ".\" when it cannot be had.
 std::wstring ExecutableFolder();
+// The agent's installation folder ("ProgramDir" under the agent's machine key), with a trailing
+// backslash; the executable's folder when none is recorded, so that a copy run beside its files
+// finds them.
+std::wstring AgentInstallFolder();
 
 }  // namespace NS_Utils

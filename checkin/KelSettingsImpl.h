@@ -1,0 +1,13 @@
+#pragma once
+// The check-in client's timing setting, read from the service's settings key.
+
+#include <windows.h>
+
+class KelSettingsImpl {
+public:
+    static constexpr DWORD kDefaultFreeSharedIdWaitTime = 10000;
+
+    // Milliseconds between check-in retries: "FreeSharedIdWaitTime", taken as read (0 retries at
+    // once), else the default. Read on every call so that a change applies at the next retry.
+    static DWORD GetFreeSharedIdWaitTime();
+};
