@@ -51,17 +51,35 @@ int PersistantStorage::Persist(CSharedId& record) {
         NS_Log::Log(1, L"[PersistantStorage::Persist]\t CSharedId object information not completed.");
         return kRecordUnfit;
     }
-    std::wstring previous = record.GetFileName();
-    std::wstring path = m_folder + NewFileName();
-    record.SetFileName(path);
+    const std::wstring previous = record.GetFileName();
+    std::wstring name;
     std::list<DWORD> errors;
-    if (!NS_SHAREDID_UTILS::writeSharedIdToFile(record, path, errors)) {
-        // The name may belong to another credential's file: never leave it on this record.
-        record.SetFileName(previous);
-        KeepErrors(errors, L"PersistantStorage::Persist");
-        return kWriteFailed;
+    for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+        name = NextFileName(name);
+        errors.clear();
+        record.SetFileName(m_folder + name);
+        NS_Utils::UniqueHandle file;
+        if (NS_SHAREDID_UTILS::writeSharedIdToFile(record, record.GetFileName(), errors, &file)) {
+            record.ClaimFile(std::move(file));
+            return kOk;
+        }
+        // Names are the local time without padding: they meet within a millisecond and even
+        // across dates. A taken name is never overwritten; a fresh time gives another.
+        if (errors.empty() || errors.back() != ERROR_FILE_EXISTS) break;
     }
-    return kOk;
+    // The name may belong to another credential's file: never leave it on this record.
+    record.SetFileName(previous);
+    KeepErrors(errors, L"PersistantStorage::Persist");
+    return kWriteFailed;
+}
+
+std::wstring PersistantStorage::NextFileName(const std::wstring& taken) {
+    std::wstring name = NewFileName();
+    for (int tick = 0; name == taken && tick < kClockWaitMs; ++tick) {
+        ::Sleep(1);
+        name = NewFileName();
+    }
+    return name;
 }
 
 int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
@@ -76,6 +94,11 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
     do {
         if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
         std::wstring path = m_folder + found.cFileName;
+        NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
+        if (!claim && ::GetLastError() == ERROR_SHARING_VIOLATION) {
+            NS_Log::Log(3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+            continue;
+        }
         CSharedId record;
         std::list<DWORD> errors;
         if (!NS_SHAREDID_UTILS::readSharedIdFromFile(record, path, errors)) {
@@ -84,9 +107,17 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
             continue;
         }
         record.SetFileName(path);
+        if (claim) record.ClaimFile(std::move(claim));
         out.push_back(std::move(record));
     } while (::FindNextFileW(search.get(), &found));
     return kOk;
+}
+
+NS_Utils::UniqueHandle PersistantStorage::ClaimStoredFile(const std::wstring& path) {
+    // Asking for write access while denying it to others fails with a sharing violation exactly
+    // when a live instance keeps the file open for its registered credential.
+    return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                                                OPEN_EXISTING, 0, nullptr));
 }
 
 int PersistantStorage::Delete(const CSharedId& record) {

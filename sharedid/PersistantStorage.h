@@ -3,6 +3,7 @@
 // the service or of the machine never loses a credential that was not checked in.
 
 #include "common/CriticalSection.h"
+#include "common/WinHandles.h"
 #include "sharedid/SharedId.h"
 
 #include <list>
@@ -22,12 +23,15 @@ public:
     // Finds the folder and creates it when missing.
     PersistantStorage();
 
-    // Writes the record to a new file named after the local time and points its m_fileName at
-    // it. On failure the record keeps the file name it had.
+    // Writes the record to a new file named after the local time, points its m_fileName at it
+    // and keeps the file open in the record (its claim). A name that is taken is made anew from
+    // a later time, a few times. On failure the record keeps the file name it had.
     int Persist(CSharedId& record);
-    // Every credential file that can be read, with m_fileName set. A file that cannot be read is
-    // logged, skipped and left where it is for an administrator to look at.
+    // Every credential file that can be read, with m_fileName set and the file claimed. A file
+    // that cannot be read is logged, skipped and left where it is for an administrator to look
+    // at; so is a file that another live instance holds open for a credential it answers for.
     int EnumCreds(std::list<CSharedId>& out);
+    // The record's claim must have been released first: the claim denies deletion.
     int Delete(const CSharedId& record);
 
     const std::wstring& Folder() const { return m_folder; }
@@ -36,6 +40,12 @@ public:
 private:
     void KeepErrors(const std::list<DWORD>& errors, const wchar_t* operation);
     static std::wstring NewFileName();
+    // A name made from the local time that differs from `taken`, waiting for the clock if needed.
+    static std::wstring NextFileName(const std::wstring& taken);
+    static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);
+
+    static constexpr int kNameAttempts = 5;
+    static constexpr int kClockWaitMs = 100;
 
     std::wstring m_folder;  // empty when unknown
     mutable NS_Utils::CriticalSection m_errorsLock;

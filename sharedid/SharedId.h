@@ -1,6 +1,8 @@
 #pragma once
 // One checked-out shared credential, as a client registered it.
 
+#include "common/SecretString.h"
+#include "common/WinHandles.h"
 #include "sharedid/AbsSharedCredListener.h"
 
 #include <windows.h>
@@ -8,6 +10,29 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+// The credential file kept open by the instance that answers for the credential, for as long
+// as it does: another instance starting meanwhile (a second desktop of the same user shares the
+// folder) sees the open file and leaves it alone. A copy of a record is not the record and
+// carries no claim.
+class CFileClaim {
+public:
+    CFileClaim() = default;
+    explicit CFileClaim(NS_Utils::UniqueHandle file) noexcept : m_file(std::move(file)) {}
+    CFileClaim(const CFileClaim&) noexcept {}
+    CFileClaim& operator=(const CFileClaim& other) noexcept {
+        if (this != &other) m_file.reset();
+        return *this;
+    }
+    CFileClaim(CFileClaim&&) noexcept = default;
+    CFileClaim& operator=(CFileClaim&&) noexcept = default;
+
+    bool Held() const noexcept { return m_file.valid(); }
+    void Release() noexcept { m_file.reset(); }
+
+private:
+    NS_Utils::UniqueHandle m_file;
+};
 
 class CSharedId {
 public:
@@ -46,10 +71,10 @@ public:
     const std::wstring& GetAuxText1() const { return m_auxText1; }
     const std::wstring& GetAuthSvcId() const { return m_authSvcId; }
     const std::wstring& GetSharedId() const { return m_sharedId; }
-    const std::wstring& GetAuxText2() const { return m_auxText2; }
+    const std::wstring& GetAuxText2() const { return m_auxText2.get(); }
     const std::wstring& GetRoleId() const { return m_roleId; }
     const std::wstring& GetLeaseDN() const { return m_leaseDN; }
-    const std::wstring& GetAuxText3() const { return m_auxText3; }
+    const std::wstring& GetAuxText3() const { return m_auxText3.get(); }
     const std::wstring& GetLeaseExpiry() const { return m_leaseExpiry; }
     const std::wstring& GetEnterpriseId() const { return m_enterpriseId; }
     const std::wstring& GetAuxText4() const { return m_auxText4; }
@@ -57,7 +82,7 @@ public:
     const std::vector<DWORD>& GetHolderPids() const { return m_holderPids; }
     const std::vector<std::shared_ptr<AbsSharedCredListener>>& GetListeners() const { return m_listeners; }
     std::vector<std::shared_ptr<AbsSharedCredListener>>& Listeners() { return m_listeners; }
-    const std::wstring& GetAuxText6() const { return m_auxText6; }
+    const std::wstring& GetAuxText6() const { return m_auxText6.get(); }
     const std::wstring& GetFileName() const { return m_fileName; }
 
     void SetFlag(bool flag) { m_flag = flag; }
@@ -74,6 +99,11 @@ public:
     void SetAuxText5(std::wstring v) { m_auxText5 = std::move(v); }
     void SetFileName(std::wstring v) { m_fileName = std::move(v); }
 
+    // The open credential file; replacing it closes the one held before.
+    void ClaimFile(NS_Utils::UniqueHandle file) noexcept { m_fileClaim = CFileClaim(std::move(file)); }
+    void ReleaseFileClaim() noexcept { m_fileClaim.Release(); }
+    bool HoldsFileClaim() const noexcept { return m_fileClaim.Held(); }
+
 private:
     bool m_flag = false;
     std::wstring m_corvinAuthSvcUrl;
@@ -81,16 +111,17 @@ private:
     std::wstring m_auxText1;
     std::wstring m_authSvcId;
     std::wstring m_sharedId;
-    std::wstring m_auxText2;  // memory only: never stored, never logged
+    NS_Utils::SecretString m_auxText2;  // memory only: never stored, never logged
     std::wstring m_roleId;
     std::wstring m_leaseDN;
-    std::wstring m_auxText3;  // memory only
+    NS_Utils::SecretString m_auxText3;  // memory only
     std::wstring m_leaseExpiry;
     std::wstring m_enterpriseId;
     std::wstring m_auxText4;
     std::wstring m_auxText5;
     std::vector<DWORD> m_holderPids;
     std::vector<std::shared_ptr<AbsSharedCredListener>> m_listeners;
-    std::wstring m_auxText6;  // memory only
+    NS_Utils::SecretString m_auxText6;  // memory only
     std::wstring m_fileName;
+    CFileClaim m_fileClaim;
 };

@@ -100,7 +100,8 @@ bool ParseSharedIdText(const std::wstring& text, CSharedId& record) {
     return true;
 }
 
-bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors) {
+bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
+                         NS_Utils::UniqueHandle* keepOpen) {
     if (!record.IsComplete())
         return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" SharedId object is not complete.");
     if (record.GetFileName().empty())
@@ -116,6 +117,7 @@ bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std:
     DWORD written = 0;
     if (!::WriteFile(file.get(), text.data(), bytes, &written, nullptr) || written != bytes)
         return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" WriteFile error. Error = ");
+    if (keepOpen) *keepOpen = std::move(file);
     return true;
 }
 

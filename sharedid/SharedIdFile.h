@@ -14,7 +14,9 @@ inline constexpr DWORD kStepFile = 1;
 inline constexpr DWORD kStepRead = 2;
 inline constexpr DWORD kStepRecord = 4;
 
-bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
+// With `keepOpen`, the written file stays open through it (read and write shared, delete not).
+bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
+                         NS_Utils::UniqueHandle* keepOpen = nullptr);
 bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
 
 // The file's text, without I/O.
