@@ -15,7 +15,7 @@ class CConcurrentQueue {
 public:
     CConcurrentQueue()
         : m_itemEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-          m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+          m_stopEvent(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
     bool Valid() const { return m_itemEvent && m_stopEvent; }
 
@@ -49,7 +49,7 @@ private:
     std::deque<T> m_items;
     mutable CriticalSection m_lock;
     UniqueHandle m_itemEvent;  // auto-reset: one wake-up per signal
-    UniqueHandle m_stopEvent;  // auto-reset
+    UniqueHandle m_stopEvent;  // manual reset: stays set for items that pause while it is stopping
     size_t m_count = 0;
 };
 

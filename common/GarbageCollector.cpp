@@ -12,6 +12,7 @@ bool CGarbageCollector::Start() {
     CritSecGuard guard(m_startStopLock);
     if (m_worker || m_running.load() != 0) return true;
     m_running.store(1);
+    ::ResetEvent(m_queue.StopEvent());
     DWORD id = 0;
     m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, &id));
     if (!m_worker) {
@@ -35,6 +36,10 @@ void CGarbageCollector::Stop() {
 }
 
 void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
+
+bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
+    return ::WaitForSingleObject(m_queue.StopEvent(), milliseconds) == WAIT_TIMEOUT;
+}
 
 DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
     static_cast<CGarbageCollector*>(self)->WorkerLoop();

@@ -2,6 +2,10 @@
 // One worker thread that runs queued work items one at a time, in the order queued. Releases of
 // credentials and frees of finished waits go here, so that they never run on the thread that
 // dropped the last reference, which may hold the monitor lock.
+//
+// Threads: Queue from any thread, the worker included. Start and Stop from the owner's threads
+// (serialised by the start/stop lock); Stop never from the worker, which cannot wait for itself.
+// WaitUnlessStopping from the worker, inside an item.
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
@@ -29,6 +33,9 @@ public:
 
     // Any thread, including the worker itself.
     void Queue(WorkItem item);
+    // An item's pause that Stop cuts short, so that a long wait between retries never holds up
+    // the end of the service. False when the collector is stopping.
+    bool WaitUnlessStopping(DWORD milliseconds) const;
     size_t QueuedCount() const { return m_queue.Count(); }
     bool IsWorkerThread() const { return ::GetCurrentThreadId() == m_workerId.load(); }
 

@@ -12,6 +12,9 @@ namespace NS_Log {
 namespace {
 constexpr const wchar_t* kPlainExtension = L".log";
 constexpr const wchar_t* kScrambledExtension = L".enl";
+// Any process of the user can hold the mutex, and the registry logs under its own lock: an
+// unbounded wait would let one stuck process hang every call into the service.
+constexpr DWORD kMutexWaitMs = 3000;
 
 NS_Utils::UniqueHandle CreateLogMutex(const std::wstring& fileName) {
     std::wstring name = L"Global\\" + fileName + L"_LogMutex";
@@ -72,7 +75,7 @@ void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
     HANDLE mutex = settings.scrambled ? m_scrambledMutex.get() : m_plainMutex.get();
     // Without a mutex the line is still written: an unserialised line beats a lost one.
     if (mutex) {
-        DWORD wait = ::WaitForSingleObject(mutex, INFINITE);
+        DWORD wait = ::WaitForSingleObject(mutex, kMutexWaitMs);
         if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
             ::OutputDebugStringW(L"Timeout when waiting to acquire mutex");
             return;

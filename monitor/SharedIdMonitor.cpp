@@ -1,5 +1,6 @@
 #include "monitor/SharedIdMonitor.h"
 
+#include "common/FailFast.h"
 #include "common/Log.h"
 
 #include <algorithm>
@@ -27,10 +28,17 @@ std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
 SharedIdMonitor::SharedIdMonitor() : m_gc(std::make_shared<NS_Utils::CGarbageCollector>()) {}
 
 SharedIdMonitor::~SharedIdMonitor() {
-    // The worker goes first: nothing it runs may meet a half-destroyed monitor. Credentials still
-    // held are not checked in now; their files bring them back at the next start.
-    m_gc->Stop();
+    // Destroyed on the worker, the monitor would free the collector that is running the item.
+    NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
+    Shutdown();
+    // Credentials still held are not checked in now; their files bring them back at the next start.
     while (!processMap.empty()) ErasePMEntry(processMap.begin());
+}
+
+void SharedIdMonitor::Shutdown() {
+    // Once the worker has ended, none of the strong references it takes while it runs an item
+    // is left, so the owner's reference is the last and the monitor dies on the owner's thread.
+    m_gc->Stop();
 }
 
 void SharedIdMonitor::SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink) {
@@ -51,19 +59,28 @@ size_t SharedIdMonitor::SignatureEntryCount() const {
 }
 
 std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(const CSharedId& record) {
-    std::weak_ptr<NS_Utils::CGarbageCollector> collector = m_gc;
-    SimGC* simGC = m_simGC.get();
     // Never destroyed where the last holder lets go (often under the monitor lock): the record
-    // goes to the collector, whose worker checks it in.
-    return std::shared_ptr<CSharedId>(new CSharedId(record), [collector, simGC, this](CSharedId* raw) {
+    // goes to the collector, whose worker checks it in. A record released after the monitor is
+    // gone is only freed; its file brings it back at the next start.
+    return std::shared_ptr<CSharedId>(new CSharedId(record), [weak = weak_from_this()](CSharedId* raw) {
         std::shared_ptr<CSharedId> released(raw);
-        if (std::shared_ptr<NS_Utils::CGarbageCollector> gc = collector.lock()) {
-            gc->Queue([simGC, monitor = this, released] {
-                ShrId_GCVisitor visitor(released);
-                simGC->AcceptVisitor(&visitor);
-                FreeSharedId(released, monitor);
-            });
-        }
+        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->QueueRelease(std::move(released));
+    });
+}
+
+void SharedIdMonitor::QueueRelease(std::shared_ptr<CSharedId> credential) {
+    m_gc->Queue([weak = weak_from_this(), credential = std::move(credential)] {
+        std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
+        if (!monitor) return;
+        ShrId_GCVisitor visitor(credential);
+        monitor->m_simGC->AcceptVisitor(&visitor);
+        FreeSharedId(credential, monitor.get());
+    });
+}
+
+void SharedIdMonitor::QueueFreeSharedId(std::shared_ptr<CSharedId> credential) {
+    m_gc->Queue([weak = weak_from_this(), credential = std::move(credential)] {
+        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) FreeSharedId(credential, monitor.get());
     });
 }
 
@@ -293,7 +310,14 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
     auto existing = processMap.find(pid);
     if (existing != processMap.end()) return existing;
 
-    HANDLE process = ::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid);
+    if (pid == ::GetCurrentProcessId()) {
+        // The wait on itself would never fire, and a lease expiry or the end of the session
+        // would then end the service.
+        Log(1, kInsertTag, L" Refusing PID (" + std::to_wstring(pid) + L"): it is the service's own process.");
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return processMap.end();
+    }
+    NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid));
     if (!process) {
         DWORD error = ::GetLastError();
         Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
@@ -302,7 +326,7 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
         return processMap.end();
     }
     Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
-    std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(process, pid);
+    std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(std::move(process), pid);
     if (!waitInfo) {
         DWORD error = ::GetLastError();
         Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");

@@ -37,12 +37,16 @@ public:
     };
     using ProcessMap = std::map<DWORD, ProcessMapValue>;
 
-    // The monitor lives in a shared pointer: waits and the collector hold weak references to it.
-    // It must not be destroyed on the collector's worker thread.
+    // The monitor lives in a shared pointer: waits and work items hold weak references to it.
+    // Its owner calls Shutdown on its own thread before dropping the last reference; it must
+    // never be destroyed on the collector's worker thread (the destructor ends the process then).
     static std::shared_ptr<SharedIdMonitor> Create();
     SharedIdMonitor(const SharedIdMonitor&) = delete;
     SharedIdMonitor& operator=(const SharedIdMonitor&) = delete;
     ~SharedIdMonitor();
+    // Owner's thread: stops what watches leases and the collector's worker (its running item gets
+    // a short grace). Credentials not yet checked in keep their files for the next start.
+    void Shutdown();
 
     DWORD RegisterSharedCreds(const CSharedId& credential, const DWORD* pid);
     DWORD UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid);
@@ -50,7 +54,7 @@ public:
     // Also makes `pid` a holder of the credential found: how a client takes one over.
     bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
 
-    std::shared_ptr<WaitInfo> StartWaitForProcess(HANDLE process, DWORD pid);
+    std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::UniqueHandle process, DWORD pid);
     static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
     void OnProcessExit(const DWORD* pid);
 
@@ -103,6 +107,9 @@ private:
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
     void ErasePMEntry(ProcessMap::iterator entry);
     std::shared_ptr<CSharedId> MakeCredential(const CSharedId& record);
+    // Work items hold the monitor weakly: an item that outlives it does nothing.
+    void QueueRelease(std::shared_ptr<CSharedId> credential);
+    void QueueFreeSharedId(std::shared_ptr<CSharedId> credential);
     std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,

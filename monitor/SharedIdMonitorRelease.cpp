@@ -13,8 +13,8 @@ constexpr const wchar_t* kGcTag = L"[SharedIdMonitor::GCUncheckedInCredentials]\
 constexpr const wchar_t* kReadyTag = L"[SharedIdMonitor::OnSharedIDReadyForGC]\t";
 }  // namespace
 
-std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(HANDLE process, DWORD pid) {
-    auto waitInfo = std::make_shared<WaitInfo>(weak_from_this(), pid, process);
+std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(NS_Utils::UniqueHandle process, DWORD pid) {
+    auto waitInfo = std::make_shared<WaitInfo>(weak_from_this(), pid, std::move(process));
     if (!waitInfo->Register(waitInfo, &SharedIdMonitor::WaitCallback)) return nullptr;
     return waitInfo;
 }
@@ -86,8 +86,7 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     for (CSharedId& record : stored) {
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
         LeaseIncrease();
-        auto credential = std::make_shared<CSharedId>(std::move(record));
-        m_gc->Queue([credential, this] { FreeSharedId(credential, this); });
+        QueueFreeSharedId(std::make_shared<CSharedId>(std::move(record)));
         ++count;
     }
     NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
@@ -103,6 +102,7 @@ void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, Shared
     // them, Init answers false and the credential is forgotten without one: the service never
     // keeps a credential it cannot return.
     monitor->m_releaser.Init();
+    credential->ReleaseFileClaim();
     int deleted = monitor->m_storage.Delete(*credential);
     if (deleted != PersistantStorage::kOk)
         NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +

@@ -3,16 +3,19 @@
 #include "common/Log.h"
 #include "monitor/SharedIdMonitor.h"
 
-WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, HANDLE process)
-    : m_monitor(std::move(monitor)), m_pid(pid), m_process(process) {}
+WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::UniqueHandle process)
+    : m_monitor(std::move(monitor)), m_pid(pid), m_process(std::move(process)) {}
 
 bool WaitInfo::Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback) {
     m_context = std::make_unique<std::shared_ptr<WaitInfo>>(self);
     if (!::RegisterWaitForSingleObject(&m_hWait, m_process.get(), callback, m_context.get(), INFINITE,
                                        WT_EXECUTEONLYONCE)) {
+        DWORD error = ::GetLastError();
         NS_Log::Log(1, L"SharedIdMonitor::StartWaitForProcess\t Error while trying to register wait for single "
-                       L"object. Error code = " + std::to_wstring(::GetLastError()));
+                       L"object. Error code = " + std::to_wstring(error));
         m_context.reset();
+        // The caller reports this step's error, not the log's.
+        ::SetLastError(error);
         return false;
     }
     return true;

@@ -11,8 +11,7 @@ class SharedIdMonitor;
 
 class WaitInfo {
 public:
-    // Takes ownership of `process`.
-    WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, HANDLE process);
+    WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::UniqueHandle process);
     WaitInfo(const WaitInfo&) = delete;
     WaitInfo& operator=(const WaitInfo&) = delete;
 
