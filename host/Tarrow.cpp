@@ -2,6 +2,7 @@
 
 #include "common/Log.h"
 #include "host/Registration.h"
+#include "host/RetryWhileUnavailable.h"
 #include "host/SharedIdSerializer.h"
 #include "host/TarrowModule.h"
 
@@ -24,8 +25,15 @@ CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
 }
 
 CTarrow::~CTarrow() {
-    m_monitor.reset();
+    Shutdown();
     CTarrowModule::Instance().Unlock();
+}
+
+void CTarrow::Shutdown() {
+    RevokeFromROT();
+    if (!m_monitor) return;
+    m_monitor->Shutdown();
+    m_monitor.reset();
 }
 
 HRESULT CTarrow::QueryInterface(REFIID iid, void** object) {
@@ -92,6 +100,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
                                   BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6,
                                   DWORD* result) {
     if (!result) return E_POINTER;
+    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
                      Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
                      flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
@@ -106,6 +115,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
 
 HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
     if (!result) return E_POINTER;
+    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
     if (NS_Log::IsEnabled(4)) NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
     *result = m_monitor->UnregisterSharedCreds(key, &processId);
@@ -119,6 +129,7 @@ HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcI
 HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                        VARIANT_BOOL ownOnly, BSTR* serialized) {
     if (!serialized) return E_POINTER;
+    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
     CSharedId found;
     bool registered = ownOnly != 0 ? m_monitor->GetCredsRegistered(processId, key, &found)
@@ -158,14 +169,18 @@ HRESULT CTarrow::RegisterInROT() {
     return hr;
 }
 
+HRESULT CTarrow::RegisterInROTPatiently() {
+    return NS_Host::RetryWhileUnavailable([this] { return RegisterInROT(); }, [](DWORD ms) { ::Sleep(ms); });
+}
+
 HRESULT CTarrow::RevokeFromROT() {
+    if (m_rotCookie == 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());
     if (FAILED(hr)) {
         NS_Log::Log(1, L"[CTarrow::RevokeFromROT]\t GetRunningObjectTable failed; hr = " + std::to_wstring(hr));
         return hr;
     }
-    if (m_rotCookie == 0) return S_FALSE;
     hr = table->Revoke(m_rotCookie);
     m_rotCookie = 0;
     return hr;

@@ -1,6 +1,9 @@
 #pragma once
 // The service's COM object. A thin adapter: COM arguments become a credential record, the
 // registry answers, one log line tells the outcome, and the registry's code goes back.
+//
+// Threads: everything on the main thread, the single-threaded apartment that serves all calls;
+// AddRef and Release from any thread.
 
 #include "common/ComHandles.h"
 #include "monitor/SharedIdMonitor.h"
@@ -39,7 +42,13 @@ public:
 
     // Publishes the object under "KELTARROW"; S_FALSE when it already is.
     HRESULT RegisterInROT();
+    // RegisterInROT, again with a growing pause for up to a minute while the table is unavailable.
+    HRESULT RegisterInROTPatiently();
     HRESULT RevokeFromROT();
+    // The end of the service, on the main thread once its message loop has ended: withdraws the
+    // object from the table, stops the registry's threads and destroys the registry here. Calls
+    // that still arrive are refused.
+    void Shutdown();
 
 private:
     CTarrow();

@@ -20,7 +20,7 @@ ULONG CTarrowModule::Unlock() {
 CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& commandLine) {
     int count = 0;
     LPWSTR* arguments = ::CommandLineToArgvW(commandLine.c_str(), &count);
-    if (!arguments) return Switch::None;
+    if (!arguments) return Switch::Unparsable;
     struct Known {
         const wchar_t* name;
         Switch value;
@@ -48,7 +48,8 @@ HRESULT CTarrowModule::RunSwitch(Switch which) {
         case Switch::UnregServer: return NS_Registration::UnregisterServer(Scope::AllUsers);
         case Switch::RegServerPerUser: return NS_Registration::RegisterServer(Scope::CurrentUser);
         case Switch::UnregServerPerUser: return NS_Registration::UnregisterServer(Scope::CurrentUser);
-        case Switch::None: break;
+        case Switch::None:
+        case Switch::Unparsable: break;
     }
     return S_OK;
 }

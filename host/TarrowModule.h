@@ -16,8 +16,9 @@ public:
     ULONG Unlock();
     void SetMainThread(DWORD threadId) { m_mainThreadId = threadId; }
 
-    enum class Switch { None, RegServer, UnregServer, RegServerPerUser, UnregServerPerUser };
-    // The registration switch of a command line ("-" or "/" then the name, in any case), or None.
+    enum class Switch { None, RegServer, UnregServer, RegServerPerUser, UnregServerPerUser, Unparsable };
+    // The registration switch of a command line ("-" or "/" then the name, in any case), None,
+    // or Unparsable when the line cannot be split into arguments.
     static Switch ParseCommandLine(const std::wstring& commandLine);
     // Does the switch's registry work and returns its result.
     static HRESULT RunSwitch(Switch which);

@@ -1,6 +1,7 @@
 // Tarrow.exe: one instance per logon session (or per desktop), its one object published in the
 // running object table, and a message loop until the session or desktop goes away.
 
+#include "host/CallerSecurity.h"
 #include "host/Tarrow.h"
 #include "host/TarrowModule.h"
 
@@ -30,6 +31,7 @@ void RunMessageLoop() {
 
 int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     CTarrowModule::Switch which = CTarrowModule::ParseCommandLine(::GetCommandLineW());
+    if (which == CTarrowModule::Switch::Unparsable) return static_cast<int>(E_FAIL);
     if (which != CTarrowModule::Switch::None) {
         NS_Utils::ComApartment com;
         return static_cast<int>(CTarrowModule::RunSwitch(which));
@@ -45,11 +47,14 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     HRESULT hr = ::CoInitialize(nullptr);
     if (FAILED(hr)) return static_cast<int>(hr);
     CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
+    // Refused by COM, calls are still checked against the defaults; the service runs all the same.
+    CCallerSecurity security;
+    security.Apply();
     {
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
-        tarrow->RegisterInROT();
+        tarrow->RegisterInROTPatiently();
         RunMessageLoop();
-        tarrow->RevokeFromROT();
+        tarrow->Shutdown();
     }
     ::CoUninitialize();
     return 0;

@@ -2,12 +2,13 @@
 //
 //   tarrowctl register (--pid N | --hold | --hold-for MS) [text options] [--flag true|false|N]
 //   tarrowctl release --pid N --url U --auth-svc-id A --role R
-//   tarrowctl query [--pid N] --url U --auth-svc-id A --role R [--own-only]
+//   tarrowctl query [--pid N] --url U --auth-svc-id A --role R [--own-only] [--show-aux2]
 //
 // Text options of register: --url --srv-id --aux1 --auth-svc-id --shared-id --aux2 --role --aux4
 // --lease-dn --lease-expiry --aux3 --aux6. --hold starts a holder process, leaves it running and
 // prints its id; --hold-for does the same with a holder that exits after MS milliseconds. The exit code is the service's result (query: 0 found, 1 not found); 100 means
-// bad arguments, 101 that the service is not running, 102 that the call failed.
+// bad arguments, 101 that the service is not running, 102 that the call failed. The record's
+// memory-only text (auxText2) is printed only with --show-aux2: it is not for a shared screen.
 
 #include "common/ComHandles.h"
 #include "common/ModulePath.h"
@@ -41,6 +42,7 @@ int Fail(int code, const std::wstring& message) {
 struct Options {
     std::map<std::wstring, std::wstring> values;
     bool ownOnly = false;
+    bool showAux2 = false;
     bool hold = false;
     std::wstring error;
 
@@ -64,6 +66,10 @@ Options Parse(int argc, wchar_t** argv, int first) {
         }
         if (name == L"--hold") {
             options.hold = true;
+            continue;
+        }
+        if (name == L"--show-aux2") {
+            options.showAux2 = true;
             continue;
         }
         bool valued = false;
@@ -173,7 +179,8 @@ int Query(ITarrow* tarrow, const Options& options) {
     tarrowctl::DecodedRecord fields;
     if (!tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(serialized.get()), serialized.ByteLength(), fields))
         return Fail(kCallFailed, L"the service answered with a malformed record");
-    for (const auto& [name, value] : fields) Print(stdout, name + L" = " + value);
+    for (const auto& [name, value] : fields)
+        if (name != L"auxText2" || options.showAux2) Print(stdout, name + L" = " + value);
     return 0;
 }
 
