@@ -56,6 +56,7 @@ void CGarbageCollector::WorkerLoop() {
             break;
         }
     }
+    if (m_exitHook) m_exitHook();
 }
 
 }  // namespace NS_Utils

@@ -25,6 +25,10 @@ public:
     CGarbageCollector& operator=(const CGarbageCollector&) = delete;
     virtual ~CGarbageCollector();
 
+    // Run by the worker as it leaves its loop in an orderly way: what lives in the worker's
+    // apartment is let go there. Set before the first Start.
+    void SetWorkerExitHook(WorkItem hook) { m_exitHook = std::move(hook); }
+
     // Starts the worker unless it runs; false when the thread could not be made.
     bool Start();
     // Ends the worker: it gets 500 ms to finish its current item, then it is ended by force.
@@ -48,6 +52,7 @@ private:
     std::atomic<LONG> m_running{0};
     std::atomic<DWORD> m_workerId{0};
     CConcurrentQueue<WorkItem> m_queue;
+    WorkItem m_exitHook;
 };
 
 }  // namespace NS_Utils

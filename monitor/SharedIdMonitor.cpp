@@ -22,6 +22,10 @@ std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
 std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     std::shared_ptr<SharedIdMonitor> monitor(new SharedIdMonitor());
     monitor->m_simGC = std::make_unique<SimGC>(monitor);
+    // The agent's objects live in the worker's apartment and are let go there. The worker has
+    // ended before the monitor is destroyed, so the hook never outlives it.
+    SharedIdMonitor* raw = monitor.get();
+    monitor->m_gc->SetWorkerExitHook([raw] { raw->m_releaser.Reset(); });
     return monitor;
 }
 
@@ -139,7 +143,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
         if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
         LeaseIncrease();
     }
-    m_releaser.UpdateCorvinCred();
+    RefreshCorvinCredLater();
     Log(3, kRegisterTag, L" Completed successfully.");
     return kOk;
 }

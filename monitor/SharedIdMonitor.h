@@ -2,6 +2,11 @@
 // Which process holds which shared credential. Credentials are owned only by the strong
 // pointers in process entries; when the last one goes, the credential is handed to the
 // collector, which checks it in on its own thread. One lock guards both maps.
+//
+// Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered on the COM thread;
+// OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId and every call
+// into the releaser on the collector's worker; LeaseIncrease/LeaseDecrease from any of them.
+// Each takes the monitor lock for the maps and never calls listeners or the agent under it.
 
 #include "checkin/SharedIdReleaser.h"
 #include "common/CriticalSection.h"
@@ -61,7 +66,8 @@ public:
     void OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record);
     // Queues every credential file left by an earlier run for check-in.
     bool GCUncheckedInCredentials();
-    // The collector's work item for a released credential: check-in, file, lease count.
+    // The collector's work item for a released credential: check-in (re-queued after a
+    // transient failure), then its file and the lease count.
     static void FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor);
 
     void LeaseIncrease();
@@ -118,6 +124,12 @@ private:
     DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
     bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
     void PersistLocked(CSharedId& credential);
+    // Worker only: one exchange with the agent; a transient result when memory ran out.
+    static int CheckIn(const CSharedId& credential, SharedIdReleaser& releaser);
+    static constexpr int kRetryAfterNoMemory = 5;
+    // Any thread: the identity-server account is read on the worker, never under the monitor
+    // lock on the caller's thread (a call into the agent could let another call in mid-way).
+    void RefreshCorvinCredLater();
 
     mutable NS_Utils::CriticalSection m_lock;
     std::atomic<LONG> m_lockHolders{0};
@@ -129,4 +141,5 @@ private:
     SharedIdReleaser m_releaser;
     std::shared_ptr<ILeaseExpirySink> m_leaseMonitor;
     std::atomic<LONG> m_leaseCount{0};
+    std::atomic<bool> m_corvinRefreshQueued{false};
 };

@@ -1,5 +1,6 @@
 // The monitor's release paths: process-exit waits, the collector's callbacks, and the lease count.
 
+#include "checkin/KelSettingsImpl.h"
 #include "common/Log.h"
 #include "monitor/SharedIdMonitor.h"
 
@@ -98,10 +99,22 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
 void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor) {
     NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!credential || !monitor) return;
-    // The check-in needs the agent's check-in object and runtime. Until the releaser reaches
-    // them, Init answers false and the credential is forgotten without one: the service never
-    // keeps a credential it cannot return.
+    // Without the agent's check-in object and runtime there is no check-in: the credential is
+    // forgotten all the same, so that the service never keeps a credential it cannot return.
     monitor->m_releaser.Init();
+    if (monitor->m_releaser.IsReady()) {
+        int result = CheckIn(*credential, monitor->m_releaser);
+        if (SharedIdReleaser::IsRetryable(result)) {
+            NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
+                                                   L"Will retry checkin. Error code : ") + std::to_wstring(result));
+            monitor->QueueFreeSharedId(std::move(credential));
+            monitor->m_gc->WaitUnlessStopping(KelSettingsImpl::GetFreeSharedIdWaitTime());
+            return;
+        }
+        if (result == SharedIdReleaser::kDifferentUser)
+            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
+                                                   L"Error code : ") + std::to_wstring(result));
+    }
     credential->ReleaseFileClaim();
     int deleted = monitor->m_storage.Delete(*credential);
     if (deleted != PersistantStorage::kOk)
@@ -110,6 +123,30 @@ void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, Shared
     NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
     credential.reset();
     monitor->LeaseDecrease();
+}
+
+int SharedIdMonitor::CheckIn(const CSharedId& credential, SharedIdReleaser& releaser) {
+    HRESULT hrCIRes = S_OK;
+    try {
+        return releaser.ReleaseCredInternal(credential, &hrCIRes);
+    } catch (const std::bad_alloc&) {
+        // Out of memory for the call's texts: nothing was sent, so the credential is kept for
+        // another attempt rather than forgotten.
+        NS_Log::Log(1, kFreeTag + std::wstring(L" Out of memory while building the check-in."));
+        return kRetryAfterNoMemory;
+    }
+}
+
+void SharedIdMonitor::RefreshCorvinCredLater() {
+    // One refresh waiting is enough however many registrations ask for it.
+    if (m_corvinRefreshQueued.exchange(true)) return;
+    m_gc->Queue([weak = weak_from_this()] {
+        std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
+        if (!monitor) return;
+        monitor->m_corvinRefreshQueued.store(false);
+        monitor->m_releaser.Init();
+        monitor->m_releaser.UpdateCorvinCred();
+    });
 }
 
 void SharedIdMonitor::LeaseIncrease() {
