@@ -19,7 +19,8 @@ constexpr const wchar_t* kPasswordItem = L"aditi_cspwd";
 
 using NS_Utils::AllocBstr;
 
-bool Answered(HRESULT hr, VARIANT_BOOL answer) { return SUCCEEDED(hr) && answer == VARIANT_TRUE; }
+// The answer is read through its address, after the call that fills it has returned.
+bool Answered(HRESULT hr, const VARIANT_BOOL* answer) { return SUCCEEDED(hr) && *answer == VARIANT_TRUE; }
 
 void LogWallet(const wchar_t* text) { NS_Log::Log(1, kWalletTag + std::wstring(text)); }
 
@@ -33,7 +34,7 @@ NS_Utils::ComPtr<IKelPropertyManager> PropertyManager(IKelStateEngineRuntime* ru
 bool EnsureBag(IKelPropertyManager& manager, const wchar_t* bag, VARIANT_BOOL exists, const wchar_t* failure) {
     if (exists == VARIANT_TRUE) return true;
     VARIANT_BOOL created = VARIANT_FALSE;
-    if (Answered(manager.CreateAccDataBag(AllocBstr(bag).get(), &created), created)) return true;
+    if (Answered(manager.CreateAccDataBag(AllocBstr(bag).get(), &created), &created)) return true;
     LogWallet(failure);
     return false;
 }
@@ -52,9 +53,9 @@ bool PrepareWorkBags(IKelPropertyManager& manager, const std::wstring& authSvcId
     VARIANT_BOOL idSet = VARIANT_FALSE;
     VARIANT_BOOL templateSet = VARIANT_FALSE;
     const NS_Utils::UniqueBstr work = AllocBstr(kWorkBag);
-    if (!Answered(manager.SetAccDataBag(work.get(), AllocBstr(authSvcId).get(), scope, &idSet), idSet) ||
+    if (!Answered(manager.SetAccDataBag(work.get(), AllocBstr(authSvcId).get(), scope, &idSet), &idSet) ||
         !Answered(manager.SetAccDataBagAdt(work.get(), AllocBstr(kAccountTemplate).get(), scope, &templateSet),
-                  templateSet)) {
+                  &templateSet)) {
         LogWallet(L" SetAccDataBag auth id or ADT failed");
         return false;
     }
@@ -86,7 +87,7 @@ void CKelUtils::RetrieveCorvinCredentials(IKelStateEngineRuntime* runtime, const
     }
     if (!PrepareWorkBags(*manager.get(), authSvcId, scope)) return;
     VARIANT_BOOL copied = VARIANT_FALSE;
-    if (!Answered(manager->GetAccountData(AllocBstr(kResultBag).get(), AllocBstr(kWorkBag).get(), &copied), copied)) {
+    if (!Answered(manager->GetAccountData(AllocBstr(kResultBag).get(), AllocBstr(kWorkBag).get(), &copied), &copied)) {
         LogWallet(L" GetAccountData to temp_two failed");
         return;
     }

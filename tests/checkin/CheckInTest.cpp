@@ -1,0 +1,176 @@
+// The check-in client against the stand-in agent, over real COM in the test's own prefix.
+
+#include "checkin/AgentRuntime.h"
+#include "checkin/CorvinUrlResolver.h"
+#include "checkin/SharedIdReleaser.h"
+#include "common/Registry.h"
+#include "testing/agent/StandInControl.h"
+#include "tests/support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <thread>
+
+namespace {
+
+constexpr const wchar_t* kProgId = L"Software\\Classes\\BriskScriptSupport.ScriptSupport\\CLSID";
+
+CSharedId Record(const std::wstring& leaseDN, bool flag, const std::wstring& bag = {}) {
+    return CSharedId(L"https://corvin/auth", L"srv-1", L"aux-1", L"svc", L"acct", L"mem-2", L"role", L"aux-4", leaseDN,
+                     L"20301231T120000Z", flag, L"mem-3", bag);
+}
+
+class CheckInTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        s_com = std::make_unique<NS_Utils::ComApartment>();
+        ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall"));
+    }
+    static void TearDownTestSuite() { s_com.reset(); }
+
+    void SetUp() override {
+        standin::ClearScript();
+        m_journalStart = standin::JournalLines().size();
+    }
+    void TearDown() override {
+        for (const wchar_t* value : {L"UseLocalKelSettings", L"AUTH_SVC"})
+            NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, value);
+    }
+
+    // Journal lines written since the test began that start with `prefix`.
+    std::vector<std::string> NewLines(const std::string& prefix) const {
+        std::vector<std::string> all = standin::JournalLines(), found;
+        for (size_t i = m_journalStart; i < all.size(); ++i)
+            if (all[i].starts_with(prefix)) found.push_back(all[i]);
+        return found;
+    }
+    // The rows of the one CheckIn call since the test began.
+    std::string CheckedInRow() const {
+        std::vector<std::string> calls = NewLines("CheckIn ");
+        if (calls.size() != 1) return "calls: " + std::to_string(calls.size());
+        return calls[0].substr(calls[0].find(" row=") + 5);
+    }
+    int CheckIn(const CSharedId& record) {
+        HRESULT hr = E_UNEXPECTED;
+        EXPECT_TRUE(m_releaser.Init());
+        return m_releaser.ReleaseCredInternal(record, &hr);
+    }
+
+    static inline std::unique_ptr<NS_Utils::ComApartment> s_com;
+    SharedIdReleaser m_releaser{1};  // poll the agent's logon every millisecond
+    size_t m_journalStart = 0;
+};
+
+TEST_F(CheckInTest, RowAndRowKeyAsTheAgentReadsThem) {
+    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 0);
+    EXPECT_EQ(CheckedInRow(), "cn=lease|aux-1|;svc;aux-4;acct;mem-3;{ERROR_CODE};;cn=lease|user@example.test|"
+                              "20301231T120000Z");
+    EXPECT_NE(NewLines("CheckIn ")[0].find("url=https://corvin/auth srvId=srv-1 user=corvin-user"), std::string::npos);
+
+    m_journalStart = standin::JournalLines().size();
+    EXPECT_EQ(CheckIn(Record(L"", false)), 0);
+    EXPECT_EQ(CheckedInRow(), "|aux-1|;svc;;acct;mem-3;{ERROR_CODE};;|user@example.test|20301231T120000Z");
+}
+
+TEST_F(CheckInTest, GlobalDataBagIsDeletedBeforeTheCheckInOnlyWhenItExists) {
+    standin::SetScript(L"ExistingBags", std::wstring(L"bag-present\0other", 17));
+    CheckIn(Record(L"cn=lease", true));  // no bag named: only the wallet's own bags are asked about
+    EXPECT_TRUE(NewLines("DeleteAccDataBag").empty());
+    for (const std::string& line : NewLines("IsAccDataBagExist")) EXPECT_EQ(line.find("scope=0"), std::string::npos);
+
+    m_journalStart = standin::JournalLines().size();
+    CheckIn(Record(L"cn=lease", true, L"bag-present"));
+    std::vector<std::string> lines = NewLines("");
+    auto at = [&](const std::string& text) { return std::find(lines.begin(), lines.end(), text) - lines.begin(); };
+    const auto asked = at("IsAccDataBagExist bag=bag-present scope=0 exists=1");
+    const auto deleted = at("DeleteAccDataBag bag=bag-present scope=0");
+    const auto checkIn = std::find_if(lines.begin(), lines.end(), [](auto& l) { return l.starts_with("CheckIn "); });
+    EXPECT_LT(asked, deleted);
+    EXPECT_LT(deleted, checkIn - lines.begin());
+
+    m_journalStart = standin::JournalLines().size();
+    CheckIn(Record(L"cn=lease", true, L"bag-missing"));
+    EXPECT_EQ(NewLines("IsAccDataBagExist bag=bag-missing").size(), 1u);
+    EXPECT_TRUE(NewLines("DeleteAccDataBag").empty());
+    EXPECT_EQ(NewLines("CheckIn ").size(), 1u);
+}
+
+TEST_F(CheckInTest, ResultComesFromNRetOrTheOneOutputInteger) {
+    standin::SetScript(L"CheckInResults", std::wstring(L"44"));
+    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 44);
+    standin::SetScript(L"CheckInOutputCount", 2);
+    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), SharedIdReleaser::kUnexpectedAnswer);
+    standin::SetScript(L"CheckInNRet", 9);
+    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 9);
+    EXPECT_TRUE(SharedIdReleaser::IsRetryable(37));
+    EXPECT_FALSE(SharedIdReleaser::IsRetryable(SharedIdReleaser::kDifferentUser));
+}
+
+TEST_F(CheckInTest, InitNeedsTheScriptSupportAndAcceptsAMultithreadedThread) {
+    std::wstring clsid;
+    ASSERT_EQ(NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid), ERROR_SUCCESS);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\Classes\\BriskScriptSupport.ScriptSupport");
+    EXPECT_FALSE(m_releaser.Init());
+    EXPECT_TRUE(m_releaser.IsReady());
+    ASSERT_EQ(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid), ERROR_SUCCESS);
+
+    bool ready = false;
+    std::thread([&] {
+        NS_Utils::ComApartment multithreaded(COINIT_MULTITHREADED);
+        SharedIdReleaser releaser;
+        ready = releaser.Init();  // CoInitialize answers RPC_E_CHANGED_MODE here
+    }).join();
+    EXPECT_TRUE(ready);
+}
+
+TEST_F(CheckInTest, EmptyWalletKeepsTheLastGoodAccount) {
+    standin::SetScript(L"WalletUser", std::wstring(L"first-user"));
+    ASSERT_TRUE(m_releaser.Init());
+    EXPECT_TRUE(m_releaser.UpdateCorvinCred());
+    standin::SetScript(L"WalletUser", std::wstring());
+    EXPECT_FALSE(m_releaser.UpdateCorvinCred());
+    CheckIn(Record(L"cn=lease", true));
+    EXPECT_NE(NewLines("CheckIn ")[0].find(" user=first-user "), std::string::npos);
+}
+
+TEST_F(CheckInTest, LoginWaitEndsWhenEnterpriseIdAppearsOrCannotBeRead) {
+    ASSERT_TRUE(m_releaser.Init());
+    // The stand-in counts reads over the whole process; each read is journaled.
+    const DWORD earlier = static_cast<DWORD>(standin::JournalLines("EnterpriseId").size());
+    standin::SetScript(L"EnterpriseIdEmptyReads", earlier + 2);
+    EXPECT_TRUE(m_releaser.WaitForBriskLoginBlocking());
+    const std::vector<std::string> reads = NewLines("EnterpriseId");
+    ASSERT_EQ(reads.size(), 3u);
+    EXPECT_EQ(reads[1], "EnterpriseId value=");
+    EXPECT_EQ(reads[2], "EnterpriseId value=user@example.test");
+
+    standin::SetScript(L"EnterpriseIdFails", 1);
+    EXPECT_FALSE(m_releaser.WaitForBriskLoginBlocking());
+}
+
+TEST_F(CheckInTest, AuthServiceFromPolicyUnlessLocalSettingsAreExactlyOne) {
+    NS_Utils::ComPtr<IKelStateEngineRuntime> runtime;
+    NS_AgentRuntime::GetRuntimeFromObs(runtime);
+    ASSERT_TRUE(runtime);
+    std::wstring id;
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"AUTH_SVC", L"local-svc");
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"UseLocalKelSettings", 2);
+    EXPECT_EQ(CCorvinUrlResolver::ResolveAuthSvcId(runtime.get(), id), 0);
+    EXPECT_EQ(id, L"corvin-auth-svc");
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"UseLocalKelSettings", 1);
+    EXPECT_EQ(CCorvinUrlResolver::ResolveAuthSvcId(runtime.get(), id), 0);
+    EXPECT_EQ(id, L"local-svc");
+    EXPECT_EQ(NewLines("GetPolicy id=pid_kel_corvin_auth_svc_id").size(), 1u);
+
+    const std::wstring prefix = L"[CCorvinUrlResolver::GetKelSystemPolicy]\t policy value of pid_kel_corvin_auth_svc_id";
+    standin::SetScript(L"Policy", std::wstring(L"string"));
+    EXPECT_EQ(CCorvinUrlResolver::GetKelSystemPolicy(runtime.get(), id), 1);
+    EXPECT_EQ(testsupport::CountInServiceLog(prefix + L" is not an array of string"), 1u);
+    standin::SetScript(L"Policy", std::wstring(L"emptyfirst"));
+    EXPECT_EQ(CCorvinUrlResolver::GetKelSystemPolicy(runtime.get(), id), 1);
+    EXPECT_EQ(testsupport::CountInServiceLog(prefix + L" is empty"), 1u);
+}
+
+}  // namespace
