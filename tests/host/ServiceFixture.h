@@ -1,12 +1,15 @@
 #pragma once
-// The real Tarrow.exe, registered for the current user and started in this test's prefix, and
-// a connection to it from this process through the running object table.
+// The real Tarrow.exe, registered for the current user and started in this test's prefix, a
+// connection to it from this process through the running object table, and its three calls.
 
 #include "common/ComHandles.h"
+#include "tests/support/Credential.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
 #include <gtest/gtest.h>
+
+#include <array>
 
 namespace testsupport {
 
@@ -22,14 +25,11 @@ public:
     // Starts the service and waits until its object can be reached.
     bool Start() {
         m_process = ChildProcess::Start(L"Tarrow.exe", L"");
-        if (!m_process.Valid()) return false;
         NS_Utils::ComApartment com;
-        for (ULONGLONG deadline = ::GetTickCount64() + 60000; ::GetTickCount64() < deadline; ::Sleep(20)) {
-            NS_Utils::ComPtr<ITarrow> tarrow;
-            if (SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow))) return true;
-            if (m_process.Wait(0) == WAIT_OBJECT_0) return false;
-        }
-        return false;
+        NS_Utils::ComPtr<ITarrow> tarrow;
+        return m_process.Valid() && WaitUntil([&] {
+                   return m_process.Wait(0) == WAIT_OBJECT_0 || SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow));
+               }, 60000) && Running();
     }
     // Ends the message loop as the end of the session would; the service revokes its object.
     DWORD Stop() {
@@ -62,6 +62,39 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(SUCCEEDED(m_com.Result()));
         ASSERT_TRUE(SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow)));
+    }
+
+    // The service's answers; each call itself must succeed.
+    DWORD Register(DWORD pid, const CSharedId& c, VARIANT_BOOL flag = VARIANT_TRUE) {
+        std::array<NS_Utils::UniqueBstr, 12> b;
+        size_t i = 0;
+        for (const std::wstring* text :
+             {&c.GetCorvinAuthSvcUrl(), &c.GetCorvinAuthSrvId(), &c.GetAuxText1(), &c.GetAuthSvcId(), &c.GetSharedId(),
+              &c.GetAuxText2(), &c.GetRoleId(), &c.GetAuxText4(), &c.GetLeaseDN(), &c.GetLeaseExpiry(),
+              &c.GetAuxText3(), &c.GetAuxText6()})
+            b[i++] = NS_Utils::UniqueBstr(*text);
+        DWORD result = 99;
+        EXPECT_EQ(tarrow->RegisterSharedId(pid, b[0].get(), b[1].get(), b[2].get(), b[3].get(), b[4].get(), b[5].get(),
+                                           b[6].get(), b[7].get(), b[8].get(), b[9].get(), b[10].get(), flag,
+                                           b[11].get(), &result),
+                  S_OK);
+        return result;
+    }
+    DWORD Release(DWORD pid, const CSharedId& key) {
+        NS_Utils::UniqueBstr url(key.GetCorvinAuthSvcUrl()), svc(key.GetAuthSvcId()), role(key.GetRoleId());
+        DWORD result = 99;
+        EXPECT_EQ(tarrow->ReleaseSharedId(pid, url.get(), svc.get(), role.get(), &result), S_OK);
+        return result;
+    }
+    HRESULT Query(DWORD pid, const CSharedId& key, bool ownOnly, NS_Utils::UniqueBstr& out) {
+        NS_Utils::UniqueBstr url(key.GetCorvinAuthSvcUrl()), svc(key.GetAuthSvcId()), role(key.GetRoleId());
+        out.reset();
+        return tarrow->GetRegisteredSharedId(pid, url.get(), svc.get(), role.get(),
+                                             ownOnly ? VARIANT_TRUE : VARIANT_FALSE, out.put());
+    }
+    bool Found(const CSharedId& key) {
+        NS_Utils::UniqueBstr out;
+        return Query(::GetCurrentProcessId(), key, false, out) == S_OK;
     }
 
     static inline Service* s_service = nullptr;

@@ -1,32 +1,18 @@
 #pragma once
-// A monitor with a credential folder of its own, credentials to register, and holder processes.
+// A monitor with a credential folder of its own, and holder processes to register credentials for.
 
 #include "monitor/SharedIdMonitor.h"
+#include "tests/support/Credential.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
-
 namespace testsupport {
-
-inline CSharedId Credential(const std::wstring& role, const std::wstring& account = L"acct") {
-    CSharedId r;
-    r.SetCorvinAuthSvcUrl(L"https://corvin/auth");
-    r.SetCorvinAuthSrvId(L"srv-1");
-    r.SetAuthSvcId(L"svc");
-    r.SetSharedId(account);
-    r.SetRoleId(role);
-    r.SetLeaseDN(L"cn=" + role + L"," + account);
-    return r;
-}
-
-// A process that holds credentials until it is ended.
-inline ChildProcess StartHolder() { return ChildProcess::StartHelper(L"--sleep 600000"); }
 
 class MonitorTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        appData = MakeTempFolder(L"monitor");
+        std::wstring appData = MakeTempFolder(L"monitor");
         ::SetEnvironmentVariableW(L"appdata", appData.c_str());
         folder = appData + L"\\Kel\\Tarrow\\";
         monitor = SharedIdMonitor::Create();
@@ -40,11 +26,12 @@ protected:
                FileCount() == 0;
     }
     DWORD Register(const CSharedId& credential, DWORD pid) { return monitor->RegisterSharedCreds(credential, &pid); }
-    DWORD Unregister(const CSharedId& credential, DWORD pid) {
-        return monitor->UnregisterSharedCreds(credential, &pid);
+    DWORD Unregister(const CSharedId& credential, DWORD pid) { return monitor->UnregisterSharedCreds(credential, &pid); }
+    bool Registered(const CSharedId& credential, CSharedId* stored = nullptr) {
+        CSharedId ignored;
+        return monitor->IsCredsRegistered(credential, stored ? stored : &ignored);
     }
 
-    std::wstring appData;
     std::wstring folder;
     std::shared_ptr<SharedIdMonitor> monitor;
 };

@@ -2,30 +2,28 @@
 
 #include "common/ModulePath.h"
 
+#include <winternl.h>
+
 #include <algorithm>
 #include <atomic>
 
 namespace testsupport {
-
-std::wstring ProgramFolder() { return NS_Utils::ExecutableFolder(); }
 
 std::wstring MakeTempFolder(const std::wstring& hint) {
     static std::atomic<unsigned> counter{0};
     wchar_t temp[MAX_PATH + 1];
     ::GetTempPathW(MAX_PATH + 1, temp);
     for (;;) {
-        std::wstring folder = std::wstring(temp) + L"tarrow-" + hint + L"-" +
-                              std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                              std::to_wstring(counter.fetch_add(1)) + L"\\";
-        if (::CreateDirectoryW(folder.c_str(), nullptr)) return folder;
-        if (::GetLastError() != ERROR_ALREADY_EXISTS) return folder;
+        std::wstring folder = std::wstring(temp) + L"tarrow-" + hint + L"-" + std::to_wstring(::GetCurrentProcessId()) +
+                              L"-" + std::to_wstring(counter.fetch_add(1)) + L"\\";
+        if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() != ERROR_ALREADY_EXISTS) return folder;
     }
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path) {
     NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                              nullptr, OPEN_EXISTING, 0, nullptr));
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
     LARGE_INTEGER size{};
     if (!file || !::GetFileSizeEx(file.get(), &size)) return {};
     std::vector<std::uint8_t> bytes(static_cast<size_t>(size.QuadPart));
@@ -41,16 +39,13 @@ std::wstring ReadUtf16File(const std::wstring& path) {
 }
 
 bool WriteFileBytes(const std::wstring& path, const void* data, size_t size) {
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    NS_Utils::UniqueHandle file(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
-    return file && ::WriteFile(file.get(), data, static_cast<DWORD>(size), &written, nullptr) &&
-           written == size;
+    return file && ::WriteFile(file.get(), data, static_cast<DWORD>(size), &written, nullptr) && written == size;
 }
 
-bool FileExists(const std::wstring& path) {
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
+bool FileExists(const std::wstring& path) { return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 std::vector<std::wstring> ListFiles(const std::wstring& folder, const std::wstring& pattern) {
     std::vector<std::wstring> names;
@@ -74,7 +69,7 @@ std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstrin
 }
 
 ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring& arguments) {
-    std::wstring path = ProgramFolder() + program;
+    std::wstring path = NS_Utils::ExecutableFolder() + program;
     std::wstring commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
@@ -82,28 +77,17 @@ ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring
     ChildProcess child;
     // A loaded machine occasionally refuses a process start; a few tries keep that out of the
     // results of tests that need hundreds of processes.
-    bool started = false;
-    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
-        started = ::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                                   &startup, &info);
-        if (!started) ::Sleep(50);
+    for (int attempt = 0; attempt < 5; ++attempt, ::Sleep(50)) {
+        if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                              &info))
+            continue;
+        NS_Utils::UniqueHandle thread(info.hThread);
+        child.m_process.reset(info.hProcess);
+        child.m_id = info.dwProcessId;
+        child.m_threadId = info.dwThreadId;
+        break;
     }
-    if (!started) return child;
-    NS_Utils::UniqueHandle thread(info.hThread);
-    child.m_process.reset(info.hProcess);
-    child.m_id = info.dwProcessId;
-    child.m_threadId = info.dwThreadId;
     return child;
-}
-
-ChildProcess ChildProcess::StartHelper(const std::wstring& arguments) {
-    return Start(L"tarrow_testchild.exe", arguments);
-}
-
-ChildProcess::~ChildProcess() { Kill(); }
-
-DWORD ChildProcess::Wait(DWORD timeoutMs) const {
-    return ::WaitForSingleObject(m_process.get(), timeoutMs);
 }
 
 DWORD ChildProcess::ExitCode() const {
@@ -119,9 +103,12 @@ void ChildProcess::Kill() {
     }
 }
 
-}  // namespace testsupport
+bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {
+    for (ULONGLONG deadline = ::GetTickCount64() + timeoutMs; !condition(); ::Sleep(5))
+        if (::GetTickCount64() > deadline) return false;
+    return true;
+}
 
-namespace testsupport {
 std::wstring ServiceLogText() { return ReadUtf16File(L"C:\\TarrowTestInstall\\logs\\brisk_observer.log"); }
 
 size_t CountInServiceLog(const std::wstring& text) {
@@ -130,11 +117,7 @@ size_t CountInServiceLog(const std::wstring& text) {
     for (size_t at = log.find(text); at != std::wstring::npos; at = log.find(text, at + text.size())) ++count;
     return count;
 }
-}  // namespace testsupport
 
-#include <winternl.h>
-
-namespace testsupport {
 namespace {
 struct SystemHandleEntry {
     ULONG ownerPid;
@@ -148,8 +131,6 @@ struct SystemHandleInformation {
     ULONG count;
     SystemHandleEntry handles[1];
 };
-constexpr SYSTEM_INFORMATION_CLASS kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
-constexpr NTSTATUS kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
 
 std::wstring HandleTypeName(HANDLE handle) {
     std::vector<std::uint8_t> buffer(1024);
@@ -162,34 +143,25 @@ std::wstring HandleTypeName(HANDLE handle) {
 }  // namespace
 
 DWORD CountOwnHandles(const std::wstring& typeName) {
-    DWORD count = 0;
-    if (typeName.empty() && ::GetProcessHandleCount(::GetCurrentProcess(), &count) && count != 0) return count;
-    count = 0;
+    constexpr auto kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
     std::vector<std::uint8_t> buffer(1 << 16);
     NTSTATUS status;
     ULONG needed = 0;
     while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(),
-                                                static_cast<ULONG>(buffer.size()), &needed)) == kInfoLengthMismatch)
+                                                static_cast<ULONG>(buffer.size()), &needed)) ==
+           static_cast<NTSTATUS>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
         buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
     if (status != 0) return 0;
     auto* info = reinterpret_cast<const SystemHandleInformation*>(buffer.data());
-    const DWORD self = ::GetCurrentProcessId();
-    for (ULONG i = 0; i < info->count; ++i)
-        if (info->handles[i].ownerPid == self &&
+    DWORD count = 0;
+    for (ULONG i = 0; i < info->count; ++i) {
+        const SystemHandleEntry& entry = info->handles[i];
+        if (entry.ownerPid == ::GetCurrentProcessId() &&
             (typeName.empty() ||
-             HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(info->handles[i].handleValue))) == typeName))
+             HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(entry.handleValue))) == typeName))
             ++count;
+    }
     return count;
 }
-}  // namespace testsupport
 
-namespace testsupport {
-bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {
-    ULONGLONG deadline = ::GetTickCount64() + timeoutMs;
-    while (!condition()) {
-        if (::GetTickCount64() > deadline) return false;
-        ::Sleep(5);
-    }
-    return true;
-}
 }  // namespace testsupport

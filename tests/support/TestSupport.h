@@ -11,10 +11,8 @@
 
 namespace testsupport {
 
-std::wstring ProgramFolder();  // with a trailing backslash
 // A new empty folder under the temporary folder, with a trailing backslash.
 std::wstring MakeTempFolder(const std::wstring& hint);
-
 std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path);
 std::wstring ReadUtf16File(const std::wstring& path);
 bool WriteFileBytes(const std::wstring& path, const void* data, size_t size);
@@ -27,20 +25,19 @@ class ChildProcess {
 public:
     // Starts `program` (a name in the program folder) with `arguments`; check Valid().
     static ChildProcess Start(const std::wstring& program, const std::wstring& arguments);
-    // The test helper process (tarrow_testchild.exe).
-    static ChildProcess StartHelper(const std::wstring& arguments);
+    // tarrow_testchild.exe; see its options there.
+    static ChildProcess StartHelper(const std::wstring& arguments) { return Start(L"tarrow_testchild.exe", arguments); }
 
     ChildProcess() = default;
     ChildProcess(ChildProcess&&) = default;
     ChildProcess& operator=(ChildProcess&&) = default;
-    ~ChildProcess();  // ends the process if it still runs
+    ~ChildProcess() { Kill(); }
 
     bool Valid() const { return m_process.valid(); }
     DWORD Id() const { return m_id; }
     DWORD MainThreadId() const { return m_threadId; }
     HANDLE Handle() const { return m_process.get(); }
-    // WAIT_OBJECT_0 when it has ended within the time.
-    DWORD Wait(DWORD timeoutMs) const;
+    DWORD Wait(DWORD timeoutMs) const { return ::WaitForSingleObject(m_process.get(), timeoutMs); }
     DWORD ExitCode() const;
     void Kill();
 
@@ -50,9 +47,9 @@ private:
     DWORD m_threadId = 0;
 };
 
-}  // namespace testsupport
+// A process that holds credentials until it is ended.
+inline ChildProcess StartHolder() { return ChildProcess::StartHelper(L"--sleep 600000"); }
 
-namespace testsupport {
 // Polls a condition that the service reaches on threads or processes of its own; false when the
 // time ran out.
 bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 30000);
@@ -61,11 +58,9 @@ bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs = 30000);
 std::wstring ServiceLogText();
 // How many times `text` occurs in the service log so far.
 size_t CountInServiceLog(const std::wstring& text);
-}  // namespace testsupport
 
-namespace testsupport {
-// Handles open in this process, all of them or those of one object type ("Process", "Event"):
-// GetProcessHandleCount where the platform answers it, else the system's handle table (Wine
-// answers 0 to the former).
+// Handles of one object type ("Process", "Event") open in this process, or all of them, read
+// from the system's handle table: Wine answers 0 to GetProcessHandleCount.
 DWORD CountOwnHandles(const std::wstring& typeName = {});
+
 }  // namespace testsupport
