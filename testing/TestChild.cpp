@@ -3,6 +3,7 @@
 //   --wait-event NAME     wait for a named event (creating it when missing)
 //   --signal-event NAME   signal a named event (creating it when missing)
 //   --log COUNT TEXT      write COUNT level-1 lines "TEXT <n>" through the service's log
+//   --hold-mutex NAME     own a named mutex (creating it when missing) until the process ends
 //   --exit CODE           end now with CODE
 // Without --exit it ends with 0 after the last option.
 
@@ -36,6 +37,10 @@ int wmain(int argc, wchar_t** argv) {
             unsigned long count = Number(argv[++i]);
             std::wstring text = argv[++i];
             for (unsigned long n = 0; n < count; ++n) NS_Log::Log(1, text + L" " + std::to_wstring(n));
+        } else if (option == L"--hold-mutex" && hasValue) {
+            // Owned, never released: ending the process abandons it.
+            HANDLE mutex = ::CreateMutexW(nullptr, FALSE, argv[++i]);
+            ::WaitForSingleObject(mutex, INFINITE);
         } else if (option == L"--exit" && hasValue) {
             return static_cast<int>(Number(argv[++i]));
         } else {

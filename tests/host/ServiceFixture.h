@@ -41,6 +41,7 @@ public:
         return code;
     }
     bool Running() const { return m_process.Valid() && m_process.Wait(0) == WAIT_TIMEOUT; }
+    DWORD Pid() const { return m_process.Id(); }
     ~Service() { Stop(); }
 
 private:

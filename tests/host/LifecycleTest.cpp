@@ -1,0 +1,167 @@
+// The real Tarrow.exe with the stand-in agent: a holder's exit leads to one check-in, secrets stay
+// out of every file the run leaves, stopping mid-retry loses nothing, a restart takes up what is
+// left but not what another live instance holds, and the service refuses to hang or watch itself.
+
+#include "common/Registry.h"
+#include "host/CallerSecurity.h"
+#include "host/RetryWhileUnavailable.h"
+#include "sharedid/PersistantStorage.h"
+#include "testing/agent/StandInControl.h"
+#include "tests/host/ServiceFixture.h"
+
+#include <aclapi.h>
+
+namespace testsupport {
+namespace {
+
+void SetWex(const wchar_t* name, DWORD value) {
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, name, value);
+}
+
+std::wstring CredentialFolder() {
+    wchar_t appData[MAX_PATH] = {};
+    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
+    return std::wstring(appData) + L"\\Kel\\Tarrow\\";
+}
+
+size_t CheckIns() { return standin::JournalLines("CheckIn ").size(); }
+
+// Whether `text` occurs, as UTF-16 or as UTF-8, in any file below `folder`.
+bool AnyFileHolds(const std::wstring& folder, const std::string& text) {
+    std::string wide;
+    for (char c : text) wide += {c, '\0'};
+    for (const std::wstring& name : ListFiles(folder, L"*")) {
+        if (name == L"." || name == L"..") continue;
+        std::wstring path = folder + name;
+        if (::GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) {
+            if (AnyFileHolds(path + L"\\", text)) return true;
+            continue;
+        }
+        std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+        std::string content(bytes.begin(), bytes.end());
+        if (content.find(text) != std::string::npos || content.find(wide) != std::string::npos) return true;
+    }
+    return false;
+}
+
+class LifecycleTest : public ServiceTest {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
+        // Every line the service can write, so that a secret in any of them shows.
+        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"LogLevel", 4);
+        SetWex(L"FreeSharedIdWaitTime", 0);
+        ServiceTest::SetUpTestSuite();
+    }
+    void SetUp() override {
+        standin::ClearJournal();
+        standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+        ServiceTest::SetUp();
+    }
+};
+
+TEST_F(LifecycleTest, HolderExitChecksInOnceAndNoSecretReachesAFile) {
+    standin::SetScript(L"WalletPassword", std::wstring(L"pw-7f3a9"));
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(holder.Id(), Credential(L"secret")), 0u);
+    holder.Kill();
+    ASSERT_TRUE(WaitUntil([] { return CheckIns() == 1; }));
+    std::string line = standin::JournalLines("CheckIn ")[0];
+    EXPECT_NE(line.find("user=corvin-user"), std::string::npos) << line;
+    EXPECT_NE(line.find("row=cn=secret|aux-1|;svc;aux-4;acct;mem-3;{ERROR_CODE};;cn=secret|"), std::string::npos)
+        << line;
+    ASSERT_TRUE(WaitUntil([] { return ListFiles(CredentialFolder(), L"*.dat").empty(); }));
+    for (const char* secret : {"pw-7f3a9", "mem-2", "mem-3"}) {
+        EXPECT_FALSE(AnyFileHolds(L"C:\\TarrowTestInstall\\logs\\", secret)) << secret;
+        EXPECT_FALSE(AnyFileHolds(CredentialFolder(), secret)) << secret;
+    }
+}
+
+TEST_F(LifecycleTest, StopMidRetryLosesNothingAndRestartLeavesWhatAnotherInstanceHolds) {
+    SetWex(L"FreeSharedIdWaitTime", 600000);
+    standin::SetScript(L"CheckInResults", std::wstring(L"37"));
+    ChildProcess first = StartHolder(), second = StartHolder();
+    ASSERT_EQ(Register(first.Id(), Credential(L"one")), 0u);
+    ASSERT_EQ(Register(second.Id(), Credential(L"two")), 0u);
+    first.Kill();
+    second.Kill();
+    ASSERT_TRUE(WaitUntil([] { return CheckIns() >= 1; }));
+    tarrow.reset();
+    EXPECT_EQ(s_service->Stop(), 0u);
+    EXPECT_EQ(ListFiles(CredentialFolder(), L"*.dat").size(), 2u);
+
+    // This process stands for another live instance: it keeps its own credential's file open.
+    PersistantStorage otherInstance;
+    CSharedId held = Credential(L"held-elsewhere");
+    ASSERT_EQ(otherInstance.Persist(held), 0);
+    SetWex(L"FreeSharedIdWaitTime", 0);
+    standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+    standin::ClearJournal();
+    ASSERT_TRUE(s_service->Start());
+    EXPECT_TRUE(WaitUntil([] { return CheckIns() == 2; }));
+    EXPECT_TRUE(WaitUntil([] { return ListFiles(CredentialFolder(), L"*.dat").size() == 1; }));
+    EXPECT_TRUE(FileExists(held.GetFileName()));
+    EXPECT_EQ(CountInServiceLog(L"Skipping credential file held by another instance: " + held.GetFileName()), 1u);
+    held.ReleaseFileClaim();
+    ::DeleteFileW(held.GetFileName().c_str());
+}
+
+TEST_F(LifecycleTest, TheServiceNeverWatchesItsOwnProcess) {
+    DWORD own = s_service->Pid();
+    EXPECT_EQ(Register(own, Credential(L"own")), 1u);
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(holder.Id(), Credential(L"taken-over")), 0u);
+    NS_Utils::UniqueBstr out;
+    EXPECT_EQ(Query(own, Credential(L"taken-over"), true, out), S_FALSE);
+    EXPECT_EQ(CountInServiceLog(L"it is the service's own process."), 2u);
+}
+
+TEST_F(LifecycleTest, CallsAreAnsweredWhileAnotherProcessHoldsTheLogMutex) {
+    NS_Utils::UniqueHandle held(::CreateEventW(nullptr, TRUE, FALSE, L"TarrowTestLogMutexHeld"));
+    ChildProcess blocker = ChildProcess::StartHelper(
+        L"--hold-mutex Global\\brisk_observer.log_LogMutex --signal-event TarrowTestLogMutexHeld --sleep 600000");
+    ASSERT_EQ(::WaitForSingleObject(held.get(), 30000), WAIT_OBJECT_0);
+    CSharedId incomplete = Credential(L"while-blocked");
+    incomplete.SetLeaseDN(L"");
+    EXPECT_EQ(Register(::GetCurrentProcessId(), incomplete), 4u);
+    EXPECT_TRUE(s_service->Running());
+}
+
+TEST(CallerSecurityTest, OnlyTheUserAndSystemMayCall) {
+    CCallerSecurity security;
+    ASSERT_EQ(security.Build(), S_OK);
+    BOOL present = FALSE, defaulted = FALSE;
+    PACL acl = nullptr;
+    ASSERT_TRUE(::GetSecurityDescriptorDacl(security.Descriptor(), &present, &acl, &defaulted) && present && acl);
+    ASSERT_EQ(acl->AceCount, 2);
+    PSID owner = nullptr;
+    ASSERT_TRUE(::GetSecurityDescriptorOwner(security.Descriptor(), &owner, &defaulted));
+    BYTE system[SECURITY_MAX_SID_SIZE];
+    DWORD size = sizeof(system);
+    ASSERT_TRUE(::CreateWellKnownSid(WinLocalSystemSid, nullptr, system, &size));
+    for (DWORD i = 0; i < 2; ++i) {
+        ACCESS_ALLOWED_ACE* ace = nullptr;
+        ASSERT_TRUE(::GetAce(acl, i, reinterpret_cast<void**>(&ace)));
+        EXPECT_EQ(ace->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+        EXPECT_EQ(ace->Mask, DWORD{COM_RIGHTS_EXECUTE | COM_RIGHTS_EXECUTE_LOCAL});
+        EXPECT_TRUE(::EqualSid(&ace->SidStart, i == 0 ? owner : system));
+    }
+}
+
+TEST(PublishingTest, UnavailableTableIsTriedAgainForAMinute) {
+    std::vector<DWORD> pauses;
+    int attempts = 0;
+    auto pause = [&](DWORD ms) { pauses.push_back(ms); };
+    EXPECT_EQ(NS_Host::RetryWhileUnavailable([&] { return ++attempts < 3 ? NS_Host::kServerUnavailable : S_OK; }, pause),
+              S_OK);
+    EXPECT_EQ(pauses, (std::vector<DWORD>{100, 200}));
+    pauses.clear();
+    EXPECT_EQ(NS_Host::RetryWhileUnavailable([] { return NS_Host::kServerUnavailable; }, pause),
+              NS_Host::kServerUnavailable);
+    DWORD total = 0;
+    for (DWORD ms : pauses) total += ms;
+    EXPECT_EQ(total, 60000u);
+}
+
+}  // namespace
+}  // namespace testsupport
