@@ -1,7 +1,7 @@
 #include "checkin/KelUtils.h"
 
 #include "checkin/AgentRuntime.h"
-#include "checkin/SecretText.h"
+#include "common/SecretString.h"
 #include "common/ComHandles.h"
 #include "common/Log.h"
 

@@ -4,7 +4,7 @@
 #include "checkin/CheckInRow.h"
 #include "checkin/KelUtils.h"
 #include "checkin/CorvinUrlResolver.h"
-#include "checkin/SecretText.h"
+#include "common/SecretString.h"
 #include "common/Log.h"
 
 #include <cassert>

@@ -10,6 +10,22 @@
 
 namespace NS_Utils {
 
+// Zeroes every character the buffer can hold, not only the current ones: a shorter text assigned
+// earlier may have left the tail of a longer one behind. Leaves `text` empty.
+inline void WipeString(std::wstring& text) noexcept {
+    text.resize(text.capacity());  // within capacity: no reallocation, no copy left elsewhere
+    ::SecureZeroMemory(text.data(), text.size() * sizeof(wchar_t));
+    text.clear();
+}
+
+// Replaces `target` with `source` and wipes both the old value and `source`. Copies rather than
+// moves: a moved short text leaves its characters in the source's inline buffer.
+inline void ReplaceSecret(std::wstring& target, std::wstring& source) {
+    WipeString(target);
+    target = source;
+    WipeString(source);
+}
+
 class SecretString {
 public:
     SecretString() = default;
@@ -35,12 +51,7 @@ public:
 
     const std::wstring& get() const noexcept { return m_text; }
     bool empty() const noexcept { return m_text.empty(); }
-    // Wipes the whole buffer, not just the characters in use: a shorter text written over a
-    // longer one leaves the tail of the old one behind.
-    void Wipe() noexcept {
-        if (m_text.capacity() != 0) ::SecureZeroMemory(m_text.data(), m_text.capacity() * sizeof(wchar_t));
-        m_text.clear();
-    }
+    void Wipe() noexcept { WipeString(m_text); }
 
 private:
     std::wstring m_text;
