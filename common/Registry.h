@@ -16,6 +16,9 @@ inline constexpr const wchar_t* kProgramDirValue = L"ProgramDir";
 inline constexpr const wchar_t* kWex = L"SOFTWARE\\Orvane\\Kelmar\\Wex";
 // Settings of the diagnostic log.
 inline constexpr const wchar_t* kLogging = L"SOFTWARE\\Orvane\\Kelmar\\Logging";
+// The agent's configuration: the language its message libraries are installed in.
+inline constexpr const wchar_t* kConfig = L"SOFTWARE\\Orvane\\Kelmar\\Config";
+inline constexpr const wchar_t* kInstalledLangValue = L"InstalledLang";
 }  // namespace RegKeys
 
 // ERROR_SUCCESS and the value, or the registry's error code with `value` unchanged.

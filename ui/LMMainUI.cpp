@@ -1,0 +1,409 @@
+#include "ui/LMMainUI.h"
+
+#include "common/Log.h"
+#include "common/Registry.h"
+#include "ui/KelResourceUtility.h"
+#include "ui/LMMainUIRes.h"
+
+#include <process.h>
+
+namespace {
+
+constexpr wchar_t kParentClass[] = L"KEL_Dummy_Class_For_Panel";
+constexpr wchar_t kBlockReason[] = L"Checking in shared credentials";
+constexpr DWORD kStartWaitMs = 2000;
+constexpr UINT kTickMs = 5000;
+// Lease monitor threads post these instead of calling the window: a thread that waits on the
+// UI thread while the UI thread waits on it (or on the row lock) would never return.
+constexpr UINT kMsgRowAdded = WM_APP + 1;
+constexpr UINT kMsgRowRemoved = WM_APP + 2;
+constexpr UINT kMsgBlockReason = WM_APP + 3;
+constexpr int kRowHeight = 44;
+constexpr int kIconSize = 32;
+constexpr int kPadding = 6;
+
+void Log(unsigned short level, const wchar_t* function, const std::wstring& text) {
+    NS_Log::Log(level, L"[LMMainUI::" + std::wstring(function) + L"]" + text);
+}
+
+std::wstring Message(const wchar_t* key) {
+    std::wstring text;
+    KelResourceUtility::GetKelMessage(key, text);
+    return text;
+}
+
+std::wstring Labelled(const std::wstring& label, const std::wstring& value) {
+    return label.empty() ? value : label + L": " + value;
+}
+
+}  // namespace
+
+LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
+    : m_callbacks(std::move(callbacks)), m_graceSeconds(GetWaitingTimeToKillProcess()) {
+    m_startedEvent.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    EnsureUIThread();
+}
+
+LMMainUI::~LMMainUI() {
+    IssueStop();
+    if (!m_thread) return;
+    // The stop is posted again in case the thread had not made its queue when it was asked.
+    while (::WaitForSingleObject(m_thread.get(), 1000) == WAIT_TIMEOUT) ::PostThreadMessageW(m_threadId, WM_QUIT, 0, 0);
+}
+
+unsigned LMMainUI::GetWaitingTimeToKillProcess() {
+    DWORD seconds = 120;
+    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess",
+                                    seconds) != ERROR_SUCCESS) {
+        Log(2, L"GetWaitingTimeToKillProcess",
+            L"\t Get registry value failed, RegKey = " + std::wstring(NS_Utils::RegKeys::kWex));
+        seconds = 120;
+    }
+    return seconds;
+}
+
+void LMMainUI::EnsureUIThread() {
+    NS_Utils::CritSecGuard guard(m_threadLock);
+    if (m_thread && ::WaitForSingleObject(m_thread.get(), 0) == WAIT_TIMEOUT) return;
+    Log(3, L"EnsureUIThread", L"\tStarting the UI thread");
+    ::ResetEvent(m_startedEvent.get());
+    m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, &m_threadId)));
+    DWORD result = m_thread ? ::WaitForSingleObject(m_startedEvent.get(), kStartWaitMs) : WAIT_FAILED;
+    if (result != WAIT_OBJECT_0)
+        Log(1, L"EnsureUIThread", L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
+}
+
+unsigned __stdcall LMMainUI::ThreadProc(void* param) {
+    auto* self = static_cast<LMMainUI*>(param);
+    // Declared in this order so that the dialog goes before the window that owns it.
+    NS_Utils::UniqueWindow parent;
+    NS_Utils::UniqueWindow dialog;
+    if (!self->InitInstance(parent, dialog)) {
+        Log(1, L"ThreadProc", L"]\t failed to create the parent window");
+        return 1;
+    }
+    self->RunUI(dialog.get());
+    {
+        NS_Utils::CritSecGuard guard(self->m_lock);
+        self->m_rows.Attach(nullptr);
+        self->m_rows.Clear();
+    }
+    self->m_dialog = nullptr;
+    self->m_parent = nullptr;
+    return 0;
+}
+
+void LMMainUI::RunUI(HWND dialog) {
+    ::SetTimer(dialog, reinterpret_cast<UINT_PTR>(this), kTickMs, nullptr);
+    ApplyShutdownBlockReason(m_credentialsHeld);
+    ::SetEvent(m_startedEvent.get());
+    Log(3, L"ThreadProc", L"\t Signalled the started event. ");
+    MSG msg;
+    while (::GetMessageW(&msg, nullptr, 0, 0) > 0) {
+        ::TranslateMessage(&msg);
+        ::DispatchMessageW(&msg);
+    }
+}
+
+bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog) {
+    if (!CreateParentWindow(parent) || !CreateDialogWindow(parent.get(), dialog)) return false;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        m_rows.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
+    }
+    SetTexts(dialog.get());
+    PlaceDialog(dialog.get());
+    m_parent = parent.get();
+    m_dialog = dialog.get();
+    return true;
+}
+
+bool LMMainUI::CreateParentWindow(NS_Utils::UniqueWindow& parent) {
+    WNDCLASSEXW wc{};
+    wc.cbSize = sizeof(wc);
+    wc.lpfnWndProc = ParentWndProc;
+    wc.hInstance = ::GetModuleHandleW(nullptr);
+    wc.lpszClassName = kParentClass;
+    // A second controller in the same process finds the class already there.
+    ::RegisterClassExW(&wc);
+    parent.reset(::CreateWindowExW(0, kParentClass, L"", WS_POPUP, 0, 0, 0, 0, nullptr, nullptr, wc.hInstance, this));
+    if (!parent) Log(1, L"InitInstance", L"\t Cannot create the dummy parent window for LeaseExpiry UI.");
+    return parent.valid();
+}
+
+bool LMMainUI::CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog) {
+    HMODULE module = ::GetModuleHandleW(nullptr);
+    HRSRC found = ::FindResourceW(module, MAKEINTRESOURCEW(IDD_LEASE_EXPIRY), MAKEINTRESOURCEW(5));
+    HGLOBAL loaded = found ? ::LoadResource(module, found) : nullptr;
+    auto* dialogTemplate = loaded ? static_cast<const DLGTEMPLATE*>(::LockResource(loaded)) : nullptr;
+    if (dialogTemplate)
+        dialog.reset(::CreateDialogIndirectParamW(module, dialogTemplate, parent, DialogProc,
+                                                  reinterpret_cast<LPARAM>(this)));
+    if (!dialog) Log(1, L"InitInstance", L"\t Cannot create LeaseExpiry UI Dialog. GLE = 0x" + NS_Log::Hex(::GetLastError()));
+    return dialog.valid();
+}
+
+void LMMainUI::SetTexts(HWND dialog) {
+    ::SetWindowTextW(dialog, (Message(L"DIALOG_TITLE_LEASE_EXPIRY") + L" :: Quillon").c_str());
+    HWND text = ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_TEXT);
+    if (text)
+        ::SetWindowTextW(text, Message(L"DIALOG_CONTENT_LEASE_EXPIRY").c_str());
+    else
+        Log(2, L"InitInstance", L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
+    m_processLabel = Message(L"LEASE_EXPIRY_PROCESS");
+    m_timeLabel = Message(L"LEASE_EXPIRY_TIME");
+    m_remainLabel = Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN");
+}
+
+// The dialog's top-left corner goes to (500, 700), pulled back as far as needed to keep the whole
+// dialog inside the work area of the monitor nearest to that point.
+void LMMainUI::PlaceDialog(HWND dialog) {
+    POINT anchor{500, 700};
+    MONITORINFO info{};
+    info.cbSize = sizeof(info);
+    RECT window{};
+    ::GetWindowRect(dialog, &window);
+    int x = anchor.x, y = anchor.y;
+    if (::GetMonitorInfoW(::MonitorFromPoint(anchor, MONITOR_DEFAULTTONEAREST), &info)) {
+        const RECT& work = info.rcWork;
+        x = std::max<int>(work.left, std::min<int>(x, work.right - (window.right - window.left)));
+        y = std::max<int>(work.top, std::min<int>(y, work.bottom - (window.bottom - window.top)));
+    }
+    ::SetWindowPos(dialog, HWND_TOPMOST, x, y, 0, 0, SWP_NOSIZE | SWP_NOACTIVATE);
+}
+
+LRESULT CALLBACK LMMainUI::ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (message == WM_NCCREATE) {
+        auto* create = reinterpret_cast<CREATESTRUCTW*>(lParam);
+        ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(create->lpCreateParams));
+    }
+    auto* self = reinterpret_cast<LMMainUI*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
+    if (message == WM_QUERYENDSESSION) return TRUE;
+    if (message == WM_ENDSESSION) {
+        if (wParam && self) self->ReportSessionEnd();
+        return 0;
+    }
+    return ::DefWindowProcW(window, message, wParam, lParam);
+}
+
+INT_PTR CALLBACK LMMainUI::DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+    if (message == WM_INITDIALOG) {
+        ::SetWindowLongPtrW(dialog, GWLP_USERDATA, lParam);
+        return TRUE;
+    }
+    auto* self = reinterpret_cast<LMMainUI*>(::GetWindowLongPtrW(dialog, GWLP_USERDATA));
+    return self && self->OnDialogMessage(dialog, message, wParam, lParam) ? TRUE : FALSE;
+}
+
+bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
+    switch (message) {
+    case WM_TIMER: CheckItemsOnList(); return true;
+    case WM_MEASUREITEM: MeasureItem(*reinterpret_cast<MEASUREITEMSTRUCT*>(lParam)); return true;
+    case WM_DRAWITEM: DrawItem(*reinterpret_cast<const DRAWITEMSTRUCT*>(lParam)); return true;
+    case kMsgRowAdded: ListRow(static_cast<int>(wParam)); return true;
+    case kMsgRowRemoved: UnlistRow(static_cast<int>(wParam), static_cast<DWORD>(lParam)); return true;
+    case kMsgBlockReason: ApplyShutdownBlockReason(wParam != 0); return true;
+    case WM_QUERYENDSESSION: ::SetWindowLongPtrW(dialog, DWLP_MSGRESULT, TRUE); return true;
+    case WM_ENDSESSION:
+        if (wParam) ReportSessionEnd();
+        return true;
+    // The warning stays until its rows are gone; closing it would hide a running countdown.
+    case WM_CLOSE: return true;
+    default: return false;
+    }
+}
+
+void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
+    Log(3, L"ShowProcessInfo", L"\t About to add item and show window");
+    EnsureUIThread();
+    int key;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        // The lease monitor lists a holder again at every poll; a new row would restart its grace time.
+        for (const auto& [existingKey, row] : m_rows.Rows())
+            if (row->GetProcessId() == processId && !row->GetCredential().owner_before(credential) &&
+                !credential.owner_before(row->GetCredential()))
+                return;
+        key = m_rows.Add(std::make_shared<ProcessInfo>(processId, std::move(process), std::move(credential), m_graceSeconds));
+    }
+    HWND dialog = m_dialog;
+    if (!dialog || !::PostMessageW(dialog, kMsgRowAdded, static_cast<WPARAM>(key), 0))
+        Log(1, L"ShowProcessInfo", L"\t Cannot list the row. PID = " + std::to_wstring(processId));
+}
+
+void LMMainUI::ListRow(int key) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    if (!m_rows.Find(key)) return;
+    m_rows.Append(key);
+    if (m_rows.Count() != 1) return;
+    Log(3, L"ListRow", L"\t Showing the window ");
+    ::ShowWindow(m_dialog, SW_SHOWNORMAL);
+}
+
+void LMMainUI::RemoveProcessInfo(DWORD processId) {
+    int key = -1;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        for (const auto& [rowKey, row] : m_rows.Rows())
+            if (row->GetProcessId() == processId) {
+                key = rowKey;
+                if (!row->GetCredential().lock())
+                    Log(2, L"RemoveProcessInfo",
+                        L"\t could not lock the shared id object that is being released by process with PID = " +
+                            std::to_wstring(processId));
+                break;
+            }
+        if (key < 0) {
+            Log(2, L"RemoveProcessInfo",
+                L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
+                    std::to_wstring(processId));
+            return;
+        }
+        m_rows.Erase(key);
+    }
+    HWND dialog = m_dialog;
+    if (dialog) ::PostMessageW(dialog, kMsgRowRemoved, static_cast<WPARAM>(key), static_cast<LPARAM>(processId));
+}
+
+void LMMainUI::UnlistRow(int key, DWORD processId) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    LRESULT index = m_rows.IndexOf(key);
+    if (index == LB_ERR) {
+        Log(2, L"RemoveProcessInfo", L"\t Finding the item on the Lease Expiry UI failed. nRet = " +
+                                         std::to_wstring(index) + L". PID = " + std::to_wstring(processId));
+        return;
+    }
+    if (m_rows.Delete(index) == LB_ERR)
+        Log(2, L"RemoveProcessInfo", L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
+    else if (!::InvalidateRect(m_rows.ListBox(), nullptr, TRUE))
+        Log(2, L"RemoveProcessInfo",
+            L"\t Updating lease expiry UI for the removal of an item failed. PID = " + std::to_wstring(processId));
+}
+
+void LMMainUI::CheckItemsOnList() {
+    std::vector<std::weak_ptr<CSharedId>> expired;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        auto rows = m_rows.Rows();
+        Log(4, L"CheckItemsOnList", L"\t Going to check all the items on the list.");
+        Log(4, L"CheckItemsOnList", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
+        __time64_t now = _time64(nullptr);
+        for (const auto& [key, row] : rows) {
+            if (!IsProcessMonitored(*row)) {
+                Log(3, L"CheckItemsOnList", L"]\t the process with pid = " + std::to_wstring(row->GetProcessId()) +
+                                                L" is not being monitored anymore - taking it off the list");
+                LRESULT index = m_rows.IndexOf(key);
+                m_rows.Erase(key);
+                if (index == LB_ERR || m_rows.Delete(index) == LB_ERR)
+                    Log(2, L"CheckItemsOnList", L"\t Could not remove item from the list.");
+                continue;
+            }
+            row->IsProcessAppWindowTitleLatest();
+            if (row->SecondsLeft(now) > 0)
+                Log(5, L"CheckItemsOnList", L"\t credential hasn't expired yet. Expiry time is " +
+                                                std::to_wstring(row->GetEndTime()));
+            else
+                expired.push_back(row->GetCredential());
+        }
+        // Every row's countdown moves on, so the whole list is drawn again.
+        ::InvalidateRect(m_rows.ListBox(), nullptr, TRUE);
+        ::UpdateWindow(m_dialog);
+        if (m_rows.Count() == 0) ::ShowWindow(m_dialog, SW_HIDE);
+    }
+    // Outside the lock: the handler ends processes, whose exits come back to remove rows.
+    for (const auto& credential : expired) {
+        if (m_callbacks.onExpiryPassed)
+            m_callbacks.onExpiryPassed(credential);
+        else
+            Log(2, L"CheckItemsOnList", L"]\texpiry-time-passed-out handler is empty.");
+    }
+}
+
+bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
+    if (!m_callbacks.getProcFromPid || !m_callbacks.getSidProcList) {
+        Log(2, L"IsProcessMonitored", L"]/t m_getProcFromPid or m_getSidProcList is null");
+        return false;
+    }
+    std::wstring pid = std::to_wstring(row.GetProcessId());
+    if (!m_callbacks.getProcFromPid(row.GetProcessId())) {
+        Log(3, L"IsProcessMonitored", L"]/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
+        return false;
+    }
+    auto credential = row.GetCredential().lock();
+    std::vector<DWORD> holders;
+    if (credential) holders = m_callbacks.getSidProcList(credential);
+    if (std::find(holders.begin(), holders.end(), row.GetProcessId()) == holders.end()) {
+        Log(3, L"IsProcessMonitored",
+            L"]/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
+        return false;
+    }
+    return true;
+}
+
+void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
+    item.itemHeight = kRowHeight;
+}
+
+void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
+    if (item.itemID == static_cast<UINT>(-1)) return;
+    std::shared_ptr<ProcessInfo> row;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        row = m_rows.Find(static_cast<int>(item.itemData));
+    }
+    ::FillRect(item.hDC, &item.rcItem, ::GetSysColorBrush(COLOR_WINDOW));
+    if (!row) return;
+    RECT rc = item.rcItem;
+    if (HICON icon = row->Icon()) ::DrawIcon(item.hDC, rc.left + kPadding, rc.top + (kRowHeight - kIconSize) / 2, icon);
+    rc.left += kIconSize + 2 * kPadding;
+    rc.top += kPadding / 2;
+    std::wstring text = RowText(*row);
+    ::SetBkMode(item.hDC, TRANSPARENT);
+    ::SetTextColor(item.hDC, ::GetSysColor(COLOR_WINDOWTEXT));
+    ::DrawTextW(item.hDC, text.c_str(), -1, &rc, DT_WORDBREAK | DT_WORD_ELLIPSIS | DT_HIDEPREFIX);
+    Log(4, L"DrawItem", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
+                            L". Text content: " + text);
+}
+
+std::wstring LMMainUI::RowText(const ProcessInfo& row) const {
+    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(_time64(nullptr)));
+    if (!m_remainLabel.empty()) remaining += L" " + m_remainLabel;
+    return Labelled(m_processLabel, row.DisplayName()) + L"\n" + Labelled(m_timeLabel, remaining);
+}
+
+void LMMainUI::SetCredentialsHeld(bool held) {
+    m_credentialsHeld = held;
+    HWND dialog = m_dialog;
+    // Without windows the reason is set when they are made.
+    if (dialog) ::PostMessageW(dialog, kMsgBlockReason, held ? 1 : 0, 0);
+}
+
+void LMMainUI::ApplyShutdownBlockReason(bool held) {
+    HWND window = m_dialog ? m_dialog.load() : m_parent.load();
+    // Wine answers FALSE to both: the reason is a courtesy to the user, never a condition.
+    BOOL ok = held ? ::ShutdownBlockReasonCreate(window, kBlockReason) : ::ShutdownBlockReasonDestroy(window);
+    if (!ok)
+        Log(4, L"ApplyShutdownBlockReason", std::wstring(L"\t ShutdownBlockReason") + (held ? L"Create" : L"Destroy") +
+                                                L" failed, GLE = 0x" + NS_Log::Hex(::GetLastError()));
+}
+
+void LMMainUI::ReportSessionEnd() {
+    // Both top-level windows hear of the session end; the monitor is told once.
+    if (!m_sessionEndReported.exchange(true)) OnSessionEnd();
+}
+
+void LMMainUI::OnSessionEnd() {
+    if (m_callbacks.onSessionEnd)
+        m_callbacks.onSessionEnd();
+    else
+        Log(2, L"OnSessionEnd", L"]\ton-session-end handler is empty.");
+}
+
+void LMMainUI::IssueStop() {
+    HWND dialog = m_dialog;
+    if (!dialog) {
+        Log(3, L"IssueStop", L"\t handle to windows in null.");
+        return;
+    }
+    ::PostThreadMessageW(::GetWindowThreadProcessId(dialog, nullptr), WM_QUIT, 0, 0);
+}

@@ -1,0 +1,97 @@
+#pragma once
+// The lease-expiry window's controller: a topmost dialog on a UI thread of its own that lists,
+// one row per process, the holders of credentials whose lease is about to run out, with a
+// countdown each, and reports back through the lease monitor's callbacks when a row's time is
+// over or when the Windows session ends.
+//
+// Threads: construction, destruction, ShowProcessInfo, RemoveProcessInfo and SetCredentialsHeld
+// from the lease monitor's threads (poller, COM thread, wait callbacks); the window, its timer
+// and the callbacks onExpiryPassed and onSessionEnd on the UI thread. The row list is guarded by
+// the controller's lock; no lock of the registry is held while the window is called.
+
+#include "common/CriticalSection.h"
+#include "common/WinHandles.h"
+#include "sharedid/SharedId.h"
+#include "ui/LBExtended.h"
+#include "ui/ProcessInfo.h"
+#include "ui/UiHandles.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <vector>
+
+struct LMMainUICallbacks {
+    // A row's time is over: its credential's holders are to be ended.
+    std::function<void(const std::weak_ptr<CSharedId>&)> onExpiryPassed;
+    // The Windows session ends; called once, on the UI thread, from WM_ENDSESSION.
+    std::function<void()> onSessionEnd;
+    // A duplicate of the registry's handle of a registered process, or none.
+    std::function<NS_Utils::UniqueHandle(DWORD pid)> getProcFromPid;
+    // A copy of the credential's holder process ids.
+    std::function<std::vector<DWORD>(const std::shared_ptr<CSharedId>&)> getSidProcList;
+};
+
+class LMMainUI {
+public:
+    explicit LMMainUI(LMMainUICallbacks callbacks);
+    LMMainUI(const LMMainUI&) = delete;
+    LMMainUI& operator=(const LMMainUI&) = delete;
+    // IssueStop, then waits for the UI thread.
+    ~LMMainUI();
+
+    // Adds a row for the process (the handle is a duplicate the row keeps) and shows the window.
+    void ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential);
+    void RemoveProcessInfo(DWORD processId);
+    void OnSessionEnd();
+    void IssueStop();
+    // While any credential is registered the window keeps a shutdown block reason, so that
+    // Windows lists the service at logoff with a reason instead of ending it unasked.
+    void SetCredentialsHeld(bool held);
+
+    // "WaitingTimeToKillProcess" in seconds, 120 when it cannot be read.
+    static unsigned GetWaitingTimeToKillProcess();
+
+private:
+    using Rows = LBExtended<std::shared_ptr<ProcessInfo>>;
+
+    static unsigned __stdcall ThreadProc(void* self);
+    static LRESULT CALLBACK ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
+    static INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
+
+    void EnsureUIThread();
+    bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
+    bool CreateParentWindow(NS_Utils::UniqueWindow& parent);
+    bool CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog);
+    void SetTexts(HWND dialog);
+    static void PlaceDialog(HWND dialog);
+    void RunUI(HWND dialog);
+    bool OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
+
+    void ListRow(int key);
+    void UnlistRow(int key, DWORD processId);
+    void CheckItemsOnList();
+    bool IsProcessMonitored(const ProcessInfo& row) const;
+    void MeasureItem(MEASUREITEMSTRUCT& item) const;
+    void DrawItem(const DRAWITEMSTRUCT& item);
+    std::wstring RowText(const ProcessInfo& row) const;
+    void ApplyShutdownBlockReason(bool held);
+    void ReportSessionEnd();
+
+    LMMainUICallbacks m_callbacks;
+    unsigned m_graceSeconds;
+    NS_Utils::UniqueHandle m_startedEvent;
+    NS_Utils::CriticalSection m_threadLock;
+    NS_Utils::UniqueHandle m_thread;
+    unsigned m_threadId = 0;
+    std::atomic<HWND> m_parent{nullptr};
+    std::atomic<HWND> m_dialog{nullptr};
+    NS_Utils::CriticalSection m_lock;
+    Rows m_rows;
+    std::atomic<bool> m_credentialsHeld{false};
+    std::atomic<bool> m_sessionEndReported{false};
+    // Read on the UI thread when the windows are made.
+    std::wstring m_processLabel;
+    std::wstring m_timeLabel;
+    std::wstring m_remainLabel;
+};

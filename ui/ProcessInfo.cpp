@@ -1,0 +1,111 @@
+#include "ui/ProcessInfo.h"
+
+#include "common/Log.h"
+
+#include <shellapi.h>
+
+#include <algorithm>
+#include <cwchar>
+
+namespace {
+
+std::wstring ImagePath(HANDLE process) {
+    wchar_t path[MAX_PATH * 2] = {};
+    DWORD size = static_cast<DWORD>(std::size(path));
+    return process && ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size)
+                                                                             : std::wstring();
+}
+
+std::wstring WindowTitle(HWND window) {
+    int length = ::GetWindowTextLengthW(window);
+    if (length <= 0) return {};
+    std::wstring title(static_cast<size_t>(length) + 1, L'\0');
+    title.resize(static_cast<size_t>(::GetWindowTextW(window, title.data(), length + 1)));
+    return title;
+}
+
+struct RootWindowSearch {
+    DWORD processId;
+    HWND found;
+};
+
+BOOL CALLBACK MatchRootWindow(HWND window, LPARAM param) {
+    auto* search = reinterpret_cast<RootWindowSearch*>(param);
+    DWORD owner = 0;
+    ::GetWindowThreadProcessId(window, &owner);
+    if (owner != search->processId || !::IsWindowVisible(window) || ::GetWindow(window, GW_OWNER)) return TRUE;
+    search->found = window;
+    return FALSE;
+}
+
+__time64_t LeaseExpiryOf(const std::weak_ptr<CSharedId>& credential) {
+    auto locked = credential.lock();
+    return locked ? ProcessInfo::ParseExpiry(locked->GetLeaseExpiry()) : -1;
+}
+
+}  // namespace
+
+ProcessInfo::ProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential,
+                         unsigned graceSeconds)
+    : m_processId(processId), m_process(std::move(process)), m_credential(std::move(credential)) {
+    // An unreadable expiry counts as due now, so the user still gets the whole grace time.
+    __time64_t appeared = _time64(nullptr);
+    m_endTime = std::max(LeaseExpiryOf(m_credential), appeared + static_cast<__time64_t>(graceSeconds));
+    m_exePath = ImagePath(m_process.get());
+    m_rootWindow = FindRootWindow();
+    if (m_rootWindow) m_title = WindowTitle(m_rootWindow);
+}
+
+HWND ProcessInfo::FindRootWindow() const {
+    RootWindowSearch search{m_processId, nullptr};
+    ::EnumWindows(MatchRootWindow, reinterpret_cast<LPARAM>(&search));
+    return search.found;
+}
+
+bool ProcessInfo::IsProcessAppWindowTitleLatest() {
+    if (!::IsWindow(m_rootWindow) || !::IsWindowVisible(m_rootWindow)) {
+        if (m_rootWindow)
+            NS_Log::Log(4, L"[ProcessInfo::IsProcessAppWindowTitleLatest]The current root window " +
+                               NS_Log::Hex(static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(m_rootWindow))) +
+                               L" is not valid or visible.");
+        // A program may open its main window after it registered; look again.
+        m_rootWindow = FindRootWindow();
+    }
+    std::wstring current = m_rootWindow ? WindowTitle(m_rootWindow) : std::wstring();
+    if (::CompareStringOrdinal(current.c_str(), -1, m_title.c_str(), -1, TRUE) == CSTR_EQUAL) return true;
+    m_title = std::move(current);
+    return false;
+}
+
+std::wstring ProcessInfo::DisplayName() const {
+    if (!m_title.empty()) return m_title;
+    size_t slash = m_exePath.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? m_exePath : m_exePath.substr(slash + 1);
+}
+
+HICON ProcessInfo::Icon() {
+    if (!m_iconTried && !m_exePath.empty()) m_icon.reset(::ExtractIconW(nullptr, m_exePath.c_str(), 0));
+    m_iconTried = true;
+    return m_icon.valid() ? m_icon.get() : nullptr;
+}
+
+__time64_t ProcessInfo::ParseExpiry(const std::wstring& text) {
+    std::tm tm{};
+    wchar_t zone = 0;
+    if (std::swscanf(text.c_str(), L"%4d%2d%2dT%2d%2d%2d%lc", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour,
+                     &tm.tm_min, &tm.tm_sec, &zone) != 7 || zone != L'Z')
+        return -1;
+    tm.tm_year -= 1900;
+    tm.tm_mon -= 1;
+    return _mkgmtime64(&tm);
+}
+
+std::wstring ProcessInfo::FormatRemaining(double seconds) {
+    long long left = seconds > 0 ? static_cast<long long>(seconds) : 0;
+    wchar_t text[32];
+    if (left >= 3600)
+        std::swprintf(text, std::size(text), L"%lld:%02lld:%02lld", left / 3600, left / 60 % 60, left % 60);
+    else
+        std::swprintf(text, std::size(text), L"%lld:%02lld", left / 60, left % 60);
+    return text;
+}

@@ -1,0 +1,54 @@
+#pragma once
+// One row of the lease-expiry window: a process that holds a credential whose lease runs out,
+// and the moment the service ends it.
+
+#include "common/WinHandles.h"
+#include "sharedid/SharedId.h"
+#include "ui/UiHandles.h"
+
+#include <windows.h>
+
+#include <ctime>
+#include <memory>
+#include <string>
+
+class ProcessInfo {
+public:
+    // `graceSeconds` is the least warning the user gets from the moment the row appears.
+    ProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential,
+                unsigned graceSeconds);
+    ProcessInfo(const ProcessInfo&) = delete;
+    ProcessInfo& operator=(const ProcessInfo&) = delete;
+
+    DWORD GetProcessId() const noexcept { return m_processId; }
+    const std::weak_ptr<CSharedId>& GetCredential() const noexcept { return m_credential; }
+    // The later of the lease expiry and the row's appearance plus the grace time.
+    __time64_t GetEndTime() const noexcept { return m_endTime; }
+    double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime, now); }
+
+    // False when the root window's title differs from the one last shown; it is then kept as
+    // the one to show. UI thread only.
+    bool IsProcessAppWindowTitleLatest();
+    // The root window's title, or the executable's name for a process without one.
+    std::wstring DisplayName() const;
+    // The executable's first icon, extracted on first use; may be empty. UI thread only.
+    HICON Icon();
+
+    // "%04d%02d%02dT%02d%02d%02dZ" in UTC; -1 when the text is not one.
+    static __time64_t ParseExpiry(const std::wstring& text);
+    // "1:05:09" or "4:59"; 0:00 once the time has passed.
+    static std::wstring FormatRemaining(double seconds);
+
+private:
+    HWND FindRootWindow() const;
+
+    DWORD m_processId;
+    NS_Utils::UniqueHandle m_process;
+    std::weak_ptr<CSharedId> m_credential;
+    __time64_t m_endTime;
+    std::wstring m_exePath;
+    HWND m_rootWindow = nullptr;
+    std::wstring m_title;
+    NS_Utils::UniqueIcon m_icon;
+    bool m_iconTried = false;
+};
