@@ -1,18 +1,15 @@
 // Stand-in for the agent's runtime library: the process-wide slot table with a site container
 // whose state engine hands out the property manager and the policy provider.
 
-#include "checkin/AgentInterfaces.h"
 #include "testing/agent/StandInCom.h"
-#include "testing/agent/StandInControl.h"
 
 #include <algorithm>
+#include <map>
 #include <mutex>
-#include <set>
-#include <vector>
 
 using NS_Utils::ComPtr;
 using NS_Utils::UniqueBstr;
-using standin::Text;
+using namespace standin;
 
 namespace {
 
@@ -20,120 +17,84 @@ std::wstring ScopeText(const VARIANT& scope) {
     return scope.vt == VT_BOOL ? std::to_wstring(scope.boolVal) : L"vt" + std::to_wstring(scope.vt);
 }
 
-HRESULT Answer(VARIANT_BOOL* out, bool yes) {
-    if (!out) return E_POINTER;
-    *out = yes ? VARIANT_TRUE : VARIANT_FALSE;
-    return S_OK;
-}
+HRESULT Answer(VARIANT_BOOL* out, bool yes) { return *out = yes ? VARIANT_TRUE : VARIANT_FALSE, S_OK; }
+
+template <typename Object, typename Interface>
+HRESULT Share(const ComPtr<Object>& object, Interface** out) { return (*out = object.get())->AddRef(), S_OK; }
 
 std::atomic<DWORD> g_userNameReads{0};
 
-class PropertyManager : public standin::DispatchObject<IKelPropertyManager> {
+class PropertyManager : public Object<IKelPropertyManager> {
 public:
-    STANDIN_RESERVED(7) STANDIN_RESERVED(8) STANDIN_RESERVED(10) STANDIN_RESERVED(11) STANDIN_RESERVED(13)
-    STANDIN_RESERVED(15) STANDIN_RESERVED(17) STANDIN_RESERVED(20) STANDIN_RESERVED(21) STANDIN_RESERVED(22)
-    STANDIN_RESERVED(23) STANDIN_RESERVED(24)
-
     HRESULT STDMETHODCALLTYPE GetAccDataItem(BSTR, BSTR item, VARIANT, BSTR* value) override {
-        if (!value) return E_POINTER;
         *value = nullptr;
         const std::wstring name = Text(item);
         std::wstring text;
-        if (name == L"aditi_ciuser") {
-            const DWORD earlierReads = g_userNameReads++;
-            text = standin::ScriptString(L"WalletUser", L"corvin-user");
-            if (earlierReads >= standin::ScriptDword(L"WalletEmptyAfter", MAXDWORD)) text.clear();
-        } else if (name == L"aditi_cspwd") {
-            text = standin::ScriptString(L"WalletPassword", L"corvin-pass");
-        } else {
+        if (name == L"aditi_cspwd")
+            text = ScriptString(L"WalletPassword", L"corvin-pass");
+        else if (name != L"aditi_ciuser")
             return E_INVALIDARG;
-        }
+        else if (g_userNameReads++ < ScriptDword(L"WalletEmptyAfter", MAXDWORD))
+            text = ScriptString(L"WalletUser", L"corvin-user");
         *value = UniqueBstr(text).release();
         return S_OK;
     }
     HRESULT STDMETHODCALLTYPE IsAccDataBagExist(BSTR bag, VARIANT scope, VARIANT_BOOL* exists) override {
-        const bool found = Exists(Text(bag));
-        standin::Journal(L"IsAccDataBagExist bag=" + Text(bag) + L" scope=" + ScopeText(scope) + L" exists=" +
-                         (found ? L"1" : L"0"));
+        const bool found = Exists(bag);
+        Journal(L"IsAccDataBagExist bag=" + Text(bag) + L" scope=" + ScopeText(scope) + L" exists=" +
+                (found ? L"1" : L"0"));
         return Answer(exists, found);
     }
-    HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override {
-        return Answer(ok, Exists(Text(bag)));
-    }
-    HRESULT STDMETHODCALLTYPE SetAccDataBagAdt(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override {
-        return Answer(ok, Exists(Text(bag)));
-    }
-    HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) override {
-        Mark(Text(bag), true);
-        return Answer(ok, true);
-    }
+    HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override { return Answer(ok, Exists(bag)); }
+    HRESULT STDMETHODCALLTYPE SetAccDataBagAdt(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override { return Answer(ok, Exists(bag)); }
+    HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) override { return Answer(ok, Mark(bag, true)); }
     HRESULT STDMETHODCALLTYPE GetAccountData(BSTR target, BSTR source, VARIANT_BOOL* ok) override {
-        return Answer(ok, Exists(Text(target)) && Exists(Text(source)));
+        return Answer(ok, Exists(target) && Exists(source));
     }
     HRESULT STDMETHODCALLTYPE DeleteAccDataBag(BSTR bag, VARIANT scope) override {
-        Mark(Text(bag), false);
-        standin::Journal(L"DeleteAccDataBag bag=" + Text(bag) + L" scope=" + ScopeText(scope));
+        Mark(bag, false);
+        Journal(L"DeleteAccDataBag bag=" + Text(bag) + L" scope=" + ScopeText(scope));
         return S_OK;
     }
 
 private:
     // The scripted bags are read on every call; what this process created or deleted overrides them.
-    bool Exists(const std::wstring& bag) {
+    bool Exists(BSTR bag) {
         std::lock_guard lock(m_lock);
-        if (m_created.count(bag) || m_deleted.count(bag)) return m_created.count(bag) != 0;
-        const std::vector<std::wstring> scripted = standin::ScriptStrings(L"ExistingBags");
-        return std::find(scripted.begin(), scripted.end(), bag) != scripted.end();
+        if (auto marked = m_marked.find(Text(bag)); marked != m_marked.end()) return marked->second;
+        const std::vector<std::wstring> scripted = ScriptStrings(L"ExistingBags");
+        return std::find(scripted.begin(), scripted.end(), Text(bag)) != scripted.end();
     }
-    void Mark(const std::wstring& bag, bool exists) {
+    bool Mark(BSTR bag, bool exists) {
         std::lock_guard lock(m_lock);
-        (exists ? m_created : m_deleted).insert(bag);
-        (exists ? m_deleted : m_created).erase(bag);
+        return m_marked[Text(bag)] = exists;
     }
 
     std::mutex m_lock;
-    std::set<std::wstring> m_created;
-    std::set<std::wstring> m_deleted;
+    std::map<std::wstring, bool> m_marked;
 };
 
-class PolicyProvider : public standin::DispatchObject<IKelPolicyProvider> {
+class PolicyProvider : public Object<IKelPolicyProvider> {
 public:
     HRESULT STDMETHODCALLTYPE GetPolicy(BSTR policyId, VARIANT* value) override {
-        if (!value) return E_POINTER;
-        standin::Journal(L"GetPolicy id=" + Text(policyId));
-        const std::wstring mode = standin::ScriptString(L"Policy", L"array");
-        const std::wstring text = standin::ScriptString(L"PolicyValue", L"corvin-auth-svc");
-        if (mode == L"string") {
-            ::VariantInit(value);
-            value->vt = VT_BSTR;
-            value->bstrVal = UniqueBstr(text).release();
-            return S_OK;
-        }
+        Journal(L"GetPolicy id=" + Text(policyId));
+        const std::wstring mode = ScriptString(L"Policy", L"array");
+        const std::wstring text = ScriptString(L"PolicyValue", L"corvin-auth-svc");
+        if (mode == L"string") return ReturnText(value, text);
         std::vector<std::wstring> items{text};
         if (mode == L"emptyfirst") items.insert(items.begin(), std::wstring());
-        return standin::ReturnArray(value, VT_BSTR, items.size(), [&](SAFEARRAY* array, LONG i) {
-            UniqueBstr item(items[static_cast<size_t>(i)]);
-            return ::SafeArrayPutElement(array, &i, item.get());
+        return ReturnArray(value, VT_BSTR, items.size(), [&](SAFEARRAY* array, LONG i) {
+            return ::SafeArrayPutElement(array, &i, UniqueBstr(items[static_cast<size_t>(i)]).get());
         });
     }
 };
 
-class StateEngine : public standin::DispatchObject<IKelStateEngineRuntime> {
+class StateEngine : public Object<IKelStateEngineRuntime, &IID_IKelStateEngineRuntime> {
 public:
-    StateEngine() : DispatchObject(&IID_IKelStateEngineRuntime) {}
-    STANDIN_RESERVED(8) STANDIN_RESERVED(9) STANDIN_RESERVED(10)
-
-    HRESULT STDMETHODCALLTYPE GetPropertyManager(IDispatch** manager) override {
-        if (!manager) return E_POINTER;
-        *manager = m_properties.get();
-        m_properties->AddRef();
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE GetPropertyManager(IDispatch** manager) override { return Share(m_properties, manager); }
     HRESULT STDMETHODCALLTYPE GetPolicyProvider(IDispatch** provider) override {
-        if (!provider) return E_POINTER;
-        *provider = nullptr;
-        if (standin::ScriptString(L"Policy", L"array") == L"none") return E_FAIL;
-        *provider = new PolicyProvider;
-        return S_OK;
+        *provider = ScriptString(L"Policy", L"array") == L"none" ? nullptr : new PolicyProvider;
+        return *provider ? S_OK : E_FAIL;
     }
 
 private:
@@ -141,32 +102,23 @@ private:
     ComPtr<PropertyManager> m_properties = ComPtr<PropertyManager>::Attach(new PropertyManager);
 };
 
-class SiteContainer : public standin::ComObject<IKelSiteContainer> {
+class SiteContainer : public Object<IKelSiteContainer> {
 public:
-    STANDIN_RESERVED(3) STANDIN_RESERVED(4)
-
-    HRESULT STDMETHODCALLTYPE GetFirstStateEngine(IUnknown** engine) override {
-        if (!engine) return E_POINTER;
-        *engine = m_engine.get();
-        m_engine->AddRef();
-        return S_OK;
-    }
+    HRESULT STDMETHODCALLTYPE GetFirstStateEngine(IUnknown** engine) override { return Share(m_engine, engine); }
 
 private:
     ComPtr<StateEngine> m_engine = ComPtr<StateEngine>::Attach(new StateEngine);
 };
 
-IUnknown* g_slots[kPlsSlotCount] = {};
-ComPtr<SiteContainer> g_siteContainer;
-std::once_flag g_slotsFilled;
-
 }  // namespace
 
 extern "C" IUnknown** KelPlsSlotTable() {
-    std::call_once(g_slotsFilled, [] {
-        if (standin::ScriptDword(L"NoSiteContainer", 0) == 1) return;
-        g_siteContainer = ComPtr<SiteContainer>::Attach(new SiteContainer);
-        g_slots[kPlsSiteContainerSlot] = g_siteContainer.get();
-    });
-    return g_slots;
+    static IUnknown* slots[kPlsSlotCount] = {};
+    static const ComPtr<SiteContainer> container = [] {
+        if (ScriptDword(L"NoSiteContainer", 0) == 1) return ComPtr<SiteContainer>();
+        ComPtr<SiteContainer> made = ComPtr<SiteContainer>::Attach(new SiteContainer);
+        slots[kPlsSiteContainerSlot] = made.get();
+        return made;
+    }();
+    return slots;
 }

@@ -3,10 +3,10 @@
 #include "common/ModulePath.h"
 #include "common/Registry.h"
 #include "common/WinHandles.h"
+#include "testing/agent/StandInCom.h"
 
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 namespace standin {
 namespace {
@@ -23,16 +23,7 @@ bool CallServer(const char* entry) {
         ::LoadLibraryW((NS_Utils::ExecutableFolder() + L"KelAgentStandIn.dll").c_str()));
     FARPROC found = server ? ::GetProcAddress(server.get(), entry) : nullptr;
     // Through a generic function type: a direct cast from FARPROC draws -Wcast-function-type.
-    auto call = reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void (*)()>(found));
-    return found && SUCCEEDED(call());
-}
-
-std::string Utf8(const std::wstring& text) {
-    const int length = static_cast<int>(text.size());
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-    std::string result(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), length, result.data(), size, nullptr, nullptr);
-    return result;
+    return found && SUCCEEDED(reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void (*)()>(found))());
 }
 
 }  // namespace
@@ -50,13 +41,12 @@ std::wstring ScriptString(const wchar_t* name, const std::wstring& fallback) {
 
 std::vector<std::wstring> ScriptStrings(const wchar_t* name) {
     // Scripts are short; a list that does not fit counts as none.
-    std::vector<wchar_t> data(4096, L'\0');
-    DWORD bytes = static_cast<DWORD>((data.size() - 2) * sizeof(wchar_t));
+    wchar_t data[4096] = {};
+    DWORD bytes = sizeof(data) - 2 * sizeof(wchar_t);
     std::vector<std::wstring> result;
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, data.data(),
-                       &bytes) != ERROR_SUCCESS)
-        return result;
-    for (const wchar_t* p = data.data(); *p; p += result.back().size() + 1) result.emplace_back(p);
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, data, &bytes) ==
+        ERROR_SUCCESS)
+        for (const wchar_t* p = data; *p; p += result.back().size() + 1) result.emplace_back(p);
     return result;
 }
 
@@ -73,12 +63,11 @@ void Journal(const std::wstring& line) {
     constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     NS_Utils::UniqueHandle file(
         ::CreateFileW(path.c_str(), FILE_APPEND_DATA, kShare, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return;
-    const std::string text = Utf8(line) + "\n";
+    const std::u8string utf8 = std::filesystem::path(line + L"\n").u8string();
+    const std::string text(utf8.begin(), utf8.end());
     DWORD written = 0;
-    ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+    if (file) ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
-
 
 bool Install(const std::wstring& programDir) {
     std::wstring folder = programDir;
@@ -90,22 +79,14 @@ bool Install(const std::wstring& programDir) {
 
 bool Unregister() { return CallServer("DllUnregisterServer"); }
 
-void SetScript(const wchar_t* name, DWORD value) {
-    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
-}
+void SetScript(const wchar_t* name, DWORD value) { NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value); }
 
 void SetScript(const wchar_t* name, const std::wstring& value) {
-    if (value.find(L'\0') == std::wstring::npos) {
-        NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
-        return;
-    }
-    NS_Utils::UniqueRegKey key;
-    if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kScriptKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr) ==
-        ERROR_SUCCESS) {
-        const std::wstring list = value + std::wstring(2, L'\0');
-        ::RegSetValueExW(key.get(), name, 0, REG_MULTI_SZ, reinterpret_cast<const BYTE*>(list.data()),
-                         static_cast<DWORD>(list.size() * sizeof(wchar_t)));
-    }
+    // A list ends in an empty item, so it takes one terminator more.
+    const bool list = value.find(L'\0') != std::wstring::npos;
+    const std::wstring data = value + std::wstring(list ? 2 : 1, L'\0');
+    ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, list ? REG_MULTI_SZ : REG_SZ, data.data(),
+                      static_cast<DWORD>(data.size() * sizeof(wchar_t)));
 }
 
 void ClearScript() { ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kScriptKey); }

@@ -25,13 +25,4 @@ std::wstring JournalPath();
 std::vector<std::string> JournalLines(const std::string& prefix = {});
 void ClearJournal();
 
-// What the stand-in's own objects read and write.
-inline constexpr const wchar_t* kScriptKey = L"SOFTWARE\\TarrowStandIn";
-DWORD ScriptDword(const wchar_t* name, DWORD fallback);
-std::wstring ScriptString(const wchar_t* name, const std::wstring& fallback);
-// A REG_SZ counts as a list of one.
-std::vector<std::wstring> ScriptStrings(const wchar_t* name);
-// Appends one line under a named mutex: several processes may write at once.
-void Journal(const std::wstring& line);
-
 }  // namespace standin
