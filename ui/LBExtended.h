@@ -26,6 +26,7 @@ public:
     }
     bool Erase(int key) { return m_rows.erase(key) > 0; }
     void Clear() { m_rows.clear(); }
+    bool Empty() const noexcept { return m_rows.empty(); }
     std::vector<std::pair<int, Row>> Rows() const { return {m_rows.begin(), m_rows.end()}; }
 
     LRESULT Append(int key) const { return Send(LB_INSERTSTRING, static_cast<WPARAM>(-1), key); }

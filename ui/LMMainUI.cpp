@@ -307,8 +307,10 @@ void LMMainUI::CheckItemsOnList() {
         }
         // Every row's countdown moves on, so the whole list is drawn again.
         ::InvalidateRect(m_rows.ListBox(), nullptr, TRUE);
+        ::UpdateWindow(m_rows.ListBox());
         ::UpdateWindow(m_dialog);
-        if (m_rows.Count() == 0) ::ShowWindow(m_dialog, SW_HIDE);
+        // The map, not the list box: a removal posted by another thread may not have reached it yet.
+        if (m_rows.Empty()) ::ShowWindow(m_dialog, SW_HIDE);
     }
     // Outside the lock: the handler ends processes, whose exits come back to remove rows.
     for (const auto& credential : expired) {
