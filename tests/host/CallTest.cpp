@@ -60,17 +60,6 @@ TEST_F(CallTest, RegisterQueryReleaseEndToEnd) {
     EXPECT_EQ(ReadUtf16File(Decode(found.get()).at(8)).back(), L'0');
 }
 
-TEST_F(CallTest, HolderExitReleasesTheCredential) {
-    ChildProcess holder = StartHolder();
-    const CSharedId credential = Credential(L"exit");
-    ASSERT_EQ(Register(holder.Id(), credential), 0u);
-    NS_Utils::UniqueBstr found;
-    ASSERT_EQ(Query(holder.Id(), credential, false, found), S_OK);
-    std::wstring fileName = Decode(found.get()).at(8);
-    holder.Kill();
-    EXPECT_TRUE(WaitUntil([&] { return !Found(credential) && !FileExists(fileName); }));
-}
-
 TEST_F(CallTest, OwnOnlyTakesOverForAProcessThatCanBeOpened) {
     ChildProcess owner = StartHolder(), other = StartHolder();
     const CSharedId credential = Credential(L"take-over"), ownersOnly = Credential(L"owner-only");
@@ -98,19 +87,14 @@ TEST_F(CallTest, LateBoundCallsThroughIDispatch) {
 
     ChildProcess holder = StartHolder();
     const CSharedId c = Credential(L"late-bound");
-    // Arguments go in reverse order: the last text and the flag come first.
-    const std::wstring* texts[] = {&c.GetAuxText6(),   &c.GetAuxText3(), &c.GetLeaseExpiry(), &c.GetLeaseDN(),
-                                   &c.GetAuxText4(),   &c.GetRoleId(),   &c.GetAuxText2(),    &c.GetSharedId(),
-                                   &c.GetAuthSvcId(),  &c.GetAuxText1(), &c.GetCorvinAuthSrvId(),
-                                   &c.GetCorvinAuthSvcUrl()};
+    // Arguments go in reverse order: the last text and the flag come first, the holder last.
     VARIANT args[14];
-    for (int i = 0, t = 0; i < 13; ++i) {
-        args[i].vt = i == 1 ? VT_BOOL : VT_BSTR;
-        if (i == 1)
-            args[i].boolVal = VARIANT_TRUE;
-        else
-            args[i].bstrVal = ::SysAllocString(texts[t++]->c_str());
+    for (int i = 0; i < 12; ++i) {
+        args[i ? i + 1 : 0].vt = VT_BSTR;
+        args[i ? i + 1 : 0].bstrVal = ::SysAllocString((c.*kTexts[11 - i])().c_str());
     }
+    args[1].vt = VT_BOOL;
+    args[1].boolVal = VARIANT_TRUE;
     args[13].vt = VT_UI4;
     args[13].ulVal = holder.Id();
     DISPPARAMS params{args, nullptr, 14, 0};

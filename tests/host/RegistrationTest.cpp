@@ -2,6 +2,8 @@
 #include "common/Registry.h"
 #include "tests/host/ServiceFixture.h"
 
+#include <tuple>
+
 using namespace testsupport;
 
 namespace {
@@ -20,19 +22,21 @@ const std::wstring kClass = L"Software\\Classes\\CLSID\\{3ADD7A24-A617-4FF3-8E48
 const std::wstring kAppId = L"Software\\Classes\\AppID\\{17349E01-5B00-4800-A3D1-1AE3E1574B5D}";
 
 void ExpectRegistered(HKEY root) {
-    EXPECT_EQ(Value(root, kClass), L"Tarrow Class");
-    EXPECT_EQ(Value(root, kClass + L"\\ProgID"), L"Tarrow.Tarrow.1");
-    EXPECT_EQ(Value(root, kClass + L"\\VersionIndependentProgID"), L"Tarrow.Tarrow");
-    EXPECT_EQ(Value(root, kClass + L"\\LocalServer32"), NS_Utils::ExecutableFolder() + L"Tarrow.exe");
-    EXPECT_EQ(Value(root, kClass + L"\\TypeLib"), L"{B6A57EE2-3022-44AA-9E24-04C8632479F1}");
+    const std::wstring kClasses = L"Software\\Classes\\";
+    for (const auto& [key, name, value] : std::initializer_list<std::tuple<std::wstring, const wchar_t*, std::wstring>>{
+             {kClass, nullptr, L"Tarrow Class"},
+             {kClass + L"\\ProgID", nullptr, L"Tarrow.Tarrow.1"},
+             {kClass + L"\\VersionIndependentProgID", nullptr, L"Tarrow.Tarrow"},
+             {kClass + L"\\LocalServer32", nullptr, NS_Utils::ExecutableFolder() + L"Tarrow.exe"},
+             {kClass + L"\\TypeLib", nullptr, L"{B6A57EE2-3022-44AA-9E24-04C8632479F1}"},
+             {kAppId, nullptr, L"Tarrow"},
+             {kClasses + L"AppID\\Tarrow.EXE", L"AppID", L"{17349E01-5B00-4800-A3D1-1AE3E1574B5D}"},
+             {kClasses + L"Tarrow.Tarrow.1\\CLSID", nullptr, L"{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}"},
+             {kClasses + L"Tarrow.Tarrow\\CurVer", nullptr, L"Tarrow.Tarrow.1"}})
+        EXPECT_EQ(Value(root, key, name), value);
     EXPECT_TRUE(KeyExists(root, kClass + L"\\Programmable"));
-    EXPECT_EQ(Value(root, kAppId), L"Tarrow");
     DWORD rotFlags = 0;
-    EXPECT_EQ(NS_Utils::ReadRegistryDword(root, kAppId.c_str(), L"ROTFlags", rotFlags), ERROR_SUCCESS);
-    EXPECT_EQ(rotFlags, 1u);
-    EXPECT_EQ(Value(root, L"Software\\Classes\\AppID\\Tarrow.EXE", L"AppID"), L"{17349E01-5B00-4800-A3D1-1AE3E1574B5D}");
-    EXPECT_EQ(Value(root, L"Software\\Classes\\Tarrow.Tarrow.1\\CLSID"), L"{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}");
-    EXPECT_EQ(Value(root, L"Software\\Classes\\Tarrow.Tarrow\\CurVer"), L"Tarrow.Tarrow.1");
+    EXPECT_TRUE(NS_Utils::ReadRegistryDword(root, kAppId.c_str(), L"ROTFlags", rotFlags) == ERROR_SUCCESS && rotFlags == 1);
     EXPECT_TRUE(KeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\{B6A57EE2-3022-44AA-9E24-04C8632479F1}"));
 }
 

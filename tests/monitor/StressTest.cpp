@@ -1,8 +1,8 @@
 #include "tests/monitor/MonitorFixture.h"
 
 #include <cstdio>
-#include <functional>
 #include <random>
+#include <thread>
 
 using namespace testsupport;
 
@@ -15,9 +15,9 @@ protected:
     // an order that differs per worker.
     void Round(int workers, int holdersPerWorker, unsigned seed) {
         std::atomic<int> failures{0};
-        std::vector<std::function<void()>> bodies;
+        std::vector<std::thread> threads;
         for (int w = 0; w < workers; ++w)
-            bodies.emplace_back([&, w] {
+            threads.emplace_back([&, w] {
                 std::mt19937 rng(seed + w);
                 std::vector<ChildProcess> holders;
                 for (int h = 0; h < holdersPerWorker; ++h) holders.push_back(StartHolder());
@@ -33,15 +33,7 @@ protected:
                 std::shuffle(holders.begin(), holders.end(), rng);
                 for (ChildProcess& holder : holders) holder.Kill();
             });
-        std::vector<NS_Utils::UniqueHandle> threads;
-        for (auto& body : bodies)
-            threads.emplace_back(::CreateThread(
-                nullptr, 0, [](void* f) -> DWORD {
-                    (*static_cast<std::function<void()>*>(f))();
-                    return 0;
-                }, &body,
-                0, nullptr));
-        for (auto& t : threads) ::WaitForSingleObject(t.get(), INFINITE);
+        for (std::thread& t : threads) t.join();
         EXPECT_EQ(failures.load(), 0);
         if (failures.load() != 0)
             for (const std::wstring& line : SplitLines(ServiceLogText(), L"\r\n"))

@@ -13,20 +13,17 @@ std::wstring MakeTempFolder(const std::wstring& hint) {
     static std::atomic<unsigned> counter{0};
     wchar_t temp[MAX_PATH + 1];
     ::GetTempPathW(MAX_PATH + 1, temp);
-    for (;;) {
-        std::wstring folder = std::wstring(temp) + L"tarrow-" + hint + L"-" + std::to_wstring(::GetCurrentProcessId()) +
-                              L"-" + std::to_wstring(counter.fetch_add(1)) + L"\\";
-        if (::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() != ERROR_ALREADY_EXISTS) return folder;
-    }
+    std::wstring folder;
+    do folder = std::wstring(temp) + L"tarrow-" + hint + L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+                std::to_wstring(counter++) + L"\\";
+    while (!::CreateDirectoryW(folder.c_str(), nullptr) && ::GetLastError() == ERROR_ALREADY_EXISTS);
+    return folder;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path) {
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                              OPEN_EXISTING, 0, nullptr));
-    LARGE_INTEGER size{};
-    if (!file || !::GetFileSizeEx(file.get(), &size)) return {};
-    std::vector<std::uint8_t> bytes(static_cast<size_t>(size.QuadPart));
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    std::vector<std::uint8_t> bytes(file ? ::GetFileSize(file.get(), nullptr) : 0);
     DWORD read = 0;
     if (!bytes.empty()) ::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
     bytes.resize(read);
@@ -69,24 +66,22 @@ std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstrin
 }
 
 ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring& arguments) {
-    std::wstring path = NS_Utils::ExecutableFolder() + program;
-    std::wstring commandLine = L"\"" + path + L"\" " + arguments;
+    std::wstring path = NS_Utils::ExecutableFolder() + program, commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};
     ChildProcess child;
     // A loaded machine occasionally refuses a process start; a few tries keep that out of the
     // results of tests that need hundreds of processes.
-    for (int attempt = 0; attempt < 5; ++attempt, ::Sleep(50)) {
-        if (!::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                              &info))
-            continue;
-        NS_Utils::UniqueHandle thread(info.hThread);
-        child.m_process.reset(info.hProcess);
-        child.m_id = info.dwProcessId;
-        child.m_threadId = info.dwThreadId;
-        break;
-    }
+    for (int attempt = 0; attempt < 5 && !child.Valid(); ++attempt)
+        if (::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+            ::CloseHandle(info.hThread);
+            child.m_process.reset(info.hProcess);
+            child.m_id = info.dwProcessId;
+            child.m_threadId = info.dwThreadId;
+        } else {
+            ::Sleep(50);
+        }
     return child;
 }
 
@@ -97,10 +92,7 @@ DWORD ChildProcess::ExitCode() const {
 }
 
 void ChildProcess::Kill() {
-    if (m_process && Wait(0) == WAIT_TIMEOUT) {
-        ::TerminateProcess(m_process.get(), 1);
-        Wait(5000);
-    }
+    if (m_process && Wait(0) == WAIT_TIMEOUT && ::TerminateProcess(m_process.get(), 1)) Wait(5000);
 }
 
 bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {
@@ -114,7 +106,7 @@ std::wstring ServiceLogText() { return ReadUtf16File(L"C:\\TarrowTestInstall\\lo
 size_t CountInServiceLog(const std::wstring& text) {
     std::wstring log = ServiceLogText();
     size_t count = 0;
-    for (size_t at = log.find(text); at != std::wstring::npos; at = log.find(text, at + text.size())) ++count;
+    for (size_t at = 0; (at = log.find(text, at)) != std::wstring::npos; at += text.size()) ++count;
     return count;
 }
 
@@ -134,34 +126,28 @@ struct SystemHandleInformation {
 
 std::wstring HandleTypeName(HANDLE handle) {
     std::vector<std::uint8_t> buffer(1024);
-    ULONG needed = 0;
-    if (::NtQueryObject(handle, ObjectTypeInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed) != 0)
+    if (::NtQueryObject(handle, ObjectTypeInformation, buffer.data(), static_cast<ULONG>(buffer.size()), nullptr) != 0)
         return {};
-    auto* info = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer.data());
-    return std::wstring(info->TypeName.Buffer, info->TypeName.Length / sizeof(wchar_t));
+    const UNICODE_STRING& name = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer.data())->TypeName;
+    return std::wstring(name.Buffer, name.Length / sizeof(wchar_t));
 }
 }  // namespace
 
 DWORD CountOwnHandles(const std::wstring& typeName) {
     constexpr auto kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
+    constexpr auto kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
     std::vector<std::uint8_t> buffer(1 << 16);
     NTSTATUS status;
     ULONG needed = 0;
-    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(),
-                                                static_cast<ULONG>(buffer.size()), &needed)) ==
-           static_cast<NTSTATUS>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
+    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()),
+                                                &needed)) == kInfoLengthMismatch)
         buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
     if (status != 0) return 0;
     auto* info = reinterpret_cast<const SystemHandleInformation*>(buffer.data());
-    DWORD count = 0;
-    for (ULONG i = 0; i < info->count; ++i) {
-        const SystemHandleEntry& entry = info->handles[i];
-        if (entry.ownerPid == ::GetCurrentProcessId() &&
-            (typeName.empty() ||
-             HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(entry.handleValue))) == typeName))
-            ++count;
-    }
-    return count;
+    return static_cast<DWORD>(std::count_if(info->handles, info->handles + info->count, [&](const SystemHandleEntry& e) {
+        return e.ownerPid == ::GetCurrentProcessId() &&
+               (typeName.empty() || HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(e.handleValue))) == typeName);
+    }));
 }
 
 }  // namespace testsupport
