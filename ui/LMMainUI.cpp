@@ -68,7 +68,9 @@ void LMMainUI::EnsureUIThread() {
     Log(3, L"EnsureUIThread", L"\tStarting the UI thread");
     ::ResetEvent(m_startedEvent.get());
     m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, &m_threadId)));
-    DWORD result = m_thread ? ::WaitForSingleObject(m_startedEvent.get(), kStartWaitMs) : WAIT_FAILED;
+    // A thread that could not make its windows ends at once; its caller need not wait the full time.
+    HANDLE started[] = {m_startedEvent.get(), m_thread.get()};
+    DWORD result = m_thread ? ::WaitForMultipleObjects(2, started, FALSE, kStartWaitMs) : WAIT_FAILED;
     if (result != WAIT_OBJECT_0)
         Log(1, L"EnsureUIThread", L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
 }
@@ -79,7 +81,7 @@ unsigned __stdcall LMMainUI::ThreadProc(void* param) {
     NS_Utils::UniqueWindow parent;
     NS_Utils::UniqueWindow dialog;
     if (!self->InitInstance(parent, dialog)) {
-        Log(1, L"ThreadProc", L"]\t failed to create the parent window");
+        Log(1, L"ThreadProc", L"\t failed to create the parent window");
         return 1;
     }
     self->RunUI(dialog.get());
@@ -290,7 +292,7 @@ void LMMainUI::CheckItemsOnList() {
         __time64_t now = _time64(nullptr);
         for (const auto& [key, row] : rows) {
             if (!IsProcessMonitored(*row)) {
-                Log(3, L"CheckItemsOnList", L"]\t the process with pid = " + std::to_wstring(row->GetProcessId()) +
+                Log(3, L"CheckItemsOnList", L"\t the process with pid = " + std::to_wstring(row->GetProcessId()) +
                                                 L" is not being monitored anymore - taking it off the list");
                 LRESULT index = m_rows.IndexOf(key);
                 m_rows.Erase(key);
@@ -317,18 +319,18 @@ void LMMainUI::CheckItemsOnList() {
         if (m_callbacks.onExpiryPassed)
             m_callbacks.onExpiryPassed(credential);
         else
-            Log(2, L"CheckItemsOnList", L"]\texpiry-time-passed-out handler is empty.");
+            Log(2, L"CheckItemsOnList", L"\texpiry-time-passed-out handler is empty.");
     }
 }
 
 bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
     if (!m_callbacks.getProcFromPid || !m_callbacks.getSidProcList) {
-        Log(2, L"IsProcessMonitored", L"]/t m_getProcFromPid or m_getSidProcList is null");
+        Log(2, L"IsProcessMonitored", L"/t m_getProcFromPid or m_getSidProcList is null");
         return false;
     }
     std::wstring pid = std::to_wstring(row.GetProcessId());
     if (!m_callbacks.getProcFromPid(row.GetProcessId())) {
-        Log(3, L"IsProcessMonitored", L"]/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
+        Log(3, L"IsProcessMonitored", L"/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
         return false;
     }
     auto credential = row.GetCredential().lock();
@@ -336,7 +338,7 @@ bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
     if (credential) holders = m_callbacks.getSidProcList(credential);
     if (std::find(holders.begin(), holders.end(), row.GetProcessId()) == holders.end()) {
         Log(3, L"IsProcessMonitored",
-            L"]/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
+            L"/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
         return false;
     }
     return true;
@@ -398,7 +400,7 @@ void LMMainUI::OnSessionEnd() {
     if (m_callbacks.onSessionEnd)
         m_callbacks.onSessionEnd();
     else
-        Log(2, L"OnSessionEnd", L"]\ton-session-end handler is empty.");
+        Log(2, L"OnSessionEnd", L"\ton-session-end handler is empty.");
 }
 
 void LMMainUI::IssueStop() {
