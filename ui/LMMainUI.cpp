@@ -218,6 +218,8 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
 void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
     Log(3, L"ShowProcessInfo", L"\t About to add item and show window");
     EnsureUIThread();
+    // Made before the lock is taken: it looks at the holder's windows.
+    auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, m_graceSeconds);
     int key;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -226,7 +228,7 @@ void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, 
             if (row->GetProcessId() == processId && !row->GetCredential().owner_before(credential) &&
                 !credential.owner_before(row->GetCredential()))
                 return;
-        key = m_rows.Add(std::make_shared<ProcessInfo>(processId, std::move(process), std::move(credential), m_graceSeconds));
+        key = m_rows.Add(std::move(made));
     }
     HWND dialog = m_dialog;
     if (!dialog || !::PostMessageW(dialog, kMsgRowAdded, static_cast<WPARAM>(key), 0))
@@ -283,44 +285,57 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
 }
 
 void LMMainUI::CheckItemsOnList() {
-    std::vector<std::weak_ptr<CSharedId>> expired;
+    std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
     {
         NS_Utils::CritSecGuard guard(m_lock);
-        auto rows = m_rows.Rows();
-        Log(4, L"CheckItemsOnList", L"\t Going to check all the items on the list.");
-        Log(4, L"CheckItemsOnList", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
-        __time64_t now = _time64(nullptr);
-        for (const auto& [key, row] : rows) {
-            if (!IsProcessMonitored(*row)) {
-                Log(3, L"CheckItemsOnList", L"\t the process with pid = " + std::to_wstring(row->GetProcessId()) +
-                                                L" is not being monitored anymore - taking it off the list");
-                LRESULT index = m_rows.IndexOf(key);
-                m_rows.Erase(key);
-                if (index == LB_ERR || m_rows.Delete(index) == LB_ERR)
-                    Log(2, L"CheckItemsOnList", L"\t Could not remove item from the list.");
-                continue;
-            }
-            row->IsProcessAppWindowTitleLatest();
-            if (row->SecondsLeft(now) > 0)
-                Log(5, L"CheckItemsOnList", L"\t credential hasn't expired yet. Expiry time is " +
-                                                std::to_wstring(row->GetEndTime()));
-            else
-                expired.push_back(row->GetCredential());
-        }
-        // Every row's countdown moves on, so the whole list is drawn again.
-        ::InvalidateRect(m_rows.ListBox(), nullptr, TRUE);
-        ::UpdateWindow(m_rows.ListBox());
-        ::UpdateWindow(m_dialog);
-        // The map, not the list box: a removal posted by another thread may not have reached it yet.
-        if (m_rows.Empty()) ::ShowWindow(m_dialog, SW_HIDE);
+        rows = m_rows.Rows();
     }
-    // Outside the lock: the handler ends processes, whose exits come back to remove rows.
+    Log(4, L"CheckItemsOnList", L"\t Going to check all the items on the list.");
+    Log(4, L"CheckItemsOnList", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
+    // The registry's callbacks are asked without the row lock, so that no lock order between
+    // the two can arise.
+    std::vector<std::weak_ptr<CSharedId>> expired;
+    __time64_t now = _time64(nullptr);
+    for (const auto& [key, row] : rows) {
+        if (!IsProcessMonitored(*row)) {
+            TakeOffList(key, row->GetProcessId());
+            continue;
+        }
+        row->IsProcessAppWindowTitleLatest();
+        if (row->SecondsLeft(now) > 0)
+            Log(5, L"CheckItemsOnList",
+                L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
+        else
+            expired.push_back(row->GetCredential());
+    }
+    RefreshList();
+    // The handler ends processes, whose exits come back to remove rows.
     for (const auto& credential : expired) {
         if (m_callbacks.onExpiryPassed)
             m_callbacks.onExpiryPassed(credential);
         else
             Log(2, L"CheckItemsOnList", L"\texpiry-time-passed-out handler is empty.");
     }
+}
+
+void LMMainUI::TakeOffList(int key, DWORD processId) {
+    Log(3, L"CheckItemsOnList", L"\t the process with pid = " + std::to_wstring(processId) +
+                                    L" is not being monitored anymore - taking it off the list");
+    NS_Utils::CritSecGuard guard(m_lock);
+    LRESULT index = m_rows.IndexOf(key);
+    m_rows.Erase(key);
+    if (index == LB_ERR || m_rows.Delete(index) == LB_ERR)
+        Log(2, L"CheckItemsOnList", L"\t Could not remove item from the list.");
+}
+
+void LMMainUI::RefreshList() {
+    NS_Utils::CritSecGuard guard(m_lock);
+    // Every row's countdown moves on, so the whole list is drawn again.
+    ::InvalidateRect(m_rows.ListBox(), nullptr, TRUE);
+    ::UpdateWindow(m_rows.ListBox());
+    ::UpdateWindow(m_dialog);
+    // The map, not the list box: a removal posted by another thread may not have reached it yet.
+    if (m_rows.Empty()) ::ShowWindow(m_dialog, SW_HIDE);
 }
 
 bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {

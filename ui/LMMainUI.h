@@ -71,6 +71,8 @@ private:
     void ListRow(int key);
     void UnlistRow(int key, DWORD processId);
     void CheckItemsOnList();
+    void TakeOffList(int key, DWORD processId);
+    void RefreshList();
     bool IsProcessMonitored(const ProcessInfo& row) const;
     void MeasureItem(MEASUREITEMSTRUCT& item) const;
     void DrawItem(const DRAWITEMSTRUCT& item);

@@ -16,12 +16,11 @@ std::wstring ImagePath(HANDLE process) {
                                                                              : std::wstring();
 }
 
+// GetWindowTextW reads another process's title without sending it a message, so a hung program
+// cannot stop the window's thread; GetWindowTextLengthW would send one.
 std::wstring WindowTitle(HWND window) {
-    int length = ::GetWindowTextLengthW(window);
-    if (length <= 0) return {};
-    std::wstring title(static_cast<size_t>(length) + 1, L'\0');
-    title.resize(static_cast<size_t>(::GetWindowTextW(window, title.data(), length + 1)));
-    return title;
+    wchar_t title[512] = {};
+    return std::wstring(title, static_cast<size_t>(std::max(0, ::GetWindowTextW(window, title, 512))));
 }
 
 struct RootWindowSearch {
