@@ -21,6 +21,7 @@ NS_Utils::ComPtr<CTarrow> CTarrow::Create() { return NS_Utils::ComPtr<CTarrow>::
 CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
     CTarrowModule::Instance().Lock();
     if (!m_monitor->GCUncheckedInCredentials()) NS_Log::Log(1, L"[Tarrow::Tarrow]\t GCUncheckedInCredentials failed.");
+    // Without its thread the service goes on, only without lease warnings.
     if (!m_monitor->StartLeaseMonitor()) NS_Log::Log(2, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
 }
 
@@ -32,6 +33,7 @@ CTarrow::~CTarrow() {
 void CTarrow::Shutdown() {
     RevokeFromROT();
     if (!m_monitor) return;
+    // Lease monitor first, then the collector: see SharedIdMonitor::Shutdown.
     m_monitor->Shutdown();
     m_monitor.reset();
 }

@@ -46,8 +46,9 @@ public:
     HRESULT RegisterInROTPatiently();
     HRESULT RevokeFromROT();
     // The end of the service, on the main thread once its message loop has ended: withdraws the
-    // object from the table, stops the registry's threads and destroys the registry here. Calls
-    // that still arrive are refused.
+    // object from the table, then stops the lease monitor and the collector (in that order, so
+    // that no warning starts while check-ins finish) and destroys the registry here. Calls that
+    // still arrive are refused.
     void Shutdown();
 
 private:

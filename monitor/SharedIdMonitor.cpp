@@ -2,6 +2,7 @@
 
 #include "common/FailFast.h"
 #include "common/Log.h"
+#include "lease/LeaseMonitor.h"
 
 #include <algorithm>
 
@@ -17,6 +18,11 @@ void Log(unsigned short level, const wchar_t* tag, const std::wstring& text) {
 }
 
 std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
+
+bool IsHolder(const CSharedId& credential, DWORD pid) {
+    const std::vector<DWORD>& holders = credential.GetHolderPids();
+    return std::find(holders.begin(), holders.end(), pid) != holders.end();
+}
 }  // namespace
 
 std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
@@ -40,17 +46,21 @@ SharedIdMonitor::~SharedIdMonitor() {
 }
 
 void SharedIdMonitor::Shutdown() {
+    // No new warning starts while the collector finishes; the window's thread may still end
+    // holders or wait for the logoff's check-ins until the lease monitor is destroyed below.
+    std::shared_ptr<CLeaseMonitor> leaseMonitor = LeaseMonitor();
+    if (leaseMonitor) leaseMonitor->Shutdown();
     // Once the worker has ended, none of the strong references it takes while it runs an item
     // is left, so the owner's reference is the last and the monitor dies on the owner's thread.
     m_gc->Stop();
+    {
+        LockGuard lock(*this);
+        m_leaseMonitor.reset();
+    }
+    // The last reference: the window's thread ends here, on the owner's thread, before the
+    // registry that its callbacks use goes.
+    leaseMonitor.reset();
 }
-
-void SharedIdMonitor::SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink) {
-    LockGuard lock(*this);
-    m_leaseMonitor = std::move(sink);
-}
-
-bool SharedIdMonitor::StartLeaseMonitor() { return m_leaseMonitor != nullptr; }
 
 size_t SharedIdMonitor::ProcessCount() const {
     NS_Utils::CritSecGuard lock(m_lock);
@@ -90,8 +100,16 @@ void SharedIdMonitor::QueueFreeSharedId(std::shared_ptr<CSharedId> credential) {
 
 DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
     m_gc->Start();
-    LockGuard lock(*this);
-    return RegisterLocked(credential, pid ? *pid : 0);
+    const DWORD processId = pid ? *pid : 0;
+    Listeners listeners;
+    DWORD result;
+    {
+        LockGuard lock(*this);
+        result = RegisterLocked(credential, processId, listeners);
+    }
+    UpdateCredentialsHeld();
+    for (const auto& listener : listeners) listener->OnUserAdded(processId);
+    return result;
 }
 
 std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::wstring& signature) {
@@ -107,7 +125,7 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
     return nullptr;
 }
 
-DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
+DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
     Log(3, kRegisterTag, L" Started registering shared credential.");
     if (!credential.IsComplete()) {
         Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
@@ -134,12 +152,14 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid) {
         if (isNew) LeaseIncrease();
         return kProcessEntryFailed;
     }
+    if (!IsHolder(*stored, pid)) listeners = stored->GetListeners();
     stored->AddHolderPid(pid);
     entry->second.credentials.push_back(stored);
     PersistLocked(*stored);
 
     if (isNew) {
         m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
+        // Under the lock: an invalid expiry is rewritten in the record the other threads read.
         if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
         LeaseIncrease();
     }
@@ -226,8 +246,11 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
                                L"ProcessMapValue for PID" + Pid(pid));
         held.erase(mine);
-        live->RemoveHolderPid(pid);
-        listeners = live->GetListeners();
+        // A process that registered the credential twice, or took it over as well, still holds it.
+        if (std::find(held.begin(), held.end(), live) == held.end()) {
+            live->RemoveHolderPid(pid);
+            listeners = live->GetListeners();
+        }
         Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
         matched = true;
     }
@@ -301,10 +324,10 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
             Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
             return false;
         }
+        if (!IsHolder(*live, pid)) listeners = live->GetListeners();
         live->AddHolderPid(pid);
         entry->second.credentials.push_back(live);
         *registered = *live;
-        listeners = live->GetListeners();
         return true;
     }
     return false;

@@ -3,14 +3,15 @@
 // pointers in process entries; when the last one goes, the credential is handed to the
 // collector, which checks it in on its own thread. One lock guards both maps.
 //
-// Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered on the COM thread;
-// OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId and every call
-// into the releaser on the collector's worker; LeaseIncrease/LeaseDecrease from any of them.
-// Each takes the monitor lock for the maps and never calls listeners or the agent under it.
+// Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, StartLeaseMonitor and Shutdown
+// on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId
+// and every call into the releaser on the collector's worker; LeaseIncrease/LeaseDecrease from any
+// of them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
+// OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread. Each takes the monitor
+// lock for the maps and never calls listeners, the window or the agent under it.
 
 #include "checkin/SharedIdReleaser.h"
 #include "common/CriticalSection.h"
-#include "lease/LeaseExpirySink.h"
 #include "common/GarbageCollector.h"
 #include "monitor/SimGC.h"
 #include "monitor/WaitInfo.h"
@@ -22,6 +23,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+class CLeaseMonitor;
 
 class SharedIdMonitor : public std::enable_shared_from_this<SharedIdMonitor> {
 public:
@@ -76,9 +79,26 @@ public:
 
     NS_Utils::CGarbageCollector& Collector() { return *m_gc; }
     PersistantStorage& Storage() { return m_storage; }
-    void SetLeaseExpirySink(std::shared_ptr<ILeaseExpirySink> sink);
-    // Starts watching lease expiries; false while this build has no lease monitor.
-    bool StartLeaseMonitor();
+    // Starts the lease monitor's poller thread, with a lease monitor of its own unless one was
+    // given (tests give one with their own clock); false when the thread was started before or
+    // could not be.
+    bool StartLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor = nullptr);
+    // Wires a lease monitor without starting its thread: tests poll it themselves.
+    void AttachLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor);
+
+    // Lease monitor's threads, each under the monitor lock for its own duration.
+    void AddListener(const std::shared_ptr<CSharedId>& credential, std::shared_ptr<AbsSharedCredListener> listener);
+    std::vector<DWORD> HolderPids(const std::shared_ptr<CSharedId>& credential);
+    // A handle of the caller's own to a registered process, or none.
+    NS_Utils::UniqueHandle DuplicateProcessHandle(DWORD pid);
+
+    static constexpr UINT kTerminatedExitCode = 8976;
+    static constexpr DWORD kLogoffPauseMs = 2000;
+    static constexpr DWORD kLogoffWaitMs = 120000;
+    // Ends every holder of the credential; their exits release it.
+    void OnLeaseExpired(const std::weak_ptr<CSharedId>& expired);
+    // The session ends: ends every holder, then waits (bounded) until every lease is checked in.
+    void OnWndSessionEnd();
 
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;
@@ -120,7 +140,7 @@ private:
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
                                                                                const CSharedId& credential);
-    DWORD RegisterLocked(const CSharedId& credential, DWORD pid);
+    DWORD RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
     DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
     bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
     void PersistLocked(CSharedId& credential);
@@ -139,7 +159,14 @@ private:
     std::unique_ptr<SimGC> m_simGC;
     PersistantStorage m_storage;
     SharedIdReleaser m_releaser;
-    std::shared_ptr<ILeaseExpirySink> m_leaseMonitor;
+    std::shared_ptr<CLeaseMonitor> LeaseMonitor() const;
+    // Outside the monitor lock, after the lease count may have crossed 0.
+    void UpdateCredentialsHeld();
+    // Ends one holder with kTerminatedExitCode; logs a failure under `tag`.
+    static bool TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag);
+    void WaitForCheckIns();
+
+    std::shared_ptr<CLeaseMonitor> m_leaseMonitor;
     std::atomic<LONG> m_leaseCount{0};
     std::atomic<bool> m_corvinRefreshQueued{false};
 };

@@ -91,6 +91,7 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
         ++count;
     }
     NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
+    UpdateCredentialsHeld();
     // Nothing holds these any more: they are checked in now, not at the first registration.
     m_gc->Start();
     return true;
@@ -157,4 +158,5 @@ void SharedIdMonitor::LeaseIncrease() {
 void SharedIdMonitor::LeaseDecrease() {
     LONG count = --m_leaseCount;
     NS_Log::Log(3, L"[SharedIdMonitor::LeaseDecrease]\t Number of leases: " + std::to_wstring(count));
+    UpdateCredentialsHeld();
 }

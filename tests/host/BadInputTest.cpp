@@ -41,7 +41,8 @@ TEST_F(BadInputTest, EveryBadInputIsAnsweredAndNothingRegisteredIsLost) {
     for (const std::wstring& odd : {std::wstring(L"a\nb:c\r\n:"), std::wstring(1 << 20, L'x') + L"\n:"}) {
         ASSERT_EQ(Register(holder.Id(), Uniform(odd)), 0u);
         ASSERT_EQ(Query(holder.Id(), Uniform(odd), false, out), S_OK);
-        EXPECT_GT(out.ByteLength(), odd.size() * 2 * 9);
+        // Eight texts carry it; the lease expiry, not being a time, is rewritten at registration.
+        EXPECT_GT(out.ByteLength(), odd.size() * 2 * 8);
         EXPECT_EQ(Release(holder.Id(), Uniform(odd)), 0u);
     }
 

@@ -1,0 +1,175 @@
+#include "lease/LeaseMonitor.h"
+
+#include "common/Log.h"
+#include "common/Registry.h"
+#include "lease/ExpiryTime.h"
+#include "lease/LMSharedCredListener.h"
+#include "monitor/SharedIdMonitor.h"
+
+namespace {
+constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
+constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
+
+__time64_t SystemNow() {
+    ::_tzset();
+    return ::_time64(nullptr);
+}
+}  // namespace
+
+std::shared_ptr<CLeaseMonitor> CLeaseMonitor::Create(Clock clock) {
+    return std::shared_ptr<CLeaseMonitor>(new CLeaseMonitor(clock ? std::move(clock) : Clock(&SystemNow)));
+}
+
+CLeaseMonitor::CLeaseMonitor(Clock clock)
+    : m_deltaTime(GetLeaseMonitorDeltaTimeFromRegistry(L"LeaseMonitorDeltaTime", kDefaultDeltaTime)),
+      m_defaultLeaseDuration(GetLeaseMonitorDeltaTimeFromRegistry(L"DefaultLeaseExpiryDuration", kDefaultLeaseDuration)),
+      m_clock(std::move(clock)),
+      m_ui(MakeCallbacks()) {
+    SetInterval(kPollIntervalMs);
+}
+
+CLeaseMonitor::~CLeaseMonitor() { Shutdown(); }
+
+LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
+    // Bound to `this`: the window's thread ends in ~LMMainUI, before the monitor's other members go.
+    LMMainUICallbacks callbacks;
+    callbacks.onExpiryPassed = [this](const std::weak_ptr<CSharedId>& credential) { OnProcessWaitDone(credential); };
+    callbacks.onSessionEnd = [this] { OnSessionEnd(); };
+    callbacks.getProcFromPid = [this](DWORD pid) {
+        SharedIdMonitor* registry = Registry();
+        return registry ? registry->DuplicateProcessHandle(pid) : NS_Utils::UniqueHandle();
+    };
+    callbacks.getSidProcList = [this](const std::shared_ptr<CSharedId>& credential) {
+        SharedIdMonitor* registry = Registry();
+        return registry && credential ? registry->HolderPids(credential) : std::vector<DWORD>();
+    };
+    return callbacks;
+}
+
+void CLeaseMonitor::Shutdown() {
+    CPoller::Stop();
+    if (Join(kStopWaitMs) == WAIT_TIMEOUT) Terminate(0);
+    m_ui.IssueStop();
+}
+
+__int64 CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback) {
+    const std::wstring tag = L"[CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry]\t";
+    const std::wstring key = NS_Utils::RegKeys::kWex;
+    DWORD value = 0;
+    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, key.c_str(), valueName, value) != ERROR_SUCCESS) {
+        NS_Log::Log(2, tag + L" Get registry value failed, RegKey = " + key + L", RegValue = " + valueName);
+        return fallback;
+    }
+    // No lower bound: 0 and negative settings are taken as they stand.
+    const __int64 result = static_cast<LONG>(value);
+    NS_Log::Log(3, tag + L" RegKey = " + key + L", RegValue = " + valueName + L", outValue = " + std::to_wstring(result));
+    return result;
+}
+
+size_t CLeaseMonitor::PendingCount() const {
+    NS_Utils::CritSecGuard lock(m_mapLock);
+    return m_expiryMap.size();
+}
+
+void CLeaseMonitor::AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& credential) {
+    if (!credential) return;
+    std::wstring expiry = credential->GetLeaseExpiry();
+    __time64_t parsed = 0;
+    if (!NS_LEASE_UTILS::ExpiryTextToTime(expiry, parsed)) {
+        expiry = NS_LEASE_UTILS::TimeToExpiryText(m_clock() + m_defaultLeaseDuration);
+        NS_Log::Log(2, L"[CLeaseMonitor::AddLeaseExpirationInfo\tInvalid expiry time, set it to " + expiry);
+        // The record and the map agree from now on (the caller holds the registry lock).
+        credential->SetLeaseExpiry(expiry);
+    }
+    NS_Utils::CritSecGuard lock(m_mapLock);
+    m_expiryMap.emplace(std::move(expiry), credential);
+}
+
+void CLeaseMonitor::Poll(DWORD) {
+    const __time64_t now = m_clock();
+    ExpiryMap stale;
+    ExpiryMap due;
+    TakeDue(NS_LEASE_UTILS::TimeToExpiryText(now - m_deltaTime), NS_LEASE_UTILS::TimeToExpiryText(now + m_deltaTime),
+            stale, due);
+    HandleStale(stale, NS_LEASE_UTILS::TimeToExpiryText(now));
+    HandleDue(due);
+}
+
+void CLeaseMonitor::TakeDue(const std::wstring& low, const std::wstring& high, ExpiryMap& stale, ExpiryMap& due) {
+    NS_Utils::CritSecGuard lock(m_mapLock);
+    const auto firstDue = m_expiryMap.lower_bound(low);
+    const auto firstLater = m_expiryMap.upper_bound(high);
+    // A node inserted into a multimap goes after its equal keys, so the order is kept.
+    for (auto it = m_expiryMap.begin(); it != firstDue;) stale.insert(m_expiryMap.extract(it++));
+    for (auto it = firstDue; it != firstLater;) due.insert(m_expiryMap.extract(it++));
+}
+
+void CLeaseMonitor::HandleStale(ExpiryMap& stale, const std::wstring& now) {
+    for (auto it = stale.begin(); it != stale.end(); it = stale.erase(it)) {
+        NS_Log::Log(1, kPollTag + std::wstring(L"Expiry time is before time period of monitoring. Current time = ") + now);
+        WaitForUserActionTimerExpiry(it->second, Registry());
+    }
+}
+
+void CLeaseMonitor::HandleDue(ExpiryMap& due) {
+    for (auto it = due.begin(); it != due.end(); it = due.erase(it)) {
+        if (!HandleLeaseExpiration(it))
+            NS_Log::Log(1, kPollTag + std::wstring(L"HandleLeaseExpiration failed. Erase entry from map anyway."));
+    }
+}
+
+bool CLeaseMonitor::HandleLeaseExpiration(ExpiryMap::iterator entry) {
+    if (entry->second.expired()) {
+        NS_Log::Log(2, L"[CLeaseMonitor::HandleLeaseExpiration\tUnable to lock the weak pointer.");
+        return false;
+    }
+    WaitForUserActionTimerExpiry(entry->second, Registry());
+    return true;
+}
+
+void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry) {
+    std::shared_ptr<CSharedId> live = credential.lock();
+    if (!live || !registry) {
+        NS_Log::Log(3, kWaitTag + std::wstring(L"Weak pointer already expired."));
+        return;
+    }
+    NS_Log::Log(3, kWaitTag + std::wstring(L" Looking at process holding on to shared cred that is about to expire"));
+    registry->AddListener(live, std::make_shared<LMSharedCredListener>(credential, weak_from_this()));
+    const std::vector<DWORD> holders = registry->HolderPids(live);
+    live.reset();
+    for (DWORD pid : holders) {
+        NS_Log::Log(3, kWaitTag + std::wstring(L" Adding to UI process with Id = ") + std::to_wstring(pid));
+        m_ui.ShowProcessInfo(pid, registry->DuplicateProcessHandle(pid), credential);
+    }
+}
+
+void CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+    SharedIdMonitor* registry = Registry();
+    NS_Utils::UniqueHandle process = registry ? registry->DuplicateProcessHandle(processId) : NS_Utils::UniqueHandle();
+    if (!process) {
+        NS_Log::Log(2, L"[CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice]/t could not get process handle from "
+                       L"SharedIdMonitor for PID = " + std::to_wstring(processId));
+        return;
+    }
+    m_ui.ShowProcessInfo(processId, std::move(process), credential);
+}
+
+void CLeaseMonitor::OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential) {
+    NS_Log::Log(3, L"[CLeaseMonitor::OnProcessWaitDone]\tRelease the process.");
+    if (SharedIdMonitor* registry = Registry()) registry->OnLeaseExpired(credential);
+}
+
+void CLeaseMonitor::OnSessionEnd() {
+    NS_Log::Log(3, L"[CLeaseMonitor::OnSessionEnd]\tRelease all shared ids on session end.");
+    if (SharedIdMonitor* registry = Registry()) registry->OnWndSessionEnd();
+}
+
+void CLeaseMonitor::UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount) {
+    // The count is read under this lock, so the last call made tells the window the latest state
+    // even when two threads cross 0 in opposite directions at once.
+    NS_Utils::CritSecGuard lock(m_heldLock);
+    const bool held = leaseCount.load() > 0;
+    if (held == m_credentialsHeld) return;
+    m_credentialsHeld = held;
+    m_ui.SetCredentialsHeld(held);
+}

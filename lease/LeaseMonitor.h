@@ -1,0 +1,84 @@
+#pragma once
+// Watches the lease expiry of every registered credential. Once a minute it takes the credentials
+// whose expiry lies within delta time of now and lists their holder processes on the lease-expiry
+// window, which calls back when their time is over or when the Windows session ends.
+//
+// Threads: Create, Stop and destruction on the registry owner's thread; AddLeaseExpirationInfo on
+// the registering thread, under the registry lock; Poll, HandleLeaseExpiration and
+// WaitForUserActionTimerExpiry on the poller thread; OnProcListChanged_ForSharedCredOnNotice and
+// RemoveProcessInfo on whichever thread changes a credential's holders; OnProcessWaitDone and
+// OnSessionEnd on the window's thread; UpdateCredentialsHeld on any thread. The expiry map has a
+// lock of its own, never held while the registry lock is taken or the window is called.
+
+#include "common/CriticalSection.h"
+#include "common/Poller.h"
+#include "sharedid/SharedId.h"
+#include "ui/LMMainUI.h"
+
+#include <atomic>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+class SharedIdMonitor;
+
+class CLeaseMonitor : public NS_THREAD_UTILS::CPoller, public std::enable_shared_from_this<CLeaseMonitor> {
+public:
+    using Clock = std::function<__time64_t()>;
+    using ExpiryMap = std::multimap<std::wstring, std::weak_ptr<CSharedId>>;
+
+    static constexpr DWORD kPollIntervalMs = 60000;
+    static constexpr DWORD kStopWaitMs = 3000;
+    static constexpr __int64 kDefaultDeltaTime = 3600;
+    static constexpr __int64 kDefaultLeaseDuration = 28800;
+
+    // Tests pass a clock of their own; the service's is _time64.
+    static std::shared_ptr<CLeaseMonitor> Create(Clock clock = {});
+    ~CLeaseMonitor() override;
+
+    // Not owned; set by SharedIdMonitor::StartLeaseMonitor, which outlives the window's thread.
+    void SetRegistry(SharedIdMonitor* registry) noexcept { m_registry.store(registry); }
+    SharedIdMonitor* Registry() const noexcept { return m_registry.load(); }
+
+    void AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& credential);
+    void Poll(DWORD count) override;
+    bool HandleLeaseExpiration(ExpiryMap::iterator entry);
+    void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
+
+    void OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential);
+    void RemoveProcessInfo(DWORD processId) { m_ui.RemoveProcessInfo(processId); }
+    void OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential);
+    void OnSessionEnd();
+    // Tells the window whether any lease is counted; called after the count may have crossed 0.
+    void UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount);
+
+    // Ends the poller thread (ended by force after kStopWaitMs) and asks the window to close.
+    void Shutdown();
+
+    // A REG_DWORD under the service's key, taken as a signed number as it stands, or `fallback`.
+    static __int64 GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback);
+    __int64 DeltaTime() const noexcept { return m_deltaTime; }
+    size_t PendingCount() const;
+
+private:
+    explicit CLeaseMonitor(Clock clock);
+    LMMainUICallbacks MakeCallbacks();
+    // Moves the map's entries whose keys are at most `high` out under the map lock: those
+    // before `low` into `stale`, the rest into `due`, each in map order.
+    void TakeDue(const std::wstring& low, const std::wstring& high, ExpiryMap& stale, ExpiryMap& due);
+    void HandleStale(ExpiryMap& stale, const std::wstring& now);
+    void HandleDue(ExpiryMap& due);
+
+    const __int64 m_deltaTime;
+    const __int64 m_defaultLeaseDuration;
+    mutable NS_Utils::CriticalSection m_mapLock;
+    ExpiryMap m_expiryMap;
+    std::atomic<SharedIdMonitor*> m_registry{nullptr};
+    Clock m_clock;
+    NS_Utils::CriticalSection m_heldLock;
+    bool m_credentialsHeld = false;
+    // Last: destroyed first, so that the window's thread has ended before anything its callbacks use.
+    LMMainUI m_ui;
+};

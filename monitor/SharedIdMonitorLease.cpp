@@ -1,0 +1,116 @@
+// The monitor's side of lease expiry: wiring the lease monitor, ending the holders of an expired
+// credential, and the end of the Windows session.
+
+#include "common/Log.h"
+#include "lease/LeaseMonitor.h"
+#include "monitor/SharedIdMonitor.h"
+
+#include <algorithm>
+
+namespace {
+constexpr const wchar_t* kExpiredTag = L"[SharedIdMonitor::OnLeaseExpired]\t";
+constexpr const wchar_t* kSessionEndTag = L"[SharedIdMonitor::OnWndSessionEnd]\t";
+}  // namespace
+
+bool SharedIdMonitor::StartLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor) {
+    NS_Log::Log(3, L"[SharedIdMonitor::StartLeaseMonitor]\t Starting LeaseMonitor ");
+    std::shared_ptr<CLeaseMonitor> current = LeaseMonitor();
+    if (!current) {
+        current = leaseMonitor ? std::move(leaseMonitor) : CLeaseMonitor::Create();
+        AttachLeaseMonitor(current);
+    }
+    return current->Start(current.get());
+}
+
+void SharedIdMonitor::AttachLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor) {
+    leaseMonitor->SetRegistry(this);
+    {
+        LockGuard lock(*this);
+        m_leaseMonitor = std::move(leaseMonitor);
+    }
+    // Credentials left from an earlier run may already be counted.
+    UpdateCredentialsHeld();
+}
+
+std::shared_ptr<CLeaseMonitor> SharedIdMonitor::LeaseMonitor() const {
+    NS_Utils::CritSecGuard lock(m_lock);
+    return m_leaseMonitor;
+}
+
+void SharedIdMonitor::UpdateCredentialsHeld() {
+    if (std::shared_ptr<CLeaseMonitor> leaseMonitor = LeaseMonitor()) leaseMonitor->UpdateCredentialsHeld(m_leaseCount);
+}
+
+void SharedIdMonitor::AddListener(const std::shared_ptr<CSharedId>& credential,
+                                  std::shared_ptr<AbsSharedCredListener> listener) {
+    LockGuard lock(*this);
+    credential->Listeners().push_back(std::move(listener));
+}
+
+std::vector<DWORD> SharedIdMonitor::HolderPids(const std::shared_ptr<CSharedId>& credential) {
+    LockGuard lock(*this);
+    return credential ? credential->GetHolderPids() : std::vector<DWORD>();
+}
+
+NS_Utils::UniqueHandle SharedIdMonitor::DuplicateProcessHandle(DWORD pid) {
+    LockGuard lock(*this);
+    auto entry = processMap.find(pid);
+    if (entry == processMap.end()) return {};
+    // The caller's own handle: the entry's handle closes when the process's wait ends.
+    NS_Utils::UniqueHandle copy;
+    HANDLE self = ::GetCurrentProcess();
+    if (!::DuplicateHandle(self, entry->second.waitInfo->Process(), self, copy.put(), 0, FALSE, DUPLICATE_SAME_ACCESS))
+        return {};
+    return copy;
+}
+
+bool SharedIdMonitor::TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag) {
+    if (!process) {
+        NS_Log::Log(2, tag + std::wstring(L" handled to one of the process that shares the shared cred object could "
+                                          L"not be got. PID = ") + std::to_wstring(pid));
+        return false;
+    }
+    if (!::TerminateProcess(process, kTerminatedExitCode)) {
+        NS_Log::Log(2, tag + std::wstring(L" could not terminate the process with pid = ") + std::to_wstring(pid) +
+                           L" GLE = 0x" + NS_Log::Hex(::GetLastError()));
+        return false;
+    }
+    return true;
+}
+
+void SharedIdMonitor::OnLeaseExpired(const std::weak_ptr<CSharedId>& expired) {
+    LockGuard lock(*this);
+    std::shared_ptr<CSharedId> credential = expired.lock();
+    if (!credential) {
+        NS_Log::Log(3, kExpiredTag + std::wstring(L" the expired shared id object could not be locked."));
+        return;
+    }
+    const std::vector<DWORD> holders = credential->GetHolderPids();
+    for (DWORD pid : holders) {
+        auto entry = processMap.find(pid);
+        if (TerminateHolder(pid, entry == processMap.end() ? nullptr : entry->second.waitInfo->Process(), kExpiredTag))
+            NS_Log::Log(3, kExpiredTag + std::wstring(L" Terminated process with pid = ") + std::to_wstring(pid) +
+                               L" as lease of some of the creds check-out by this process has expired");
+    }
+}
+
+void SharedIdMonitor::OnWndSessionEnd() {
+    NS_Log::Log(3, kSessionEndTag + std::wstring(L" OnEndSession started."));
+    std::vector<DWORD> pids;
+    {
+        LockGuard lock(*this);
+        for (const auto& entry : processMap) pids.push_back(entry.first);
+    }
+    // Each look-up takes the lock on its own: exit callbacks and check-ins go on meanwhile.
+    for (DWORD pid : pids) TerminateHolder(pid, DuplicateProcessHandle(pid).get(), kSessionEndTag);
+    WaitForCheckIns();
+    NS_Log::Log(3, kSessionEndTag + std::wstring(L" OnEndSession ended."));
+}
+
+void SharedIdMonitor::WaitForCheckIns() {
+    for (DWORD waited = 0; m_leaseCount.load() >= 1 && waited < kLogoffWaitMs; waited += kLogoffPauseMs)
+        ::Sleep(kLogoffPauseMs);
+    const LONG left = m_leaseCount.load();
+    if (left >= 1)
+        NS_Log::Log(1, std::to_wstring(left) + L" credentials were not checked in to Corvin during windows logoff.");
+}

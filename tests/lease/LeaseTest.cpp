@@ -1,0 +1,165 @@
+// The lease monitor against a real registry, real holder processes and the real window; its
+// clock is the test's, and it is polled by the test instead of by its thread.
+
+#include "common/Registry.h"
+#include "lease/ExpiryTime.h"
+#include "lease/LeaseMonitor.h"
+#include "tests/monitor/MonitorFixture.h"
+#include "ui/LMMainUIRes.h"
+
+using namespace testsupport;
+using NS_LEASE_UTILS::TimeToExpiryText;
+
+namespace {
+
+// Far from the real clock, so that the window never finds a row's lease run out by itself.
+constexpr __time64_t kNow = 1893456000;  // 20300101T000000Z
+
+std::wstring Shown(DWORD pid) {
+    return L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t Adding to UI process with Id = " + std::to_wstring(pid) +
+           L"\r\n";
+}
+
+// Rows in this process's lease-expiry window, -1 while there is no window.
+int WindowRows() {
+    struct Search {
+        HWND dialog = nullptr;
+    } search;
+    ::EnumWindows(
+        [](HWND window, LPARAM context) -> BOOL {
+            DWORD pid = 0;
+            ::GetWindowThreadProcessId(window, &pid);
+            wchar_t name[16] = {};
+            ::GetClassNameW(window, name, 16);
+            if (pid != ::GetCurrentProcessId() || std::wstring(name) != L"#32770") return TRUE;
+            reinterpret_cast<Search*>(context)->dialog = window;
+            return FALSE;
+        },
+        reinterpret_cast<LPARAM>(&search));
+    HWND list = search.dialog ? ::GetDlgItem(search.dialog, IDC_LEASE_EXPIRY_LIST) : nullptr;
+    DWORD_PTR rows = 0;
+    if (!list || !::SendMessageTimeoutW(list, LB_GETCOUNT, 0, 0, SMTO_BLOCK, 5000, &rows)) return -1;
+    return static_cast<int>(rows);
+}
+
+class LeaseTest : public MonitorTest {
+protected:
+    void SetUp() override {
+        MonitorTest::SetUp();
+        lease = CLeaseMonitor::Create([this] { return now; });
+        monitor->AttachLeaseMonitor(lease);
+    }
+    void TearDown() override {
+        monitor->Shutdown();
+        lease.reset();
+        MonitorTest::TearDown();
+    }
+    // A holder of its own for a credential of its own, expiring at `expiry`.
+    ChildProcess Hold(const std::wstring& role, const std::wstring& expiry) {
+        ChildProcess holder = StartHolder();
+        CSharedId credential = Credential(role);
+        credential.SetLeaseExpiry(expiry);
+        EXPECT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
+        return holder;
+    }
+    ChildProcess Hold(const std::wstring& role, __time64_t expiry) { return Hold(role, TimeToExpiryText(expiry)); }
+
+    __time64_t now = kNow;
+    std::shared_ptr<CLeaseMonitor> lease;
+};
+
+TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
+    ChildProcess later = Hold(L"later", kNow + 61 * 60), soon = Hold(L"soon", kNow + 60 * 60);
+    ChildProcess low = Hold(L"low", kNow - 3600), stale = Hold(L"stale", kNow - 7200);
+    ChildProcess first = Hold(L"first", kNow), second = Hold(L"second", kNow);
+    ChildProcess unparsable = Hold(L"unparsable", L"tomorrow");
+    CSharedId stored;
+    ASSERT_TRUE(Registered(Credential(L"unparsable"), &stored));
+    EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800)) << "the record agrees with the map";
+    const size_t staleLines = CountInServiceLog(L"before time period of monitoring");
+
+    lease->Poll(1);
+    for (const ChildProcess* shown : {&soon, &low, &stale, &first, &second})
+        EXPECT_EQ(CountInServiceLog(Shown(shown->Id())), 1u) << shown->Id();
+    EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 0u);
+    EXPECT_EQ(CountInServiceLog(Shown(unparsable.Id())), 0u);
+    EXPECT_EQ(CountInServiceLog(L"before time period of monitoring"), staleLines + 1);
+    const std::wstring log = ServiceLogText();
+    EXPECT_LT(log.find(Shown(first.Id())), log.find(Shown(second.Id()))) << "equal expiries in registration order";
+    EXPECT_EQ(lease->PendingCount(), 2u);
+
+    now += 60;
+    lease->Poll(2);
+    EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 1u);
+    EXPECT_EQ(CountInServiceLog(Shown(soon.Id())), 1u) << "each registration is shown once";
+    EXPECT_EQ(lease->PendingCount(), 1u);
+}
+
+TEST_F(LeaseTest, DeltaZeroMakesOnlyTheCurrentSecondDue) {
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", 0);
+    std::shared_ptr<CLeaseMonitor> narrow = CLeaseMonitor::Create([this] { return now; });
+    NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime");
+    ASSERT_EQ(narrow->DeltaTime(), 0);
+    monitor->AttachLeaseMonitor(narrow);
+    ChildProcess exact = Hold(L"exact", kNow), before = Hold(L"before", kNow - 1), after = Hold(L"after", kNow + 1);
+    const size_t staleLines = CountInServiceLog(L"before time period of monitoring");
+    narrow->Poll(1);
+    EXPECT_EQ(CountInServiceLog(Shown(exact.Id())), 1u);
+    EXPECT_EQ(CountInServiceLog(Shown(before.Id())), 1u);
+    EXPECT_EQ(CountInServiceLog(L"before time period of monitoring"), staleLines + 1);
+    EXPECT_EQ(CountInServiceLog(Shown(after.Id())), 0u);
+}
+
+TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
+    ChildProcess holder = Hold(L"warned", kNow);
+    lease->Poll(1);
+    ASSERT_TRUE(WaitUntil([] { return WindowRows() == 1; }));
+    ChildProcess joining = StartHolder();
+    ASSERT_EQ(Register(Credential(L"warned"), joining.Id()), SharedIdMonitor::kOk);
+    EXPECT_TRUE(WaitUntil([] { return WindowRows() == 2; })) << "a holder registering during the warning";
+    ASSERT_EQ(Unregister(Credential(L"warned"), joining.Id()), SharedIdMonitor::kOk);
+    EXPECT_TRUE(WaitUntil([] { return WindowRows() == 1; })) << "a release loses its row";
+}
+
+// On the real clock, without grace: the window's own tick finds the lease run out and calls back.
+TEST_F(LeaseTest, ExpiryEndsEveryHolderAndTheCredentialIsReleased) {
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess", 0);
+    std::shared_ptr<CLeaseMonitor> realTime = CLeaseMonitor::Create();
+    NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess");
+    monitor->AttachLeaseMonitor(realTime);
+    ChildProcess twice = StartHolder(), takeover = StartHolder(), bystander = StartHolder();
+    CSharedId credential = Credential(L"expiring");
+    credential.SetLeaseExpiry(TimeToExpiryText(::_time64(nullptr) - 10));
+    ASSERT_EQ(Register(credential, twice.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Register(credential, twice.Id()), SharedIdMonitor::kOk);
+    CSharedId found;
+    ASSERT_TRUE(monitor->GetCredsRegistered(takeover.Id(), credential, &found));
+    ASSERT_EQ(Register(credential, takeover.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Unregister(credential, twice.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Unregister(credential, takeover.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Register(Credential(L"other"), bystander.Id()), SharedIdMonitor::kOk);
+    ASSERT_TRUE(Registered(credential, &found));
+    EXPECT_EQ(found.GetHolderPids(), (std::vector<DWORD>{twice.Id(), takeover.Id()})) << "both still hold it";
+
+    realTime->Poll(1);
+    for (const ChildProcess* holder : {&twice, &takeover}) {
+        ASSERT_EQ(holder->Wait(60000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder->ExitCode(), SharedIdMonitor::kTerminatedExitCode);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return !Registered(credential) && monitor->LeaseCount() == 1; }));
+    EXPECT_EQ(bystander.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
+TEST_F(LeaseTest, LogoffEndsEveryHolderAndReturnsOnceAllAreCheckedIn) {
+    ChildProcess holders[] = {Hold(L"a", kNow + 86400), Hold(L"b", kNow + 86400), Hold(L"c", kNow + 86400)};
+    ASSERT_EQ(monitor->LeaseCount(), 3);
+    monitor->OnWndSessionEnd();
+    EXPECT_EQ(monitor->LeaseCount(), 0);
+    for (const ChildProcess& holder : holders) {
+        ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder.ExitCode(), SharedIdMonitor::kTerminatedExitCode);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
+}
+
+}  // namespace
