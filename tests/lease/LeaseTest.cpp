@@ -4,6 +4,7 @@
 #include "common/Registry.h"
 #include "lease/ExpiryTime.h"
 #include "lease/LeaseMonitor.h"
+#include "testing/agent/StandInControl.h"
 #include "tests/monitor/MonitorFixture.h"
 #include "ui/LMMainUIRes.h"
 
@@ -160,6 +161,18 @@ TEST_F(LeaseTest, LogoffEndsEveryHolderAndReturnsOnceAllAreCheckedIn) {
         EXPECT_EQ(holder.ExitCode(), SharedIdMonitor::kTerminatedExitCode);
     }
     EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
+}
+
+// Slow by design: the handler waits its full two minutes while the agent keeps answering 37.
+TEST_F(LeaseTest, LogoffGivesUpAfterTwoMinutesAndCountsWhatIsLeft) {
+    ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
+    standin::SetScript(L"CheckInResults", std::wstring(L"37"));
+    ChildProcess first = Hold(L"first", kNow + 86400), second = Hold(L"second", kNow + 86400);
+    monitor->OnWndSessionEnd();
+    EXPECT_EQ(CountInServiceLog(L"2 credentials were not checked in to Corvin during windows logoff."), 1u);
+    EXPECT_EQ(monitor->LeaseCount(), 2);
+    standin::ClearScript();
+    standin::Unregister();
 }
 
 }  // namespace
