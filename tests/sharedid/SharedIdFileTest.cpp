@@ -47,17 +47,6 @@ TEST_F(SharedIdFileTest, RecordWritesKnownBytesAndWhatIsReadBackWritesThemAgain)
     EXPECT_TRUE(errors.empty());
 }
 
-TEST_F(SharedIdFileTest, WriterRefusesUnfitRecords) {
-    CSharedId incomplete = Credential(L"role", L"");
-    incomplete.SetFileName(folder + L"a.dat");
-    EXPECT_FALSE(writeSharedIdToFile(incomplete, folder + L"a.dat", errors));
-    EXPECT_FALSE(writeSharedIdToFile(Credential(L"role"), folder + L"a.dat", errors)) << "no file name";
-    ASSERT_EQ(errors.size(), 4u);
-    EXPECT_EQ(errors.front(), kStepRecord);
-    EXPECT_EQ(*std::next(errors.begin(), 2), kStepRecord);
-    EXPECT_FALSE(FileExists(folder + L"a.dat"));
-}
-
 TEST_F(SharedIdFileTest, MissingEmptyHugeAndNonUtf16FilesAreRefusedOrReadWithoutCrashing) {
     CSharedId record;
     EXPECT_FALSE(readSharedIdFromFile(record, folder + L"missing.dat", errors));
@@ -78,15 +67,6 @@ TEST_F(SharedIdFileTest, MissingEmptyHugeAndNonUtf16FilesAreRefusedOrReadWithout
     ASSERT_TRUE(readSharedIdFromFile(record, Write(L"tail.dat", valid), errors));
     EXPECT_EQ(record.GetEnterpriseId(), L"10");
     EXPECT_FALSE(record.GetFlag());
-}
-
-TEST(SharedIdFileText, FlagIsFalseOnlyForTheWordFalse) {
-    for (const wchar_t* item : {L"false", L"FALSE", L"False", L"0", L"1", L"", L"true", L"falsey", L" false"}) {
-        CSharedId record;
-        record.SetFlag(true);
-        ASSERT_TRUE(ParseSharedIdText(std::wstring(L"1\n2\n3\n4\n5\n6\n7\n8\n9\n10\n") + item, record));
-        EXPECT_EQ(record.GetFlag(), _wcsicmp(item, L"false") != 0) << item;
-    }
 }
 
 // What the reader must make of any text: the first nine lines, each ended by a line feed and at
