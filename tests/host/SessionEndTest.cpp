@@ -1,0 +1,48 @@
+// The end of the session through Wine's own wineboot, with the real Tarrow.exe and the stand-in
+// agent: wineboot ends the service only once its WM_ENDSESSION handler returns, so everything the
+// service promises at logoff has to be done by the time wineboot itself ends.
+
+#include "testing/agent/StandInControl.h"
+#include "tests/host/ServiceFixture.h"
+
+namespace testsupport {
+namespace {
+
+// wineboot lives in the system folder, outside the test's program folder that ChildProcess uses.
+bool RunToEnd(std::wstring commandLine) {
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info{};
+    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
+        return false;
+    NS_Utils::UniqueHandle process(info.hProcess), thread(info.hThread);
+    return ::WaitForSingleObject(process.get(), 300000) == WAIT_OBJECT_0;
+}
+
+class SessionEndTest : public ServiceTest {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
+        standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+        ServiceTest::SetUpTestSuite();
+    }
+};
+
+TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
+    ChildProcess holders[] = {StartHolder(), StartHolder(), StartHolder()};
+    for (ChildProcess& holder : holders)
+        ASSERT_EQ(Register(holder.Id(), Credential(L"role-" + std::to_wstring(holder.Id()))), 0u);
+    tarrow.reset();
+    ASSERT_TRUE(RunToEnd(L"C:\\windows\\system32\\wineboot.exe --end-session"));
+    for (ChildProcess& holder : holders) {
+        ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder.ExitCode(), 8976u);
+    }
+    EXPECT_EQ(standin::JournalLines("CheckIn ").size(), 3u);
+    wchar_t appData[MAX_PATH] = {};
+    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
+    EXPECT_TRUE(ListFiles(std::wstring(appData) + L"\\Kel\\Tarrow\\", L"*.dat").empty());
+}
+
+}  // namespace
+}  // namespace testsupport
