@@ -1,0 +1,79 @@
+// What the service spends while it only holds credentials, printed, never asserted: its processor
+// time (kernel + user) over a quiet stretch with N credentials registered by N holder processes,
+// their leases far ahead, so that only the lease monitor's polls and the holders' waits can cost.
+//   idle_bench [seconds=300] [credentials=100]
+
+#include "common/Registry.h"
+#include "bench/Timing.h"
+#include "tests/support/TestSupport.h"
+#include "tools/TarrowClient.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+using testsupport::ChildProcess;
+
+namespace {
+
+double CpuMs(HANDLE process) {
+    FILETIME created, exited, kernel, user;
+    if (!::GetProcessTimes(process, &created, &exited, &kernel, &user)) return -1;
+    auto ms = [](const FILETIME& t) {
+        return static_cast<double>((static_cast<ULONGLONG>(t.dwHighDateTime) << 32) | t.dwLowDateTime) / 10000.0;
+    };
+    return ms(kernel) + ms(user);
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    const int seconds = argc > 1 ? std::max(1, _wtoi(argv[1])) : 300;
+    const int credentials = argc > 2 ? std::max(0, _wtoi(argv[2])) : 100;
+    ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
+                                  L"C:\\TarrowBench");
+
+    ChildProcess registration = ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
+    registration.Wait(60000);
+    ChildProcess service = ChildProcess::Start(L"Tarrow.exe", L"");
+    NS_Utils::ComApartment com;
+    NS_Utils::ComPtr<ITarrow> tarrow;
+    for (int i = 0; i < 3000 && FAILED(tarrowctl::ConnectToTarrow(tarrow)); ++i) ::Sleep(20);
+    if (!tarrow) {
+        std::fputs("idle_bench: the service did not start\n", stderr);
+        return 1;
+    }
+
+    std::vector<ChildProcess> holders;
+    NS_Utils::UniqueBstr url(std::wstring(L"https://corvin/auth")), srv(std::wstring(L"srv")),
+        svc(std::wstring(L"svc")), account(std::wstring(L"acct")), lease(std::wstring(L"cn=idle")),
+        expiry(std::wstring(L"20301231T120000Z"));
+    int registered = 0;
+    for (int i = 0; i < credentials; ++i) {
+        holders.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
+        NS_Utils::UniqueBstr role(L"idle-" + std::to_wstring(i));
+        DWORD result = 99;
+        if (SUCCEEDED(tarrow->RegisterSharedId(holders.back().Id(), url.get(), srv.get(), nullptr, svc.get(),
+                                               account.get(), nullptr, role.get(), nullptr, lease.get(), expiry.get(),
+                                               nullptr, VARIANT_TRUE, nullptr, &result)) &&
+            result == 0)
+            ++registered;
+    }
+    // Let the registrations' own work (files, log lines, the first poll) settle before measuring.
+    ::Sleep(5000);
+
+    const double cpu0 = CpuMs(service.Handle()), wall0 = bench::Now();
+    ::Sleep(static_cast<DWORD>(seconds) * 1000);
+    const double cpu = CpuMs(service.Handle()) - cpu0, wall = bench::Now() - wall0;
+    std::printf("credentials %d registered of %d, %d holder processes\n", registered, credentials,
+                static_cast<int>(holders.size()));
+    std::printf("service CPU time %.1f ms over %.1f s = %.4f %% of one core (%.2f ms per minute)\n", cpu,
+                wall / 1000.0, 100.0 * cpu / wall, cpu * 60000.0 / wall);
+
+    tarrow.reset();
+    ::PostThreadMessageW(service.MainThreadId(), WM_QUIT, 0, 0);
+    service.Wait(30000);
+    return 0;
+}
