@@ -17,7 +17,11 @@ protected:
         folder = appData + L"\\Kel\\Tarrow\\";
         monitor = SharedIdMonitor::Create();
     }
-    void TearDown() override { monitor.reset(); }
+    // As the service does: the worker ends first, so the last reference drops here and not on it.
+    void TearDown() override {
+        if (monitor) monitor->Shutdown();
+        monitor.reset();
+    }
 
     size_t FileCount() const { return ListFiles(folder, L"*.dat").size(); }
     // Every credential released and checked in, and nothing left in the maps.
