@@ -29,7 +29,8 @@ inline void ReplaceSecret(std::wstring& target, std::wstring& source) {
 class SecretString {
 public:
     SecretString() = default;
-    explicit SecretString(std::wstring text) : m_text(std::move(text)) {}
+    // The parameter is wiped too: a short text moved out of it stays in its inline buffer.
+    explicit SecretString(std::wstring text) : m_text(std::move(text)) { WipeString(text); }
     SecretString(const SecretString& other) : m_text(other.m_text) {}
     SecretString(SecretString&& other) noexcept : m_text(std::move(other.m_text)) { other.Wipe(); }
     SecretString& operator=(const SecretString& other) {
