@@ -101,7 +101,10 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         }
         CSharedId record;
         std::list<DWORD> errors;
-        if (!NS_SHAREDID_UTILS::readSharedIdFromFile(record, path, errors)) {
+        // Read through the claim when there is one; without it the reader's own open reports why.
+        const bool read = claim ? NS_SHAREDID_UTILS::readSharedIdFromHandle(record, claim.get(), errors)
+                                : NS_SHAREDID_UTILS::readSharedIdFromFile(record, path, errors);
+        if (!read) {
             NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
             if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
             continue;

@@ -126,9 +126,12 @@ bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list
                                               nullptr, OPEN_EXISTING, 0, nullptr));
     if (!file)
         return FailWithError(errors, kStepFile, L"[::readSharedIdFromFile]\t CreateFile error. Error = ");
+    return readSharedIdFromHandle(record, file.get(), errors);
+}
 
+bool readSharedIdFromHandle(CSharedId& record, HANDLE file, std::list<DWORD>& errors) {
     LARGE_INTEGER fileSize{};
-    if (!::GetFileSizeEx(file.get(), &fileSize) || fileSize.QuadPart == 0)
+    if (!::GetFileSizeEx(file, &fileSize) || fileSize.QuadPart == 0)
         return Fail(errors, kStepFile, std::wstring(kReadTag) + L" Invalid file size.");
 
     // The parser never looks past eleven lines of 512 units, so a larger file is read only that
@@ -136,7 +139,7 @@ bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list
     DWORD size = static_cast<DWORD>(std::min<LONGLONG>(fileSize.QuadPart, kMaxMeaningfulBytes));
     std::vector<wchar_t> buffer(size / 2 + 2, L'\0');
     DWORD read = 0;
-    if (!::ReadFile(file.get(), buffer.data(), size, &read, nullptr) || read < size)
+    if (!::ReadFile(file, buffer.data(), size, &read, nullptr) || read < size)
         return FailWithError(errors, kStepRead, std::wstring(kReadTag) + L" ReadFile error. Error = ");
     return ParseSharedIdText(std::wstring(buffer.data()), record);
 }

@@ -18,6 +18,8 @@ inline constexpr DWORD kStepRecord = 4;
 bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
                          NS_Utils::UniqueHandle* keepOpen = nullptr);
 bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
+// The same from a file already open for reading, from its current position (the start).
+bool readSharedIdFromHandle(CSharedId& record, HANDLE file, std::list<DWORD>& errors);
 
 // The file's text, without I/O.
 std::wstring FormatSharedIdText(const CSharedId& record);
