@@ -141,20 +141,17 @@ void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
     NS_Utils::ComPtr<IDispatch> store;
     HRESULT hr = m_runtime ? m_runtime->GetPropertyManager(store.put()) : E_POINTER;
     if (SUCCEEDED(hr) && !store) hr = E_POINTER;
-    if (FAILED(hr)) {
-        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(hr)));
-        return;
-    }
+    auto failed = [](HRESULT result) {
+        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(result)));
+    };
+    if (FAILED(hr)) return failed(hr);
     auto manager = NS_AgentRuntime::AgentObjectAs<IKelPropertyManager>(store);
     const NS_Utils::UniqueBstr name = NS_Utils::AllocBstr(credential.GetAuxText6());
     const VARIANT global = BoolScope(VARIANT_FALSE);
     VARIANT_BOOL exists = VARIANT_FALSE;
     if (FAILED(manager->IsAccDataBagExist(name.get(), global, &exists)) || exists != VARIANT_TRUE) return;
     hr = manager->DeleteAccDataBag(name.get(), global);
-    if (FAILED(hr)) {
-        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(hr)));
-        return;
-    }
+    if (FAILED(hr)) return failed(hr);
     Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
 }
 
