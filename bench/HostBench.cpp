@@ -4,6 +4,7 @@
 //   host_bench [calls per figure]
 
 #include "common/Registry.h"
+#include "bench/BenchService.h"
 #include "bench/Timing.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
@@ -59,23 +60,12 @@ void SetLogLevel(DWORD level) {
 
 int wmain(int argc, wchar_t** argv) {
     const int calls = argc > 1 ? std::max(5, _wtoi(argv[1])) : 300;
-    ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
-                                  L"C:\\TarrowBench");
     NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"LogLevel");
-
-    ChildProcess registration = ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
-    registration.Wait(60000);
-    ChildProcess service = ChildProcess::Start(L"Tarrow.exe", L"");
     ChildProcess holder = ChildProcess::StartHelper(L"--sleep 3600000");
-
     NS_Utils::ComApartment com;
+    ChildProcess service;
     NS_Utils::ComPtr<ITarrow> tarrow;
-    for (int i = 0; i < 3000 && FAILED(tarrowctl::ConnectToTarrow(tarrow)); ++i) ::Sleep(20);
-    if (!tarrow) {
-        std::fputs("host_bench: the service did not start\n", stderr);
-        return 1;
-    }
+    if (!bench::StartService("host_bench", service, tarrow)) return 1;
     Measure(tarrow.get(), holder.Id(), 20);  // warm up both sides
     Print("default level", Measure(tarrow.get(), holder.Id(), calls));
     SetLogLevel(4);

@@ -4,6 +4,7 @@
 //   idle_bench [seconds=300] [credentials=100]
 
 #include "common/Registry.h"
+#include "bench/BenchService.h"
 #include "bench/Timing.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
@@ -51,20 +52,10 @@ double ThreadsCpuMs(DWORD pid) {
 int wmain(int argc, wchar_t** argv) {
     const int seconds = argc > 1 ? std::max(1, _wtoi(argv[1])) : 300;
     const int credentials = argc > 2 ? std::max(0, _wtoi(argv[2])) : 100;
-    ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
-                                  L"C:\\TarrowBench");
-
-    ChildProcess registration = ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
-    registration.Wait(60000);
-    ChildProcess service = ChildProcess::Start(L"Tarrow.exe", L"");
     NS_Utils::ComApartment com;
+    ChildProcess service;
     NS_Utils::ComPtr<ITarrow> tarrow;
-    for (int i = 0; i < 3000 && FAILED(tarrowctl::ConnectToTarrow(tarrow)); ++i) ::Sleep(20);
-    if (!tarrow) {
-        std::fputs("idle_bench: the service did not start\n", stderr);
-        return 1;
-    }
+    if (!bench::StartService("idle_bench", service, tarrow)) return 1;
 
     std::vector<ChildProcess> holders;
     NS_Utils::UniqueBstr url(std::wstring(L"https://corvin/auth")), srv(std::wstring(L"srv")),
