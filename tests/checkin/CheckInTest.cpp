@@ -62,12 +62,14 @@ protected:
     size_t m_journalStart = 0;
 };
 
-TEST_F(CheckInTest, RowAndRowKeyAsTheAgentReadsThem) {
+TEST_F(CheckInTest, RowAndRowKeyAsTheAgentReadsThemAndNRetFirst) {
     EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 0);
     EXPECT_EQ(CheckedInRow(), "cn=lease|aux-1|;svc;aux-4;acct;mem-3;{ERROR_CODE};;cn=lease|user@example.test|20301231T120000Z");
     EXPECT_NE(NewLines("CheckIn ")[0].find("url=https://corvin/auth srvId=srv-1 user=corvin-user"), std::string::npos);
     EXPECT_EQ(CheckIn(Record(L"", false)), 0);
     EXPECT_EQ(CheckedInRow(), "|aux-1|;svc;;acct;mem-3;{ERROR_CODE};;|user@example.test|20301231T120000Z");
+    standin::SetScript(L"CheckInNRet", 9);
+    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 9) << "a non-zero nRet is the result";
 }
 
 TEST_F(CheckInTest, GlobalDataBagIsDeletedBeforeTheCheckInOnlyWhenItExists) {
@@ -88,15 +90,6 @@ TEST_F(CheckInTest, GlobalDataBagIsDeletedBeforeTheCheckInOnlyWhenItExists) {
     EXPECT_EQ(NewLines("IsAccDataBagExist bag=bag-missing").size(), 1u);
     EXPECT_TRUE(NewLines("DeleteAccDataBag").empty());
     EXPECT_EQ(NewLines("CheckIn ").size(), 1u);
-}
-
-TEST_F(CheckInTest, ResultComesFromNRetOrTheOneOutputInteger) {
-    standin::SetScript(L"CheckInResults", std::wstring(L"44"));
-    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 44);
-    standin::SetScript(L"CheckInOutputCount", 2);
-    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), SharedIdReleaser::kUnexpectedAnswer);
-    standin::SetScript(L"CheckInNRet", 9);
-    EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 9);
 }
 
 TEST_F(CheckInTest, InitNeedsTheScriptSupportAndAcceptsAMultithreadedThread) {

@@ -19,12 +19,6 @@ void SetWex(const wchar_t* name, DWORD value) {
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, name, value);
 }
 
-std::wstring CredentialFolder() {
-    wchar_t appData[MAX_PATH] = {};
-    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
-    return std::wstring(appData) + L"\\Kel\\Tarrow\\";
-}
-
 size_t CheckIns() { return standin::JournalLines("CheckIn ").size(); }
 
 // Whether `text` occurs, as UTF-16 or as UTF-8, in any file in `folder`.

@@ -54,12 +54,8 @@ void CheckSwitches(HKEY root, HKEY other, std::initializer_list<const wchar_t*> 
     EXPECT_TRUE(KeyExists(root, L"Software\\Classes\\AppID"));
 }
 
-TEST(RegistrationTest, AllUsersSwitchesInAnySpellingAndRepeated) {
-    CheckSwitches(HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, {L"-RegServer", L"/REGSERVER"},
-                  {L"/UnregServer", L"-unregserver"});
-}
-
-TEST(RegistrationTest, PerUserSwitchesInAnySpellingAndRepeated) {
+TEST(RegistrationTest, SwitchesForAllUsersAndPerUserInAnySpellingAndRepeated) {
+    CheckSwitches(HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, {L"-RegServer", L"/REGSERVER"}, {L"/UnregServer", L"-unregserver"});
     CheckSwitches(HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE, {L"/RegServerPerUser", L"-regserverperuser"},
                   {L"-UnregServerPerUser", L"/UNREGSERVERPERUSER"});
 }

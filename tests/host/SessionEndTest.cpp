@@ -8,17 +8,6 @@
 namespace testsupport {
 namespace {
 
-// wineboot lives in the system folder, outside the test's program folder that ChildProcess uses.
-bool RunToEnd(std::wstring commandLine) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
-        return false;
-    NS_Utils::UniqueHandle process(info.hProcess), thread(info.hThread);
-    return ::WaitForSingleObject(process.get(), 300000) == WAIT_OBJECT_0;
-}
-
 class SessionEndTest : public ServiceTest {
 protected:
     static void SetUpTestSuite() {
@@ -33,15 +22,14 @@ TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
     for (ChildProcess& holder : holders)
         ASSERT_EQ(Register(holder.Id(), Credential(L"role-" + std::to_wstring(holder.Id()))), 0u);
     tarrow.reset();
-    ASSERT_TRUE(RunToEnd(L"C:\\windows\\system32\\wineboot.exe --end-session"));
+    ChildProcess wineboot = ChildProcess::Start(L"C:\\windows\\system32\\wineboot.exe", L"--end-session");
+    ASSERT_EQ(wineboot.Wait(300000), WAIT_OBJECT_0);
     for (ChildProcess& holder : holders) {
         ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
         EXPECT_EQ(holder.ExitCode(), 8976u);
     }
     EXPECT_EQ(standin::JournalLines("CheckIn ").size(), 3u);
-    wchar_t appData[MAX_PATH] = {};
-    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
-    EXPECT_TRUE(ListFiles(std::wstring(appData) + L"\\Kel\\Tarrow\\", L"*.dat").empty());
+    EXPECT_TRUE(ListFiles(CredentialFolder(), L"*.dat").empty());
 }
 
 }  // namespace

@@ -96,21 +96,6 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     EXPECT_EQ(lease->PendingCount(), 1u);
 }
 
-TEST_F(LeaseTest, DeltaZeroMakesOnlyTheCurrentSecondDue) {
-    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", 0);
-    std::shared_ptr<CLeaseMonitor> narrow = CLeaseMonitor::Create([this] { return now; });
-    NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime");
-    ASSERT_EQ(narrow->DeltaTime(), 0);
-    monitor->AttachLeaseMonitor(narrow);
-    ChildProcess exact = Hold(L"exact", kNow), before = Hold(L"before", kNow - 1), after = Hold(L"after", kNow + 1);
-    const size_t staleLines = CountInServiceLog(L"before time period of monitoring");
-    narrow->Poll(1);
-    EXPECT_EQ(CountInServiceLog(Shown(exact.Id())), 1u);
-    EXPECT_EQ(CountInServiceLog(Shown(before.Id())), 1u);
-    EXPECT_EQ(CountInServiceLog(L"before time period of monitoring"), staleLines + 1);
-    EXPECT_EQ(CountInServiceLog(Shown(after.Id())), 0u);
-}
-
 TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
     ChildProcess holder = Hold(L"warned", kNow);
     lease->Poll(1);

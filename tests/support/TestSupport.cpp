@@ -66,7 +66,8 @@ std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstrin
 }
 
 ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring& arguments) {
-    std::wstring path = NS_Utils::ExecutableFolder() + program, commandLine = L"\"" + path + L"\" " + arguments;
+    const bool absolute = program.find(L'\\') != std::wstring::npos;
+    std::wstring path = absolute ? program : NS_Utils::ExecutableFolder() + program, commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};
@@ -93,6 +94,12 @@ DWORD ChildProcess::ExitCode() const {
 
 void ChildProcess::Kill() {
     if (m_process && Wait(0) == WAIT_TIMEOUT && ::TerminateProcess(m_process.get(), 1)) Wait(5000);
+}
+
+std::wstring CredentialFolder() {
+    wchar_t appData[MAX_PATH] = {};
+    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
+    return std::wstring(appData) + L"\\Kel\\Tarrow\\";
 }
 
 bool WaitUntil(const std::function<bool()>& condition, DWORD timeoutMs) {

@@ -23,7 +23,7 @@ std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstrin
 
 class ChildProcess {
 public:
-    // Starts `program` (a name in the program folder) with `arguments`; check Valid().
+    // Starts `program` (a name in the program folder, or a full path) with `arguments`; check Valid().
     static ChildProcess Start(const std::wstring& program, const std::wstring& arguments);
     // tarrow_testchild.exe; see its options there.
     static ChildProcess StartHelper(const std::wstring& arguments) { return Start(L"tarrow_testchild.exe", arguments); }
@@ -49,6 +49,9 @@ private:
 
 // A process that holds credentials until it is ended.
 inline ChildProcess StartHolder() { return ChildProcess::StartHelper(L"--sleep 600000"); }
+
+// The service's credential folder under the "appdata" this process passes on.
+std::wstring CredentialFolder();
 
 // Polls a condition that the service reaches on threads or processes of its own; false when the
 // time ran out.
