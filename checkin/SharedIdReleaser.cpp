@@ -36,7 +36,7 @@ SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); 
 
 bool SharedIdReleaser::IsRetryable(int code) {
     switch (code) {
-    case 5: case 7: case 8: case 37: case 41: case 43:
+    case 5: case 7: case 8: case 37: case 41: case 43: case kStopped:
         return true;
     default:
         return false;
@@ -106,7 +106,7 @@ bool SharedIdReleaser::CreateScriptSupport() {
 
 int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes) {
     CheckThread();
-    RefreshAccountForCheckIn();
+    if (!RefreshAccountForCheckIn()) return kStopped;
     const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(credential.GetCorvinAuthSvcUrl());
     const NS_Utils::UniqueBstr srvId = NS_Utils::AllocBstr(credential.GetCorvinAuthSrvId());
     NS_Utils::UniqueVariant input;
@@ -127,13 +127,15 @@ int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* 
     return DecideResult(hr, nRet, *output.get());
 }
 
-void SharedIdReleaser::RefreshAccountForCheckIn() {
+bool SharedIdReleaser::RefreshAccountForCheckIn() {
     if (!UpdateCorvinCred()) Log(2, kReleaseTag, L"]\t Cannot get Corvin cred.");
-    if (!m_corvinUser.empty()) return;
+    if (!m_corvinUser.empty()) return true;
     Log(2, kReleaseTag, L"]\t No Corvin cred is available yet.");
     // The check-in goes ahead with whatever the cache holds; the agent answers for an account
     // it cannot use with a code that is retried.
-    if (!WaitForBriskLoginBlocking()) Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
+    const LoginWait wait = WaitForLogin();
+    if (wait != LoginWait::kLoggedOn) Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
+    return wait != LoginWait::kStopping;
 }
 
 void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
@@ -211,18 +213,20 @@ bool SharedIdReleaser::ResolveAuthId() {
     return true;
 }
 
-bool SharedIdReleaser::WaitForBriskLoginBlocking() {
+bool SharedIdReleaser::WaitForBriskLoginBlocking() { return WaitForLogin() == LoginWait::kLoggedOn; }
+
+SharedIdReleaser::LoginWait SharedIdReleaser::WaitForLogin() {
     CheckThread();
-    if (!m_scriptSupport) return false;
+    if (!m_scriptSupport) return LoginWait::kCannotAsk;
     NS_Log::Log(3, L"[SharedIdReleaser::WaitForBriskLoginBlocking]\t Waiting for the user to log on to the agent.");
     for (;;) {
         NS_Utils::UniqueVariant value;
         DISPPARAMS none{};
         if (FAILED(m_scriptSupport->Invoke(m_enterpriseIdDispId, IID_NULL, kAgentLcid, DISPATCH_PROPERTYGET, &none,
                                            value.put(), nullptr, nullptr)))
-            return false;
-        if (value.get()->vt == VT_BSTR && ::SysStringLen(value.get()->bstrVal) > 0) return true;
-        ::Sleep(m_loginPollMs);
+            return LoginWait::kCannotAsk;
+        if (value.get()->vt == VT_BSTR && ::SysStringLen(value.get()->bstrVal) > 0) return LoginWait::kLoggedOn;
+        if (!m_pause(m_loginPollMs)) return LoginWait::kStopping;
     }
 }
 

@@ -13,6 +13,8 @@
 #include "common/ComHandles.h"
 #include "sharedid/SharedId.h"
 
+#include <climits>
+#include <functional>
 #include <string>
 
 class SharedIdReleaser {
@@ -22,9 +24,17 @@ public:
     // The credential was checked out by another identity-server user: give up, forget it.
     static constexpr int kDifferentUser = 42;
     static constexpr DWORD kLoginPollMs = 5000;
+    // Not sent: the service stopped while the check-in waited for the agent's logon. Retried like
+    // a transient answer, so the credential's file stays for the next start.
+    static constexpr int kStopped = INT_MIN;
+
+    // Pauses the worker; false when the service is stopping and the caller should give up.
+    using Pause = std::function<bool(DWORD milliseconds)>;
 
     // `loginPollMs`: the pause between two questions while waiting for the agent's logon.
     explicit SharedIdReleaser(DWORD loginPollMs = kLoginPollMs) : m_loginPollMs(loginPollMs) {}
+    // Before the worker starts: the login wait pauses through `pause`, so that a stop ends it.
+    void SetPause(Pause pause) { m_pause = std::move(pause); }
     SharedIdReleaser(const SharedIdReleaser&) = delete;
     SharedIdReleaser& operator=(const SharedIdReleaser&) = delete;
     ~SharedIdReleaser();
@@ -48,8 +58,8 @@ public:
     bool UpdateCorvinCred();
     // Finds the identity-server authentication-service id and keeps it; false when none.
     bool ResolveAuthId();
-    // Returns true once the agent reports a logged-on user, false when it cannot be asked.
-    // Polls without a time limit.
+    // Returns true once the agent reports a logged-on user, false when it cannot be asked or the
+    // pause reports a stop. Polls without a time limit.
     bool WaitForBriskLoginBlocking();
 
     // Drops the agent's objects and wipes the cached account; for the worker before it ends,
@@ -60,7 +70,10 @@ private:
     bool InitCom();
     bool CreateCheckInAgent();
     bool CreateScriptSupport();
-    void RefreshAccountForCheckIn();
+    enum class LoginWait { kLoggedOn, kCannotAsk, kStopping };
+    LoginWait WaitForLogin();
+    // False when the service is stopping and nothing should be sent.
+    bool RefreshAccountForCheckIn();
     void DeleteGlobalAccountDataBag(const CSharedId& credential);
     int DecideResult(HRESULT hr, LONG nRet, const VARIANT& output);
     void CheckThread() const;
@@ -74,5 +87,6 @@ private:
     std::wstring m_corvinPassword;  // secret: only here and in the check-in call; wiped on change
     std::wstring m_corvinAuthSvcId;
     DWORD m_loginPollMs;
+    Pause m_pause = [](DWORD milliseconds) { return ::Sleep(milliseconds), true; };
     DWORD m_workerThreadId = 0;
 };

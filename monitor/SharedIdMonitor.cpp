@@ -32,6 +32,8 @@ std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     // ended before the monitor is destroyed, so the hook never outlives it.
     SharedIdMonitor* raw = monitor.get();
     monitor->m_gc->SetWorkerExitHook([raw] { raw->m_releaser.Reset(); });
+    // A user who never logs on to the agent must not hold up the end of the service.
+    monitor->m_releaser.SetPause([gc = monitor->m_gc.get()](DWORD ms) { return gc->WaitUnlessStopping(ms); });
     return monitor;
 }
 

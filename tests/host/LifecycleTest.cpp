@@ -95,6 +95,30 @@ TEST_F(LifecycleTest, StopMidRetryLosesNothingAndRestartLeavesWhatAnotherInstanc
     ::DeleteFileW((CredentialFolder() + L"unreadable.dat").c_str());
 }
 
+// A user who never logs on to the agent: the stop ends the wait and nothing is sent.
+TEST_F(LifecycleTest, StopDuringTheLogonWaitSendsNothingAndKeepsTheFile) {
+    tarrow.reset();
+    s_service->Stop();  // a fresh service has no account cached from earlier tests
+    standin::SetScript(L"WalletUser", std::wstring());
+    standin::SetScript(L"EnterpriseIdEmptyReads", 1000000);
+    ASSERT_TRUE(s_service->Start());
+    ASSERT_EQ(tarrowctl::ConnectToTarrow(tarrow), S_OK);
+    const std::wstring waiting = L"Waiting for the user to log on to the agent.";
+    const size_t waitsBefore = CountInServiceLog(waiting);
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(holder.Id(), Credential(L"never-logged-on")), 0u);
+    holder.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return CountInServiceLog(waiting) > waitsBefore; }));
+    tarrow.reset();
+    EXPECT_EQ(s_service->Stop(), 0u);
+    EXPECT_EQ(CheckIns(), 0u);
+    EXPECT_EQ(ListFiles(CredentialFolder(), L"*.dat").size(), 1u);
+    standin::ClearScript();
+    standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+    ASSERT_TRUE(s_service->Start());
+    EXPECT_TRUE(WaitUntil([] { return CheckIns() == 1 && ListFiles(CredentialFolder(), L"*.dat").empty(); }));
+}
+
 TEST_F(LifecycleTest, TheServiceNeverWatchesItsOwnProcess) {
     DWORD own = s_service->Pid();
     EXPECT_EQ(Register(own, Credential(L"own")), 1u);
