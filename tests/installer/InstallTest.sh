@@ -1,0 +1,106 @@
+#!/usr/bin/env bash
+# The per-user package through Windows Installer, in a Wine prefix of its own: a quiet install
+# puts the programs in the user's programs folder, registers Tarrow for the user and for logon;
+# Tarrow started by the logon command answers a real holder's credential; a quiet uninstall
+# removes all of it and leaves the credential files that were never checked in.
+#   InstallTest.sh <Tarrow-x.y.z.msi>
+set -u
+here=$(cd "$(dirname "$0")" && pwd)
+. "$here/../../scripts/wine-env.sh"
+msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+root=${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}
+
+ensure_template "$root"
+prefix=$(new_prefix "$root")
+trap 'end_prefix "$prefix"' EXIT
+trap 'exit 143' TERM INT
+export WINEPREFIX=$prefix
+"$WINESERVER" -p
+w() { "$WINE" "$@"; }
+
+failures=0
+check() {
+    local what=$1
+    shift
+    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
+}
+timed() {
+    local start result tenths
+    start=$(date +%s%N)
+    "$@"
+    result=$?
+    tenths=$((($(date +%s%N) - start) / 100000000))
+    echo "($* took $((tenths / 10)).$((tenths % 10)) s)"
+    return $result
+}
+key_exists() { w reg query "$1" >/dev/null 2>&1; }
+key_gone() { ! key_exists "$1"; }
+# The data of value $2 of key $1; "(Default)" is the key's default value.
+value_of() {
+    local which=(/v "$2")
+    [ "$2" = "(Default)" ] && which=(/ve)
+    w reg query "$1" "${which[@]}" 2>/dev/null | tr -d '\r' | sed -n "s/^ *$2 *REG_[A-Z_]* *//p"
+}
+
+user_dir="$prefix/drive_c/users/$(whoami)"
+programs="$user_dir/AppData/Local/Programs/Tarrow"
+credentials="$user_dir/AppData/Roaming/Kel/Tarrow"
+classes='HKCU\Software\Classes'
+run='HKCU\Software\Microsoft\Windows\CurrentVersion\Run'
+clsid='{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}'
+typelib='{B6A57EE2-3022-44AA-9E24-04C8632479F1}'
+interface='{05C892BC-AEDA-4A86-8AD4-2F2A9DA4BBE9}'
+com_keys=("$classes\\CLSID\\$clsid\\LocalServer32" "$classes\\Tarrow.Tarrow" "$classes\\Tarrow.Tarrow.1"
+          "$classes\\AppID\\Tarrow.EXE")
+# The type library's keys, which marshaling needs: Windows writes them for the user, Wine's
+# registration for the user writes them for the machine.
+marshaling_keys=("TypeLib\\$typelib" "Interface\\$interface")
+for_user_or_machine() { key_exists "$classes\\$1" || key_exists "HKLM\\Software\\Classes\\$1"; }
+in_neither() { ! for_user_or_machine "$1"; }
+# The log goes to the agent's folder, as on a desktop with the agent, not into the programs folder.
+w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTestInstall' /f >/dev/null
+
+echo "== msiexec /i"
+check "install exits 0" timed w msiexec /i "Z:${msi//\//\\}" /qn
+for file in Tarrow.exe Tarrow.tlb tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
+for key in "${com_keys[@]}"; do check "$key present" key_exists "$key"; done
+for key in "${marshaling_keys[@]}"; do check "$key present" for_user_or_machine "$key"; done
+command=$(value_of "$run" Tarrow)
+check "the logon command is the quoted Tarrow.exe" test "$command" = "\"$(w winepath -w "$programs/Tarrow.exe" | tr -d '\r')\""
+check "the class is served by the installed Tarrow.exe" \
+    test "$(value_of "$classes\\CLSID\\$clsid\\LocalServer32" '(Default)')" = "${command//\"/}"
+
+echo "== Tarrow started by the logon command"
+"$WINE" "${command//\"/}" &
+tarrow=$!
+ctl() { w "$programs/tarrowctl.exe" "$@"; }
+for _ in $(seq 100); do ctl query --url x --auth-svc-id y --role z >/dev/null 2>&1; [ $? -ne 101 ] && break; sleep 0.1; done
+cred=(--url https://corvin.example/auth --auth-svc-id svc-17 --role role-admin)
+holder=$(ctl register --hold "${cred[@]}" --srv-id corvin-1 --shared-id shared-admin-04 \
+    --lease-dn 'cn=lease-881,ou=leases' --lease-expiry 20301231T120000Z --flag true | tr -d '\r' |
+    sed -n 's/^holder pid //p')
+check "a holder registers a credential (process $holder)" test -n "$holder"
+record=$(ctl query "${cred[@]}" | tr -d '\r')
+check "tarrowctl query answers it" test -n "$record"
+held_file=$(sed -n 's/^fileName = .*\\//p' <<<"$record")
+check "its file ($held_file) is written" test -f "$credentials/$held_file"
+# TODO(status): once `tarrowctl status` exists, check here that it lists this credential with
+# the holder $holder and the state "held".
+
+echo "== a credential left behind, Tarrow stopped, msiexec /x"
+echo left > "$credentials/20010101000000.dat"
+kill "$tarrow"
+wait "$tarrow" 2>/dev/null
+check "Tarrow has stopped" eval 'ctl query "${cred[@]}" >/dev/null 2>&1; [ $? -eq 101 ]'
+check "the holder has ended" eval 'w taskkill /f /pid "$holder" >/dev/null 2>&1'
+left_before=$(cd "$credentials" && ls -l --time-style=+%s.%N)
+check "uninstall exits 0" timed w msiexec /x "Z:${msi//\//\\}" /qn
+check "the programs folder is gone" test ! -e "$programs"
+for key in "${com_keys[@]}" "$classes\\CLSID\\$clsid"; do check "$key gone" key_gone "$key"; done
+for key in "${marshaling_keys[@]}"; do check "$key gone" in_neither "$key"; done
+check "the logon value is gone" test -z "$(value_of "$run" Tarrow)"
+check "the credential files are untouched" test "$(cd "$credentials" && ls -l --time-style=+%s.%N)" = "$left_before"
+check "the registered credential's file is among them" test -f "$credentials/$held_file"
+
+[ "$failures" -eq 0 ] && echo "all passed" || echo "$failures failed"
+[ "$failures" -eq 0 ]
