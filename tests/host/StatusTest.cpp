@@ -74,7 +74,7 @@ protected:
 std::vector<std::wstring> Row(const tarrowctl::StatusText& text, const std::wstring& role) {
     for (const auto& row : text.credentials)
         if (row[0] == kService + L":" + role + L":" + kUrl) return row;
-    return {};
+    return std::vector<std::wstring>(tarrowctl::StatusColumns().size());
 }
 
 TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
@@ -86,20 +86,16 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     tarrowctl::StatusText text;
     ASSERT_TRUE(WaitUntil([&] { return ReadAsScript(snapshot, text) && Row(text, L"leaving").at(6) == L"retrying"; }));
 
-    const std::vector<std::pair<std::wstring, std::wstring>> service = {
-        {L"lease count", L"2"}, {L"version", L"" TARROW_VERSION_TEXT},
-        {L"agent reachable", L"yes"}};
-    for (const auto& expected : service)
+    for (const auto& expected : {std::pair<std::wstring, std::wstring>{L"lease count", L"2"},
+                                 {L"version", L"" TARROW_VERSION_TEXT}, {L"agent reachable", L"yes"}})
         EXPECT_NE(std::find(text.service.begin(), text.service.end(), expected), text.service.end()) << expected.first;
+    // Columns: credential, account, lease DN, expiry, holders, file, state, result, attempts, next, end.
     const std::vector<std::wstring> retrying = Row(text, L"leaving"), held = Row(text, L"held");
-    EXPECT_EQ(retrying.at(4), L"");
-    EXPECT_EQ(std::vector<std::wstring>(retrying.begin() + 6, retrying.begin() + 9),
-              (std::vector<std::wstring>{L"retrying", L"37", L"1"}));
-    EXPECT_FALSE(retrying.at(9).empty());
-    EXPECT_EQ(std::vector<std::wstring>(held.begin() + 1, held.begin() + 3), (std::vector<std::wstring>{L"acct", L"cn=held"}));
-    EXPECT_EQ(held.at(4), std::to_wstring(holder.Id()) + L" tarrow_testchild.exe");
-    EXPECT_EQ(held.at(6), L"held");
-    EXPECT_NE(held.at(5).find(L".dat"), std::wstring::npos);
+    EXPECT_EQ(retrying[4] + L"|" + retrying[6] + L"|" + retrying[7] + L"|" + retrying[8], L"|retrying|37|1");
+    EXPECT_FALSE(retrying[9].empty());
+    EXPECT_EQ(held[1] + L"|" + held[2] + L"|" + held[4] + L"|" + held[6],
+              L"acct|cn=held|" + std::to_wstring(holder.Id()) + L" tarrow_testchild.exe|held");
+    EXPECT_NE(held[5].find(L".dat"), std::wstring::npos);
     std::wstring texts;
     AllTexts(*snapshot.get(), texts);
     EXPECT_EQ(texts.find(L"mem-"), std::wstring::npos) << "a memory-only text in the status";
