@@ -92,7 +92,8 @@ Row ServiceRow(const ServiceStatus& service, const ServiceFacts& facts) {
 
 Row Holders(const std::vector<HolderStatus>& holders) {
     Row list(static_cast<ULONG>(holders.size()));
-    for (const HolderStatus& holder : holders) list.Nested(std::move(Row(2).Int(static_cast<LONG>(holder.pid)).Text(holder.executable)));
+    for (const HolderStatus& holder : holders)
+        list.Nested(std::move(Row(2).Int(static_cast<LONG>(holder.pid)).Text(holder.executable)));
     return list;
 }
 

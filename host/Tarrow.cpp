@@ -171,8 +171,8 @@ HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
 
 HRESULT CTarrow::RegisterActive() {
     HRESULT hr = m_activeObject.Register(static_cast<ITarrowStatus*>(this), CLSID_Tarrow);
-    NS_Log::Log(FAILED(hr) ? 1 : 3, L"[CTarrow::RegisterActive]\t Registered as the active object of its class; hr = 0x" +
-                                        HexResult(hr));
+    NS_Log::Log(FAILED(hr) ? 1 : 3,
+                L"[CTarrow::RegisterActive]\t Registered as the active object of its class; hr = 0x" + HexResult(hr));
     return hr;
 }
 

@@ -55,9 +55,9 @@ public:
     // Publishes the object as the active object of its class, weakly, for scripts.
     HRESULT RegisterActive();
     // The end of the service, on the main thread once its message loop has ended: withdraws the
-    // object from the table (the active object's entry first), then stops the lease monitor and the collector (in that order, so
-    // that no warning starts while check-ins finish) and destroys the registry here. Calls that
-    // still arrive are refused.
+    // object from the table (the active object's entry first), then stops the lease monitor and
+    // the collector (in that order, so that no warning starts while check-ins finish) and
+    // destroys the registry here. Calls that still arrive are refused.
     void Shutdown();
 
 private:

@@ -204,7 +204,8 @@ int Status(ITarrow* tarrow, const Options& options) {
     if (SUCCEEDED(hr)) hr = status->GetStatus(snapshot.put());
     if (FAILED(hr)) return Fail(kCallFailed, L"GetStatus failed");
     tarrowctl::StatusText text;
-    if (!tarrowctl::ReadStatus(*snapshot.get(), text)) return Fail(kCallFailed, L"the service answered with a malformed status");
+    if (!tarrowctl::ReadStatus(*snapshot.get(), text))
+        return Fail(kCallFailed, L"the service answered with a malformed status");
     Write(stdout, options.csv ? tarrowctl::StatusCsv(text) : tarrowctl::StatusTable(text));
     return 0;
 }

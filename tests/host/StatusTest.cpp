@@ -25,7 +25,8 @@ void AllTexts(const VARIANT& value, std::wstring& texts) {
 DWORD RunCtl(const std::wstring& arguments, std::string& output) {
     const std::wstring path = MakeTempFolder(L"ctl") + L"out.txt";
     SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
+    NS_Utils::UniqueHandle file(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
     std::wstring commandLine = L"\"" + NS_Utils::ExecutableFolder() + L"tarrowctl.exe\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
@@ -113,7 +114,8 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     // What the stopped service left for its next start would be checked in by the next suite's.
     wchar_t appData[MAX_PATH] = {};
     ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
-    for (const auto& row : text.credentials) ::DeleteFileW((std::wstring(appData) + L"\\Kel\\Tarrow\\" + row.at(5)).c_str());
+    for (const auto& row : text.credentials)
+        ::DeleteFileW((std::wstring(appData) + L"\\Kel\\Tarrow\\" + row.at(5)).c_str());
 }
 
 }  // namespace
