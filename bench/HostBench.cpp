@@ -1,6 +1,8 @@
 // Round trips to the running service, printed, never asserted: the median of RegisterSharedId and
 // of ReleaseSharedId beside the median of GetTypeInfoCount on the same proxy (the cost of the COM
-// call itself), at the default log level and at level 4. Starts Tarrow.exe itself.
+// call itself), at the default log level and at level 4; then a hundred holders that register and
+// exit at once, alone and while another client asks for the status in a loop (the registrations'
+// median and longest time, and the status call's). Starts Tarrow.exe itself.
 //   host_bench [calls per figure]
 
 #include "common/Registry.h"
@@ -10,7 +12,9 @@
 #include "tools/TarrowClient.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 using testsupport::ChildProcess;
@@ -52,6 +56,58 @@ void Print(const char* level, const Figures& f) {
                 level, f.bare, f.registration, f.registration / f.bare, f.release, f.release / f.bare);
 }
 
+struct Burst {
+    double median, longest, status;
+    size_t statusCalls;
+};
+
+// Another client of the service, on a thread and apartment of its own, asking for the status until told to stop.
+void StatusLoop(const std::atomic<bool>& stop, std::vector<double>& times) {
+    NS_Utils::ComApartment com;
+    NS_Utils::ComPtr<ITarrow> tarrow;
+    NS_Utils::ComPtr<ITarrowStatus> status;
+    if (FAILED(tarrowctl::ConnectToTarrow(tarrow)) || FAILED(tarrow.As(status))) return;
+    while (!stop) {
+        NS_Utils::UniqueVariant snapshot;
+        double t0 = Now();
+        status->GetStatus(snapshot.put());
+        times.push_back(Now() - t0);
+    }
+}
+
+Burst HundredHolders(ITarrow* tarrow, bool withStatus) {
+    std::vector<ChildProcess> holders;
+    for (int i = 0; i < 100; ++i) holders.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
+    std::atomic<bool> stop{false};
+    std::vector<double> registrations, statusTimes;
+    std::thread loop;
+    if (withStatus) loop = std::thread(StatusLoop, std::cref(stop), std::ref(statusTimes));
+    NS_Utils::UniqueBstr url(std::wstring(L"https://corvin/auth")), svc(std::wstring(L"svc")),
+        account(std::wstring(L"acct")), expiry(std::wstring(L"20301231T120000Z"));
+    for (size_t i = 0; i < holders.size(); ++i) {
+        NS_Utils::UniqueBstr role(L"burst-" + std::to_wstring(i)), lease(L"cn=burst-" + std::to_wstring(i));
+        DWORD result = 0;
+        double t0 = Now();
+        tarrow->RegisterSharedId(holders[i].Id(), url.get(), svc.get(), nullptr, svc.get(), account.get(), nullptr,
+                                 role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE, nullptr, &result);
+        registrations.push_back(Now() - t0);
+    }
+    // They exit together: their exits take the registry lock while the status copies under it.
+    for (ChildProcess& holder : holders) ::TerminateProcess(holder.Handle(), 0);
+    for (ChildProcess& holder : holders) holder.Wait(10000);
+    ::Sleep(2000);
+    stop = true;
+    if (loop.joinable()) loop.join();
+    return {Median(registrations), *std::max_element(registrations.begin(), registrations.end()), Median(statusTimes),
+            statusTimes.size()};
+}
+
+void PrintBurst(const char* label, const Burst& b) {
+    std::printf("%-22s RegisterSharedId median %7.3f ms, longest %7.3f ms", label, b.median, b.longest);
+    if (b.statusCalls) std::printf(" | GetStatus median %7.3f ms (%zu calls)", b.status, b.statusCalls);
+    std::printf("\n");
+}
+
 void SetLogLevel(DWORD level) {
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"LogLevel", level);
 }
@@ -71,6 +127,9 @@ int wmain(int argc, wchar_t** argv) {
     SetLogLevel(4);
     Measure(tarrow.get(), holder.Id(), 20);  // the service reads its log settings every tenth line
     Print("level 4", Measure(tarrow.get(), holder.Id(), calls));
+    SetLogLevel(1);
+    PrintBurst("100 holders", HundredHolders(tarrow.get(), false));
+    PrintBurst("100 holders + status", HundredHolders(tarrow.get(), true));
 
     ::PostThreadMessageW(service.MainThreadId(), WM_QUIT, 0, 0);
     service.Wait(30000);

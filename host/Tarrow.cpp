@@ -4,7 +4,10 @@
 #include "host/Registration.h"
 #include "host/RetryWhileUnavailable.h"
 #include "host/SharedIdSerializer.h"
+#include "host/StatusVariant.h"
 #include "host/TarrowModule.h"
+
+#include "TarrowVersion.h"
 
 #include <new>
 
@@ -31,6 +34,7 @@ CTarrow::~CTarrow() {
 }
 
 void CTarrow::Shutdown() {
+    m_activeObject.Revoke();
     RevokeFromROT();
     if (!m_monitor) return;
     // Lease monitor first, then the collector: see SharedIdMonitor::Shutdown.
@@ -40,8 +44,8 @@ void CTarrow::Shutdown() {
 
 HRESULT CTarrow::QueryInterface(REFIID iid, void** object) {
     if (!object) return E_POINTER;
-    if (iid == IID_IUnknown || iid == IID_IDispatch || iid == IID_ITarrow) {
-        *object = static_cast<ITarrow*>(this);
+    if (iid == IID_IUnknown || iid == IID_IDispatch || iid == IID_ITarrow || iid == IID_ITarrowStatus) {
+        *object = static_cast<ITarrowStatus*>(this);
         AddRef();
         return S_OK;
     }
@@ -63,7 +67,7 @@ HRESULT CTarrow::LoadTypeInfo() {
     HRESULT hr = ::LoadTypeLibEx(NS_Registration::TypeLibraryPath().c_str(), REGKIND_NONE, library.put());
     if (FAILED(hr)) hr = ::LoadRegTypeLib(LIBID_KelSlnHelperLib, 1, 0, LOCALE_NEUTRAL, library.put());
     if (FAILED(hr)) return hr;
-    return library->GetTypeInfoOfGuid(IID_ITarrow, m_typeInfo.put());
+    return library->GetTypeInfoOfGuid(IID_ITarrowStatus, m_typeInfo.put());
 }
 
 HRESULT CTarrow::GetTypeInfoCount(UINT* count) {
@@ -93,7 +97,7 @@ HRESULT CTarrow::Invoke(DISPID id, REFIID iid, LCID, WORD flags, DISPPARAMS* par
     if (iid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
     HRESULT hr = LoadTypeInfo();
     if (FAILED(hr)) return hr;
-    return ::DispInvoke(static_cast<ITarrow*>(this), m_typeInfo.get(), id, flags, params, result, exception,
+    return ::DispInvoke(static_cast<ITarrowStatus*>(this), m_typeInfo.get(), id, flags, params, result, exception,
                         argumentError);
 }
 
@@ -148,6 +152,30 @@ HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR au
     return S_OK;
 }
 
+HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
+    if (!snapshot) return E_POINTER;
+    ::VariantInit(snapshot);
+    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
+    NS_Status::ServiceFacts facts{{}, L"" TARROW_VERSION_TEXT};
+    FILETIME unused[3];
+    ::GetProcessTimes(::GetCurrentProcess(), &facts.started, &unused[0], &unused[1], &unused[2]);
+    try {
+        NS_Status::ToVariant(m_monitor->TakeStatusSnapshot(), facts, snapshot);
+    } catch (const std::bad_alloc&) {
+        NS_Log::Log(1, L"[Tarrow::GetStatus]\t Out of memory while building the status.");
+        return E_OUTOFMEMORY;
+    }
+    NS_Log::Log(4, L"[Tarrow::GetStatus]\t Status given.");
+    return S_OK;
+}
+
+HRESULT CTarrow::RegisterActive() {
+    HRESULT hr = m_activeObject.Register(static_cast<ITarrowStatus*>(this), CLSID_Tarrow);
+    NS_Log::Log(FAILED(hr) ? 1 : 3,
+                L"[CTarrow::RegisterActive]\t Registered as the active object of its class; hr = 0x" + HexResult(hr));
+    return hr;
+}
+
 HRESULT CTarrow::RegisterInROT() {
     if (m_rotCookie != 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
@@ -164,7 +192,7 @@ HRESULT CTarrow::RegisterInROT() {
     }
     NS_Utils::ComPtr<CTarrow> self = NS_Utils::ComPtr<CTarrow>::Attach(this);
     AddRef();
-    hr = table->Register(ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT, static_cast<ITarrow*>(this),
+    hr = table->Register(ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT, static_cast<ITarrowStatus*>(this),
                          moniker.get(), &m_rotCookie);
     NS_Log::Log(3, L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
                        std::to_wstring(hr));

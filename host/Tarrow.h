@@ -1,11 +1,14 @@
 #pragma once
 // The service's COM object. A thin adapter: COM arguments become a credential record, the
 // registry answers, one log line tells the outcome, and the registry's code goes back.
+// ITarrowStatus extends ITarrow, so the object has one vtable and one IDispatch, which knows
+// every method of both interfaces (a script given ITarrow's IDispatch finds GetStatus).
 //
 // Threads: everything on the main thread, the single-threaded apartment that serves all calls;
 // AddRef and Release from any thread.
 
 #include "common/ComHandles.h"
+#include "host/ActiveObject.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include "Tarrow_h.h"
@@ -13,7 +16,7 @@
 #include <atomic>
 #include <memory>
 
-class CTarrow final : public ITarrow {
+class CTarrow final : public ITarrowStatus {
 public:
     // A new object with one reference, which the caller owns. Throws std::bad_alloc only.
     static NS_Utils::ComPtr<CTarrow> Create();
@@ -23,7 +26,8 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override;
     ULONG STDMETHODCALLTYPE Release() override;
 
-    // IDispatch, served from the type library beside the executable.
+    // IDispatch, served from the type library beside the executable (ITarrowStatus's type
+    // information, which holds ITarrow's methods too).
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) override;
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID lcid, ITypeInfo** info) override;
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID iid, LPOLESTR* names, UINT count, LCID lcid, DISPID* ids) override;
@@ -40,15 +44,20 @@ public:
     HRESULT STDMETHODCALLTYPE GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                                     VARIANT_BOOL ownOnly, BSTR* serialized) override;
 
+    // ITarrowStatus: see host/StatusVariant.h for the rows.
+    HRESULT STDMETHODCALLTYPE GetStatus(VARIANT* snapshot) override;
+
     // Publishes the object under "KELTARROW"; S_FALSE when it already is.
     HRESULT RegisterInROT();
     // RegisterInROT, again with a growing pause for up to a minute while the table is unavailable.
     HRESULT RegisterInROTPatiently();
     HRESULT RevokeFromROT();
+    // Publishes the object as the active object of its class, weakly, for scripts.
+    HRESULT RegisterActive();
     // The end of the service, on the main thread once its message loop has ended: withdraws the
-    // object from the table, then stops the lease monitor and the collector (in that order, so
-    // that no warning starts while check-ins finish) and destroys the registry here. Calls that
-    // still arrive are refused.
+    // object from the table (the active object's entry first), then stops the lease monitor and
+    // the collector (in that order, so that no warning starts while check-ins finish) and
+    // destroys the registry here. Calls that still arrive are refused.
     void Shutdown();
 
 private:
@@ -60,4 +69,5 @@ private:
     std::shared_ptr<SharedIdMonitor> m_monitor;
     DWORD m_rotCookie = 0;
     NS_Utils::ComPtr<ITypeInfo> m_typeInfo;
+    CActiveObject m_activeObject;
 };

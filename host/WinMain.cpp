@@ -53,6 +53,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     {
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
         tarrow->RegisterInROTPatiently();
+        tarrow->RegisterActive();
         RunMessageLoop();
         tarrow->Shutdown();
     }

@@ -7,7 +7,8 @@
 // the registering thread, under the registry lock; Poll, HandleLeaseExpiration and
 // WaitForUserActionTimerExpiry on the poller thread; OnProcListChanged_ForSharedCredOnNotice and
 // RemoveProcessInfo on whichever thread changes a credential's holders; OnProcessWaitDone and
-// OnSessionEnd on the window's thread; UpdateCredentialsHeld on any thread. The expiry map has a
+// OnSessionEnd on the window's thread; UpdateCredentialsHeld on any thread; ListedRows on the COM
+// thread for the status view. The expiry map has a
 // lock of its own, never held while the registry lock is taken or the window is called.
 
 #include "common/CriticalSection.h"
@@ -53,6 +54,8 @@ public:
     void OnSessionEnd();
     // Tells the window whether any lease is counted; called after the count may have crossed 0.
     void UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount);
+    // The window's rows, for the status view; never under the registry lock.
+    std::vector<LMListedRow> ListedRows() const { return m_ui.ListedRows(); }
 
     // Ends the poller thread (ended by force after kStopWaitMs) and asks the window to close.
     void Shutdown();

@@ -85,6 +85,7 @@ std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(const CSharedId& reco
 }
 
 void SharedIdMonitor::QueueRelease(std::shared_ptr<CSharedId> credential) {
+    m_checkIns.Queued(*credential);
     m_gc->Queue([weak = weak_from_this(), credential = std::move(credential)] {
         std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
         if (!monitor) return;

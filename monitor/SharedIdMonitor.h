@@ -7,13 +7,16 @@
 // on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId
 // and every call into the releaser on the collector's worker; LeaseIncrease/LeaseDecrease from any
 // of them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
-// OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread. Each takes the monitor
-// lock for the maps and never calls listeners, the window or the agent under it.
+// OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread; TakeStatusSnapshot on the
+// COM thread. Each takes the monitor lock for the maps and never calls listeners, the window or
+// the agent under it. The check-in board (released credentials) has a leaf lock of its own.
 
 #include "checkin/SharedIdReleaser.h"
 #include "common/CriticalSection.h"
 #include "common/GarbageCollector.h"
+#include "monitor/CheckInBoard.h"
 #include "monitor/SimGC.h"
+#include "monitor/StatusSnapshot.h"
 #include "monitor/WaitInfo.h"
 #include "sharedid/PersistantStorage.h"
 #include "sharedid/SharedId.h"
@@ -100,6 +103,10 @@ public:
     // The session ends: ends every holder, then waits (bounded) until every lease is checked in.
     void OnWndSessionEnd();
 
+    // What is held and what waits for check-in. The registry's part is copied under the monitor
+    // lock; the window's rows and the holders' executable names are added after it is left.
+    StatusSnapshot TakeStatusSnapshot();
+
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;
     size_t SignatureEntryCount() const;
@@ -165,8 +172,12 @@ private:
     // Ends one holder with kTerminatedExitCode; logs a failure under `tag`.
     static bool TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag);
     void WaitForCheckIns();
+    // Under the monitor lock: the live credentials, and beside each its record for matching the
+    // window's rows once the lock is left.
+    void CopyHeldLocked(std::vector<CredentialStatus>& held, std::vector<std::weak_ptr<CSharedId>>& records) const;
 
     std::shared_ptr<CLeaseMonitor> m_leaseMonitor;
+    CCheckInBoard m_checkIns;
     std::atomic<LONG> m_leaseCount{0};
     std::atomic<bool> m_corvinRefreshQueued{false};
 };

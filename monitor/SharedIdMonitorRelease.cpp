@@ -87,7 +87,9 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     for (CSharedId& record : stored) {
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
         LeaseIncrease();
-        QueueFreeSharedId(std::make_shared<CSharedId>(std::move(record)));
+        auto credential = std::make_shared<CSharedId>(std::move(record));
+        m_checkIns.Queued(*credential);
+        QueueFreeSharedId(std::move(credential));
         ++count;
     }
     NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
@@ -103,13 +105,16 @@ void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, Shared
     // Without the agent's check-in object and runtime there is no check-in: the credential is
     // forgotten all the same, so that the service never keeps a credential it cannot return.
     monitor->m_releaser.Init();
+    monitor->m_checkIns.SetAgentReachable(monitor->m_releaser.IsReady());
     if (monitor->m_releaser.IsReady()) {
         int result = CheckIn(*credential, monitor->m_releaser);
         if (SharedIdReleaser::IsRetryable(result)) {
             NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
                                                    L"Will retry checkin. Error code : ") + std::to_wstring(result));
+            const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
+            monitor->m_checkIns.Attempted(*credential, result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
             monitor->QueueFreeSharedId(std::move(credential));
-            monitor->m_gc->WaitUnlessStopping(KelSettingsImpl::GetFreeSharedIdWaitTime());
+            monitor->m_gc->WaitUnlessStopping(pauseMs);
             return;
         }
         if (result == SharedIdReleaser::kDifferentUser)
@@ -122,6 +127,7 @@ void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, Shared
         NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
                            std::to_wstring(deleted));
     NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
+    monitor->m_checkIns.Finished(*credential);
     credential.reset();
     monitor->LeaseDecrease();
 }

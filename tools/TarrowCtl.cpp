@@ -3,18 +3,25 @@
 //   tarrowctl register (--pid N | --hold | --hold-for MS) [text options] [--flag true|false|N]
 //   tarrowctl release --pid N --url U --auth-svc-id A --role R
 //   tarrowctl query [--pid N] --url U --auth-svc-id A --role R [--own-only] [--show-aux2]
+//   tarrowctl status [--csv]
+//   tarrowctl --version
 //
 // Text options of register: --url --srv-id --aux1 --auth-svc-id --shared-id --aux2 --role --aux4
 // --lease-dn --lease-expiry --aux3 --aux6. --hold starts a holder process, leaves it running and
 // prints its id; --hold-for does the same with a holder that exits after MS milliseconds. The exit code is the service's result (query: 0 found, 1 not found); 100 means
 // bad arguments, 101 that the service is not running, 102 that the call failed. The record's
 // memory-only text (auxText2) is printed only with --show-aux2: it is not for a shared screen.
+// status prints what the service holds and what waits for check-in, as a table, or with --csv as
+// one line per credential under a header (exit 0; 101 when the service is not running).
 
 #include "common/ComHandles.h"
 #include "common/ModulePath.h"
 #include "common/WinHandles.h"
 #include "tools/RecordDecoder.h"
+#include "tools/StatusReader.h"
 #include "tools/TarrowClient.h"
+
+#include "TarrowVersion.h"
 
 #include <cstdio>
 #include <map>
@@ -25,14 +32,15 @@ constexpr int kBadArguments = 100;
 constexpr int kNotRunning = 101;
 constexpr int kCallFailed = 102;
 
-void Print(FILE* out, const std::wstring& text) {
+void Write(FILE* out, const std::wstring& text) {
     int needed = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string utf8(static_cast<size_t>(needed), '\0');
     ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), utf8.data(), needed, nullptr, nullptr);
     std::fwrite(utf8.data(), 1, utf8.size(), out);
-    std::fputc('\n', out);
     std::fflush(out);
 }
+
+void Print(FILE* out, const std::wstring& text) { Write(out, text + L"\n"); }
 
 int Fail(int code, const std::wstring& message) {
     Print(stderr, L"tarrowctl: " + message);
@@ -44,6 +52,7 @@ struct Options {
     bool ownOnly = false;
     bool showAux2 = false;
     bool hold = false;
+    bool csv = false;
     std::wstring error;
 
     std::wstring Get(const wchar_t* name) const {
@@ -70,6 +79,10 @@ Options Parse(int argc, wchar_t** argv, int first) {
         }
         if (name == L"--show-aux2") {
             options.showAux2 = true;
+            continue;
+        }
+        if (name == L"--csv") {
+            options.csv = true;
             continue;
         }
         bool valued = false;
@@ -184,8 +197,22 @@ int Query(ITarrow* tarrow, const Options& options) {
     return 0;
 }
 
+int Status(ITarrow* tarrow, const Options& options) {
+    NS_Utils::ComPtr<ITarrowStatus> status;
+    NS_Utils::UniqueVariant snapshot;
+    HRESULT hr = tarrow->QueryInterface(IID_ITarrowStatus, status.put_void());
+    if (SUCCEEDED(hr)) hr = status->GetStatus(snapshot.put());
+    if (FAILED(hr)) return Fail(kCallFailed, L"GetStatus failed");
+    tarrowctl::StatusText text;
+    if (!tarrowctl::ReadStatus(*snapshot.get(), text))
+        return Fail(kCallFailed, L"the service answered with a malformed status");
+    Write(stdout, options.csv ? tarrowctl::StatusCsv(text) : tarrowctl::StatusTable(text));
+    return 0;
+}
+
 int Usage() {
-    return Fail(kBadArguments, L"usage: tarrowctl register|release|query [options] (see the program's header)");
+    return Fail(kBadArguments,
+                L"usage: tarrowctl register|release|query|status [options] | --version (see the program's header)");
 }
 }  // namespace
 
@@ -196,7 +223,11 @@ int wmain(int argc, wchar_t** argv) {
         ::Sleep(argc > 2 ? static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)) : INFINITE);
         return 0;
     }
-    if (command != L"register" && command != L"release" && command != L"query") return Usage();
+    if (command == L"--version") {
+        Print(stdout, L"tarrowctl " TARROW_VERSION_TEXT);
+        return 0;
+    }
+    if (command != L"register" && command != L"release" && command != L"query" && command != L"status") return Usage();
     Options options = Parse(argc, argv, 2);
     if (!options.error.empty()) return Fail(kBadArguments, options.error);
 
@@ -206,5 +237,6 @@ int wmain(int argc, wchar_t** argv) {
     if (FAILED(hr)) return Fail(kNotRunning, L"Tarrow is not running in this session (no KELTARROW object)");
     if (command == L"register") return Register(tarrow.get(), options);
     if (command == L"release") return Release(tarrow.get(), options);
+    if (command == L"status") return Status(tarrow.get(), options);
     return Query(tarrow.get(), options);
 }

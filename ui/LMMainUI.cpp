@@ -390,6 +390,14 @@ std::wstring LMMainUI::RowText(const ProcessInfo& row) const {
     return Labelled(m_processLabel, row.DisplayName()) + L"\n" + Labelled(m_timeLabel, remaining);
 }
 
+std::vector<LMListedRow> LMMainUI::ListedRows() const {
+    std::vector<LMListedRow> listed;
+    NS_Utils::CritSecGuard guard(m_lock);
+    for (const auto& [key, row] : m_rows.Rows())
+        listed.push_back({row->GetProcessId(), row->GetCredential(), row->GetEndTime()});
+    return listed;
+}
+
 void LMMainUI::SetCredentialsHeld(bool held) {
     m_credentialsHeld = held;
     HWND dialog = m_dialog;

@@ -5,7 +5,8 @@
 // over or when the Windows session ends.
 //
 // Threads: construction, destruction, ShowProcessInfo, RemoveProcessInfo and SetCredentialsHeld
-// from the lease monitor's threads (poller, COM thread, wait callbacks); the window, its timer
+// from the lease monitor's threads (poller, COM thread, wait callbacks); ListedRows from the COM
+// thread for the status view; the window, its timer
 // and the callbacks onExpiryPassed and onSessionEnd on the UI thread. The row list is guarded by
 // the controller's lock; no lock of the registry is held while the window is called.
 
@@ -32,6 +33,13 @@ struct LMMainUICallbacks {
     std::function<std::vector<DWORD>(const std::shared_ptr<CSharedId>&)> getSidProcList;
 };
 
+// A row of the window as the status view reports it.
+struct LMListedRow {
+    DWORD processId;
+    std::weak_ptr<CSharedId> credential;
+    __time64_t endTime;  // when the row's process is ended (UTC)
+};
+
 class LMMainUI {
 public:
     explicit LMMainUI(LMMainUICallbacks callbacks);
@@ -48,6 +56,8 @@ public:
     // While any credential is registered the window keeps a shutdown block reason, so that
     // Windows lists the service at logoff with a reason instead of ending it unasked.
     void SetCredentialsHeld(bool held);
+    // The rows listed now, copied under the row lock; any thread.
+    std::vector<LMListedRow> ListedRows() const;
 
     // "WaitingTimeToKillProcess" in seconds, 120 when it cannot be read.
     static unsigned GetWaitingTimeToKillProcess();
@@ -88,7 +98,7 @@ private:
     unsigned m_threadId = 0;
     std::atomic<HWND> m_parent{nullptr};
     std::atomic<HWND> m_dialog{nullptr};
-    NS_Utils::CriticalSection m_lock;
+    mutable NS_Utils::CriticalSection m_lock;
     Rows m_rows;
     std::atomic<bool> m_credentialsHeld{false};
     std::atomic<bool> m_sessionEndReported{false};

@@ -1,0 +1,51 @@
+#include "monitor/CheckInBoard.h"
+
+#include <algorithm>
+
+namespace {
+std::wstring NameOnly(const std::wstring& path) {
+    const size_t slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+}  // namespace
+
+void CCheckInBoard::Queued(const CSharedId& credential) {
+    // Copied before the lock is taken: the board's lock covers only the map.
+    CredentialStatus status;
+    status.displayName = credential.GetSignature();
+    status.sharedAccount = credential.GetSharedId();
+    status.leaseDN = credential.GetLeaseDN();
+    status.leaseExpiry = credential.GetLeaseExpiry();
+    status.fileName = NameOnly(credential.GetFileName());
+    status.state = CredentialStatus::State::WaitingForCheckIn;
+    NS_Utils::CritSecGuard lock(m_lock);
+    m_pending.insert_or_assign(&credential, Entry{m_nextOrder++, std::move(status)});
+}
+
+void CCheckInBoard::Attempted(const CSharedId& credential, int result, __time64_t nextAttempt) {
+    NS_Utils::CritSecGuard lock(m_lock);
+    auto found = m_pending.find(&credential);
+    if (found == m_pending.end()) return;
+    CredentialStatus& status = found->second.status;
+    status.state = CredentialStatus::State::Retrying;
+    status.lastResult = result;
+    ++status.attempts;
+    status.nextAttempt = nextAttempt;
+}
+
+void CCheckInBoard::Finished(const CSharedId& credential) {
+    NS_Utils::CritSecGuard lock(m_lock);
+    m_pending.erase(&credential);
+}
+
+std::vector<CredentialStatus> CCheckInBoard::Copy() const {
+    std::vector<const Entry*> entries;
+    std::vector<CredentialStatus> copy;
+    NS_Utils::CritSecGuard lock(m_lock);
+    entries.reserve(m_pending.size());
+    for (const auto& [record, entry] : m_pending) entries.push_back(&entry);
+    std::sort(entries.begin(), entries.end(), [](const Entry* a, const Entry* b) { return a->order < b->order; });
+    copy.reserve(entries.size());
+    for (const Entry* entry : entries) copy.push_back(entry->status);
+    return copy;
+}

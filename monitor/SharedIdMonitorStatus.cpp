@@ -1,0 +1,90 @@
+// The monitor's status snapshot: a short copy under the monitor lock, the rest without it.
+
+#include "lease/LeaseMonitor.h"
+#include "monitor/SharedIdMonitor.h"
+
+#include <algorithm>
+#include <map>
+
+namespace {
+std::wstring NameOnly(const std::wstring& path) {
+    const size_t slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+
+// Asked of the process itself, outside every lock: a process that has just gone gives no name.
+std::wstring ExecutableName(DWORD pid) {
+    NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+    wchar_t path[MAX_PATH * 2] = {};
+    DWORD size = static_cast<DWORD>(std::size(path));
+    if (!process || !::QueryFullProcessImageNameW(process.get(), 0, path, &size)) return {};
+    return NameOnly(std::wstring(path, size));
+}
+
+void NameHolders(std::vector<CredentialStatus>& credentials) {
+    std::map<DWORD, std::wstring> names;
+    for (CredentialStatus& credential : credentials)
+        for (HolderStatus& holder : credential.holders) {
+            auto known = names.find(holder.pid);
+            if (known == names.end()) known = names.emplace(holder.pid, ExecutableName(holder.pid)).first;
+            holder.executable = known->second;
+        }
+}
+
+bool SameRecord(const std::weak_ptr<CSharedId>& a, const std::weak_ptr<CSharedId>& b) {
+    return !a.owner_before(b) && !b.owner_before(a);
+}
+
+// A credential with a row on the window is reported with the first moment one of its holders is ended.
+void AddWindowState(std::vector<CredentialStatus>& held, const std::vector<std::weak_ptr<CSharedId>>& records,
+                    const std::vector<LMListedRow>& rows) {
+    for (size_t i = 0; i < held.size(); ++i)
+        for (const LMListedRow& row : rows) {
+            if (!SameRecord(records[i], row.credential)) continue;
+            CredentialStatus& status = held[i];
+            const bool first = status.state != CredentialStatus::State::OnExpiryWindow;
+            status.state = CredentialStatus::State::OnExpiryWindow;
+            status.holdersEndAt = first ? row.endTime : std::min(status.holdersEndAt, row.endTime);
+        }
+}
+}  // namespace
+
+void SharedIdMonitor::CopyHeldLocked(std::vector<CredentialStatus>& held,
+                                     std::vector<std::weak_ptr<CSharedId>>& records) const {
+    for (const auto& [signature, entry] : m_AuthToCredMap) {
+        // A reference of our own: another thread's passing one may be the last, and the record
+        // would go to the collector while it is read here.
+        const std::shared_ptr<CSharedId> live = entry.weak.lock();
+        if (!live) continue;
+        const CSharedId& record = *live;
+        CredentialStatus status;
+        status.displayName = signature;
+        status.sharedAccount = record.GetSharedId();
+        status.leaseDN = record.GetLeaseDN();
+        status.leaseExpiry = record.GetLeaseExpiry();
+        status.fileName = NameOnly(record.GetFileName());
+        for (DWORD pid : record.GetHolderPids()) status.holders.push_back({pid, {}});
+        held.push_back(std::move(status));
+        records.push_back(entry.weak);
+    }
+}
+
+StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
+    StatusSnapshot snapshot;
+    std::vector<std::weak_ptr<CSharedId>> records;
+    std::vector<CredentialStatus> pending;
+    std::shared_ptr<CLeaseMonitor> leaseMonitor;
+    {
+        LockGuard lock(*this);
+        CopyHeldLocked(snapshot.credentials, records);
+        pending = m_checkIns.Copy();
+        leaseMonitor = m_leaseMonitor;
+    }
+    if (leaseMonitor) AddWindowState(snapshot.credentials, records, leaseMonitor->ListedRows());
+    NameHolders(snapshot.credentials);
+    std::move(pending.begin(), pending.end(), std::back_inserter(snapshot.credentials));
+    snapshot.service.leaseCount = m_leaseCount.load();
+    snapshot.service.queuedWorkItems = m_gc->QueuedCount();
+    snapshot.service.agent = m_checkIns.AgentState();
+    return snapshot;
+}

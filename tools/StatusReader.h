@@ -1,0 +1,27 @@
+#pragma once
+// Reads the service's status snapshot (ITarrowStatus::GetStatus) into texts, and lays them out as
+// a table for people or as CSV for programs.
+
+#include <oaidl.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarrowctl {
+
+struct StatusText {
+    std::vector<std::pair<std::wstring, std::wstring>> service;  // name, value
+    std::vector<std::vector<std::wstring>> credentials;           // one text per column of Columns()
+};
+
+// The credential columns, in the order of the snapshot's fields.
+const std::vector<std::wstring>& StatusColumns();
+// False when the snapshot is not made of the rows the service sends.
+bool ReadStatus(const VARIANT& snapshot, StatusText& status);
+// The service's values, a blank line, then the credentials under a header, columns padded.
+std::wstring StatusTable(const StatusText& status);
+// A header line, then one line per credential; fields quoted where they need it.
+std::wstring StatusCsv(const StatusText& status);
+
+}  // namespace tarrowctl
