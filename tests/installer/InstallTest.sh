@@ -84,8 +84,9 @@ record=$(ctl query "${cred[@]}" | tr -d '\r')
 check "tarrowctl query answers it" test -n "$record"
 held_file=$(sed -n 's/^fileName = .*\\//p' <<<"$record")
 check "its file ($held_file) is written" test -f "$credentials/$held_file"
-# TODO(status): once `tarrowctl status` exists, check here that it lists this credential with
-# the holder $holder and the state "held".
+status=$(ctl status --csv | tr -d '\r')
+check "tarrowctl status shows it held by $holder" \
+    grep -q "^svc-17:role-admin:https://corvin.example/auth,shared-admin-04,.*$holder .*,held," <<<"$status"
 
 echo "== a credential left behind, Tarrow stopped, msiexec /x"
 echo left > "$credentials/20010101000000.dat"
