@@ -186,8 +186,8 @@ ClientCounts ReadCounts(const std::wstring& path) {
 }
 
 void PrintResources(const char* when, DWORD handles, const MemoryFigures& memory) {
-    std::printf("  %-7s handles %5lu, private %8.1f MB, working set %8.1f MB\n", when, static_cast<unsigned long>(handles),
-                static_cast<double>(memory.privateBytes) / (1 << 20), static_cast<double>(memory.workingSet) / (1 << 20));
+    std::printf("  %-7s handles %5lu, committed %8.1f MB, working set %8.1f MB\n", when, static_cast<unsigned long>(handles),
+                static_cast<double>(memory.committed) / (1 << 20), static_cast<double>(memory.workingSet) / (1 << 20));
 }
 
 }  // namespace
@@ -224,6 +224,8 @@ int RunHostileCalls(const Options& options) {
     if (!service.Start() || FAILED(ConnectAndProbe(tarrow, 30000))) return std::fprintf(stderr, "Tarrow did not start\n"), 2;
     ChildProcess sentinelHolder = ChildProcess::Start(L"tarrow_soak.exe", L"idle");
     const DWORD sentinel = RegisterSentinel(tarrow.get(), sentinelHolder.Id());
+    // The sentinel's file, and any an earlier part left: the clients' files must go, these stay.
+    const std::vector<std::wstring> filesBefore = CredentialFiles();
     const std::vector<DWORD> dead = DeadPids(8);
     ::Sleep(2000);
     const DWORD handlesBefore = HandleCount(service.Pid());
@@ -249,7 +251,8 @@ int RunHostileCalls(const Options& options) {
     }
     const bool up = service.Running();
     // The clients' credentials are checked in once they are gone; then the service should be back.
-    const bool settled = up && testsupport::WaitUntil([] { return CredentialFiles().size() <= 1; }, 120000);
+    const bool settled = up && testsupport::WaitUntil([&] { return CredentialFiles() == filesBefore; }, 120000);
+    if (!settled) DescribeCredentialFiles("left");
     ::Sleep(3000);
     const DWORD handlesAfter = up ? HandleCount(service.Pid()) : 0;
     const MemoryFigures memoryAfter = up ? Memory(service.Handle()) : MemoryFigures{};
@@ -261,7 +264,7 @@ int RunHostileCalls(const Options& options) {
     const unsigned long calls = total.registrations + total.releases + total.queries;
     // A few handles and megabytes of slack: thread-pool threads and the heap do not shrink to the byte.
     const bool handlesBack = handlesAfter <= handlesBefore + 8;
-    const bool memoryBack = memoryAfter.privateBytes <= memoryBefore.privateBytes + (16u << 20);
+    const bool memoryBack = memoryAfter.committed <= memoryBefore.committed + (16u << 20);
     std::printf("hostile calls: seed %u\n", options.seed);
     std::printf("  calls                  %lu (register %lu, release %lu, query %lu)\n", calls, total.registrations,
                 total.releases, total.queries);

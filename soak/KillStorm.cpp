@@ -14,7 +14,7 @@ using testsupport::ChildProcess;
 namespace soak {
 namespace {
 
-constexpr DWORD kCheckInDelayMs = 20;
+constexpr DWORD kCheckInDelayMs = 400;
 constexpr DWORD kReachMs = 30000;
 const std::wstring kLedgerFolder = std::wstring(kInstallFolder) + L"ledger\\";
 
@@ -22,6 +22,14 @@ size_t JournalSize() {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     if (!::GetFileAttributesExW(standin::JournalPath().c_str(), GetFileExInfoStandard, &data)) return 0;
     return (static_cast<size_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+}
+
+// Whether a check-in line was journaled after `offset`: the agent journals other calls too.
+bool CheckInJournaledSince(size_t offset) {
+    const std::vector<std::uint8_t> bytes = testsupport::ReadFileBytes(standin::JournalPath());
+    if (bytes.size() <= offset) return false;
+    const std::string text(bytes.begin() + static_cast<std::ptrdiff_t>(offset), bytes.end());
+    return text.starts_with("CheckIn ") || text.find("\nCheckIn ") != std::string::npos;
 }
 
 std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
@@ -138,42 +146,43 @@ bool AllEnded(std::vector<ChildProcess>& processes, DWORD timeoutMs) {
 
 // What the storm saw besides the records: kills, processes, and what the last instance left.
 struct StormFacts {
-    unsigned long holders = 0, killsMidCheckIn = 0, unreadableAtKill = 0, stalls = 0;
+    unsigned long holders = 0, killsMidCheckIn = 0, caughtMidCheckIn = 0, unreadableAtKill = 0, stalls = 0;
     std::set<std::string> onDiskAtKill;
     size_t filesLeft = 0;
     long leaseCount = -1;
 };
 
-// Ends the service at a random moment: any time, right after a check-in reached the agent (so
-// within the agent's pause, before the service forgets the credential), or once the holders are gone.
-void KillAtRandom(Service& service, std::mt19937& rng, std::vector<ChildProcess>& holders, StormFacts& facts) {
-    switch (rng() % 3) {
-        case 0:
-            ::Sleep(rng() % 2000);
-            break;
-        case 1: {
-            const size_t before = JournalSize();
-            if (testsupport::WaitUntil([&] { return JournalSize() > before; }, 4000)) {
-                ::Sleep(rng() % (kCheckInDelayMs + 5));
-                ++facts.killsMidCheckIn;
-            }
-            break;
-        }
-        default:
-            AllEnded(holders, 10000);
-            ::Sleep(rng() % 60);
+enum class KillMoment { Any, MidCheckIn, HoldersGone };
+
+// Ends the service at the round's moment: any time; right after a check-in reached the agent, within
+// the agent's pause, before the service forgets the credential; or once the holders are gone.
+void Kill(Service& service, KillMoment moment, std::mt19937& rng, std::vector<ChildProcess>& holders,
+          size_t journalBefore, StormFacts& facts) {
+    if (moment == KillMoment::Any) {
+        ::Sleep(rng() % 2000);
+    } else if (moment == KillMoment::HoldersGone) {
+        AllEnded(holders, 10000);
+        ::Sleep(rng() % 60);
+    } else if (testsupport::WaitUntil([&] { return CheckInJournaledSince(journalBefore); }, 4000)) {
+        ::Sleep(rng() % (kCheckInDelayMs / 2));
+        ++facts.killsMidCheckIn;
     }
     service.Kill();
+    standin::SetScript(L"CheckInDelayMs", DWORD{0});
 }
 
 // The credentials the dead instance left on disk: each must be checked in by a later one.
 void NoteFilesLeft(StormFacts& facts) {
+    const Journal journal = Journal::Read(standin::JournalPath());
     for (const std::wstring& name : CredentialFiles()) {
         CSharedId record;
-        if (NS_SHAREDID_UTILS::ParseSharedIdText(testsupport::ReadUtf16File(CredentialFolder() + name), record))
+        if (NS_SHAREDID_UTILS::ParseSharedIdText(testsupport::ReadUtf16File(CredentialFolder() + name), record)) {
+            // Already at the agent: the kill fell between the check-in and the file's deletion.
+            facts.caughtMidCheckIn += journal.Has(Narrow(record.GetLeaseDN()));
             facts.onDiskAtKill.insert(Narrow(record.GetLeaseDN()));
-        else
-            ++facts.unreadableAtKill;
+        } else if (++facts.unreadableAtKill) {
+            DescribeCredentialFiles("unreadable after a kill (of the files then)");
+        }
     }
 }
 
@@ -186,6 +195,10 @@ bool RunRounds(const Options& options, StormFacts& facts) {
         if (!AllEnded(holders, 120000)) return std::fprintf(stderr, "kill storm: holders hang in round %lu\n", round), false;
         holders.clear();
         if (round == options.rounds) break;  // the last start only takes up what was left
+        const auto moment = static_cast<KillMoment>(rng() % 3);
+        // Only rounds that aim at a check-in pay for the agent's pause.
+        if (moment == KillMoment::MidCheckIn) standin::SetScript(L"CheckInDelayMs", kCheckInDelayMs);
+        const size_t journalBefore = JournalSize();
         for (unsigned long i = 0; i < options.holders; ++i) {
             holders.push_back(ChildProcess::Start(
                 L"tarrow_soak.exe", L"holder " + std::to_wstring(options.seed) + L" " + std::to_wstring(round) + L" " +
@@ -193,7 +206,7 @@ bool RunRounds(const Options& options, StormFacts& facts) {
                                         L"h" + std::to_wstring(i) + L".txt\""));
             facts.holders += holders.back().Valid();
         }
-        KillAtRandom(service, rng, holders, facts);
+        Kill(service, moment, rng, holders, journalBefore, facts);
         NoteFilesLeft(facts);
     }
     // Every holder is gone: whatever is left must be checked in and its lease given back.
@@ -202,6 +215,7 @@ bool RunRounds(const Options& options, StormFacts& facts) {
     }, 120000);
     if (!settled) ++facts.stalls;
     facts.filesLeft = CredentialFiles().size();
+    DescribeCredentialFiles("left at the end");
     facts.leaseCount = std::max(0L, LastLeaseCount(LogText(), service.Pid()));
     service.Stop();
     return true;
@@ -223,7 +237,7 @@ int RunKillStorm(const Options& options) {
     std::printf("kill storm: seed %u, %lu rounds of %lu holders\n", options.seed, options.rounds, options.holders);
     std::fflush(stdout);
     const ULONGLONG started = ::GetTickCount64();
-    if (!PrepareService(3, kCheckInDelayMs)) return 2;
+    if (!PrepareService(3, 0)) return 2;
     ::CreateDirectoryW(kLedgerFolder.c_str(), nullptr);
     NS_Utils::ComApartment com;
     StormFacts facts;
@@ -238,7 +252,8 @@ int RunKillStorm(const Options& options) {
     for (const std::string& dn : facts.onDiskAtKill)
         if (!journal.Has(dn)) lost.insert(dn);
     for (const auto& [signature, offset] : ledger.unidentified)
-        if (!journal.HasSignatureFrom(signature, offset)) lost.insert("signature " + std::to_string(signature));
+        if (!journal.HasSignatureFrom(signature, offset))
+            lost.insert("signature " + std::to_string(signature) + " registered at journal offset " + std::to_string(offset));
     unsigned long duplicates = 0;
     for (const auto& [dn, count] : journal.counts) duplicates += static_cast<unsigned long>(count - 1);
 
@@ -250,7 +265,7 @@ int RunKillStorm(const Options& options) {
     std::printf("  take-overs             %lu\n", ledger.takeOvers);
     std::printf("  releases (0)           %lu\n", ledger.releases);
     std::printf("  accepted credentials   %zu\n", ledger.accepted.size());
-    std::printf("  kills mid check-in     %lu\n", facts.killsMidCheckIn);
+    std::printf("  kills aimed at check-in %lu (caught one %lu times)\n", facts.killsMidCheckIn, facts.caughtMidCheckIn);
     std::printf("  left on disk at kills  %zu (unreadable %lu)\n", facts.onDiskAtKill.size(), facts.unreadableAtKill);
     std::printf("  check-ins              %zu (%zu credentials)\n", journal.checkIns.size(), journal.counts.size());
     std::printf("  duplicates             %lu\n", duplicates);

@@ -50,6 +50,17 @@ std::wstring CredentialFolder() {
 
 std::vector<std::wstring> CredentialFiles() { return testsupport::ListFiles(CredentialFolder(), L"*.dat"); }
 
+void DescribeCredentialFiles(const char* heading) {
+    for (const std::wstring& name : CredentialFiles()) {
+        std::wstring text = testsupport::ReadUtf16File(CredentialFolder() + name);
+        const size_t units = text.size();
+        text.resize(std::min<size_t>(units, 160));
+        for (wchar_t& c : text)
+            if (c < L' ' || c > L'~') c = c == L'\n' ? L'|' : L'?';
+        std::printf("    %s: %ls, %zu bytes: %ls\n", heading, name.c_str(), units * 2, text.c_str());
+    }
+}
+
 HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs) {
     HRESULT hr = E_FAIL;
     for (ULONGLONG deadline = ::GetTickCount64() + timeoutMs;; ::Sleep(20)) {
@@ -128,7 +139,7 @@ MemoryFigures Memory(HANDLE process) {
     counters.cb = sizeof(counters);
     if (!::GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof(counters)))
         return {};
-    return {counters.PrivateUsage, counters.WorkingSetSize};
+    return {counters.PagefileUsage, counters.WorkingSetSize};
 }
 
 unsigned DefaultSeed() {

@@ -23,6 +23,9 @@ std::wstring CredentialFolder();
 // The credential files (names) in it.
 std::vector<std::wstring> CredentialFiles();
 
+// Prints each credential file left (name, size, and the start of its text) for a report.
+void DescribeCredentialFiles(const char* heading);
+
 // Connects through the running object table and proves the object answers; within `timeoutMs`.
 HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs);
 
@@ -50,9 +53,9 @@ long LastLeaseCount(const std::wstring& log, DWORD pid);
 // Handles open in process `pid`, from the system's handle table (Wine answers 0 to
 // GetProcessHandleCount).
 DWORD HandleCount(DWORD pid);
-// The process's private bytes and working set.
+// The process's committed private memory and working set.
 struct MemoryFigures {
-    SIZE_T privateBytes = 0;
+    SIZE_T committed = 0;
     SIZE_T workingSet = 0;
 };
 MemoryFigures Memory(HANDLE process);
