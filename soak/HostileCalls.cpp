@@ -190,6 +190,64 @@ void PrintResources(const char* when, DWORD handles, const MemoryFigures& memory
                 static_cast<double>(memory.committed) / (1 << 20), static_cast<double>(memory.workingSet) / (1 << 20));
 }
 
+struct HostileFacts {
+    DWORD sentinel = 0, handlesBefore = 0, handlesAfter = 0;
+    MemoryFigures memoryBefore, memoryAfter;
+    ClientCounts total;
+    std::wstring problems;
+    bool hung = false, up = false, settled = false, intact = false;
+};
+
+// Starts the clients, each with its share of the calls, and waits for them; false when one hangs.
+bool RunClients(const Options& options, DWORD tarrowPid, const std::vector<DWORD>& dead) {
+    std::vector<ChildProcess> clients;
+    for (unsigned long i = 0; i < options.clients; ++i) {
+        const unsigned long share = options.calls / options.clients + (i < options.calls % options.clients);
+        clients.push_back(ChildProcess::Start(
+            L"tarrow_soak.exe", L"hostile-client --seed " + std::to_wstring(options.seed) + L" " + std::to_wstring(i) +
+                                    L" " + std::to_wstring(share) + L" " + std::to_wstring(tarrowPid) + L" \"" +
+                                    kResultFolder + L"c" + std::to_wstring(i) + L".txt\" " + Join(dead)));
+    }
+    bool ended = true;
+    for (ChildProcess& client : clients) ended &= client.Wait(3600000) == WAIT_OBJECT_0;
+    return ended;
+}
+
+ClientCounts CollectCounts(unsigned long clients, std::wstring& problems) {
+    ClientCounts total;
+    for (unsigned long i = 0; i < clients; ++i) {
+        const ClientCounts c = ReadCounts(kResultFolder + L"c" + std::to_wstring(i) + L".txt");
+        total.registrations += c.registrations, total.releases += c.releases, total.queries += c.queries;
+        total.found += c.found, total.accepted += c.accepted, total.undocumented += c.undocumented, total.failed += c.failed;
+        if (c.firstProblem.size() > 1) problems += L"    client " + std::to_wstring(i) + L":" + c.firstProblem + L"\n";
+    }
+    return total;
+}
+
+int Report(const Options& options, const HostileFacts& f, ULONGLONG started) {
+    const unsigned long calls = f.total.registrations + f.total.releases + f.total.queries;
+    // A few handles and megabytes of slack: thread-pool threads and the heap do not shrink to the byte.
+    const bool handlesBack = f.handlesAfter <= f.handlesBefore + 8;
+    const bool memoryBack = f.memoryAfter.committed <= f.memoryBefore.committed + (16u << 20);
+    std::printf("hostile calls: seed %u\n", options.seed);
+    std::printf("  calls                  %lu (register %lu, release %lu, query %lu)\n", calls, f.total.registrations,
+                f.total.releases, f.total.queries);
+    std::printf("  registrations (0)      %lu, queries found %lu\n", f.total.accepted, f.total.found);
+    std::printf("  undocumented answers   %lu\n", f.total.undocumented);
+    std::printf("  failed calls           %lu\n", f.total.failed);
+    if (!f.problems.empty()) std::printf("%ls", f.problems.c_str());
+    std::printf("  Tarrow up              %s\n", f.up ? "yes" : "NO");
+    std::printf("  credentials settled    %s\n", f.settled ? "yes" : "NO");
+    PrintResources("before", f.handlesBefore, f.memoryBefore);
+    PrintResources("after", f.handlesAfter, f.memoryAfter);
+    std::printf("  sentinel registered    %lu, intact %s\n", static_cast<unsigned long>(f.sentinel), f.intact ? "yes" : "NO");
+    std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
+    const bool ok = !f.hung && calls == options.calls && f.total.undocumented == 0 && f.total.failed == 0 && f.up &&
+                    f.settled && handlesBack && memoryBack && f.sentinel == 0 && f.intact;
+    std::printf("hostile calls: %s\n", ok ? "passed" : "FAILED");
+    return ok ? 0 : 1;
+}
+
 }  // namespace
 
 int RunHostileClient(const Options& options) {
@@ -223,65 +281,31 @@ int RunHostileCalls(const Options& options) {
     NS_Utils::ComPtr<ITarrow> tarrow;
     if (!service.Start() || FAILED(ConnectAndProbe(tarrow, 30000))) return std::fprintf(stderr, "Tarrow did not start\n"), 2;
     ChildProcess sentinelHolder = ChildProcess::Start(L"tarrow_soak.exe", L"idle");
-    const DWORD sentinel = RegisterSentinel(tarrow.get(), sentinelHolder.Id());
+    HostileFacts facts;
+    facts.sentinel = RegisterSentinel(tarrow.get(), sentinelHolder.Id());
     // The sentinel's file, and any an earlier part left: the clients' files must go, these stay.
     const std::vector<std::wstring> filesBefore = CredentialFiles();
     const std::vector<DWORD> dead = DeadPids(8);
     ::Sleep(2000);
-    const DWORD handlesBefore = HandleCount(service.Pid());
-    const MemoryFigures memoryBefore = Memory(service.Handle());
+    facts.handlesBefore = HandleCount(service.Pid());
+    facts.memoryBefore = Memory(service.Handle());
 
-    std::vector<ChildProcess> clients;
-    for (unsigned long i = 0; i < options.clients; ++i) {
-        const unsigned long share = options.calls / options.clients + (i < options.calls % options.clients);
-        clients.push_back(ChildProcess::Start(
-            L"tarrow_soak.exe", L"hostile-client --seed " + std::to_wstring(options.seed) + L" " + std::to_wstring(i) +
-                                    L" " + std::to_wstring(share) + L" " + std::to_wstring(service.Pid()) + L" \"" +
-                                    kResultFolder + L"c" + std::to_wstring(i) + L".txt\" " + Join(dead)));
-    }
-    bool hung = false;
-    for (ChildProcess& client : clients) hung |= client.Wait(3600000) != WAIT_OBJECT_0;
-    ClientCounts total;
-    std::wstring problems;
-    for (unsigned long i = 0; i < options.clients; ++i) {
-        const ClientCounts c = ReadCounts(kResultFolder + L"c" + std::to_wstring(i) + L".txt");
-        total.registrations += c.registrations, total.releases += c.releases, total.queries += c.queries;
-        total.found += c.found, total.accepted += c.accepted, total.undocumented += c.undocumented, total.failed += c.failed;
-        if (!c.firstProblem.empty() && c.firstProblem != L" ") problems += L"    client " + std::to_wstring(i) + L":" + c.firstProblem + L"\n";
-    }
-    const bool up = service.Running();
+    facts.hung = !RunClients(options, service.Pid(), dead);
+    facts.total = CollectCounts(options.clients, facts.problems);
+    facts.up = service.Running();
     // The clients' credentials are checked in once they are gone; then the service should be back.
-    const bool settled = up && testsupport::WaitUntil([&] { return CredentialFiles() == filesBefore; }, 120000);
-    if (!settled) DescribeCredentialFiles("left");
+    facts.settled = facts.up && testsupport::WaitUntil([&] { return CredentialFiles() == filesBefore; }, 120000);
+    if (!facts.settled) DescribeCredentialFiles("left");
     ::Sleep(3000);
-    const DWORD handlesAfter = up ? HandleCount(service.Pid()) : 0;
-    const MemoryFigures memoryAfter = up ? Memory(service.Handle()) : MemoryFigures{};
-    const bool intact = up && SentinelIntact(tarrow.get());
+    if (facts.up) {
+        facts.handlesAfter = HandleCount(service.Pid());
+        facts.memoryAfter = Memory(service.Handle());
+        facts.intact = SentinelIntact(tarrow.get());
+    }
     tarrow = {};
     sentinelHolder.Kill();
     service.Stop();
-
-    const unsigned long calls = total.registrations + total.releases + total.queries;
-    // A few handles and megabytes of slack: thread-pool threads and the heap do not shrink to the byte.
-    const bool handlesBack = handlesAfter <= handlesBefore + 8;
-    const bool memoryBack = memoryAfter.committed <= memoryBefore.committed + (16u << 20);
-    std::printf("hostile calls: seed %u\n", options.seed);
-    std::printf("  calls                  %lu (register %lu, release %lu, query %lu)\n", calls, total.registrations,
-                total.releases, total.queries);
-    std::printf("  registrations (0)      %lu, queries found %lu\n", total.accepted, total.found);
-    std::printf("  undocumented answers   %lu\n", total.undocumented);
-    std::printf("  failed calls           %lu\n", total.failed);
-    if (!problems.empty()) std::printf("%ls", problems.c_str());
-    std::printf("  Tarrow up              %s\n", up ? "yes" : "NO");
-    std::printf("  credentials settled    %s\n", settled ? "yes" : "NO");
-    PrintResources("before", handlesBefore, memoryBefore);
-    PrintResources("after", handlesAfter, memoryAfter);
-    std::printf("  sentinel registered    %lu, intact %s\n", static_cast<unsigned long>(sentinel), intact ? "yes" : "NO");
-    std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
-    const bool ok = !hung && calls == options.calls && total.undocumented == 0 && total.failed == 0 && up && settled &&
-                    handlesBack && memoryBack && sentinel == 0 && intact;
-    std::printf("hostile calls: %s\n", ok ? "passed" : "FAILED");
-    return ok ? 0 : 1;
+    return Report(options, facts, started);
 }
 
 }  // namespace soak

@@ -146,7 +146,7 @@ bool AllEnded(std::vector<ChildProcess>& processes, DWORD timeoutMs) {
 
 // What the storm saw besides the records: kills, processes, and what the last instance left.
 struct StormFacts {
-    unsigned long holders = 0, killsMidCheckIn = 0, caughtMidCheckIn = 0, unreadableAtKill = 0, stalls = 0;
+    unsigned long holders = 0, holderFailures = 0, serviceEnded = 0, killsMidCheckIn = 0, caughtMidCheckIn = 0, unreadableAtKill = 0, stalls = 0;
     std::set<std::string> onDiskAtKill;
     size_t filesLeft = 0;
     long leaseCount = -1;
@@ -167,6 +167,10 @@ void Kill(Service& service, KillMoment moment, std::mt19937& rng, std::vector<Ch
         ::Sleep(rng() % (kCheckInDelayMs / 2));
         ++facts.killsMidCheckIn;
     }
+    if (!service.Running()) {
+        ++facts.serviceEnded;
+        std::printf("    Tarrow ended by itself with 0x%08lx\n", static_cast<unsigned long>(service.ExitCode()));
+    }
     service.Kill();
     standin::SetScript(L"CheckInDelayMs", DWORD{0});
 }
@@ -186,6 +190,15 @@ void NoteFilesLeft(StormFacts& facts) {
     }
 }
 
+// A holder that did not end normally: Wine's marshaling or the soak itself, not the service, but
+// worth a look.
+void NoteHolderFailures(const std::vector<ChildProcess>& holders, unsigned long round, StormFacts& facts) {
+    for (size_t i = 0; i < holders.size(); ++i)
+        if (holders[i].Valid() && holders[i].ExitCode() != 0 && facts.holderFailures++ < 10)
+            std::printf("    holder %zu of round %lu ended with 0x%08lx\n", i, round - 1,
+                        static_cast<unsigned long>(holders[i].ExitCode()));
+}
+
 bool RunRounds(const Options& options, StormFacts& facts) {
     std::mt19937 rng(options.seed);
     Service service;
@@ -193,6 +206,7 @@ bool RunRounds(const Options& options, StormFacts& facts) {
     for (unsigned long round = 0; round <= options.rounds; ++round) {
         if (!service.Start()) return std::fprintf(stderr, "kill storm: Tarrow did not start in round %lu\n", round), false;
         if (!AllEnded(holders, 120000)) return std::fprintf(stderr, "kill storm: holders hang in round %lu\n", round), false;
+        NoteHolderFailures(holders, round, facts);
         holders.clear();
         if (round == options.rounds) break;  // the last start only takes up what was left
         const auto moment = static_cast<KillMoment>(rng() % 3);
@@ -259,7 +273,9 @@ int RunKillStorm(const Options& options) {
 
     std::printf("kill storm: seed %u\n", options.seed);
     std::printf("  rounds                 %lu\n", options.rounds);
-    std::printf("  holder processes       %lu (%lu never reached the service)\n", facts.holders, ledger.unreached);
+    std::printf("  holder processes       %lu (%lu never reached the service, %lu failed)\n", facts.holders,
+                ledger.unreached, facts.holderFailures);
+    std::printf("  Tarrow ended by itself %lu\n", facts.serviceEnded);
     std::printf("  registrations (0)      %lu (%zu without a known lease DN)\n", ledger.registrations,
                 ledger.unidentified.size());
     std::printf("  take-overs             %lu\n", ledger.takeOvers);
@@ -274,7 +290,8 @@ int RunKillStorm(const Options& options) {
     std::printf("  losses                 %zu\n", lost.size());
     for (const std::string& dn : lost) std::printf("    lost: %s\n", dn.c_str());
     std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
-    const bool ok = ran && lost.empty() && facts.filesLeft == 0 && facts.leaseCount == 0 && facts.stalls == 0;
+    const bool ok = ran && lost.empty() && facts.filesLeft == 0 && facts.leaseCount == 0 && facts.stalls == 0 &&
+                    facts.serviceEnded == 0;
     std::printf("kill storm: %s\n", ok ? "passed" : "FAILED");
     return ok ? 0 : 1;
 }

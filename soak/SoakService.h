@@ -38,6 +38,7 @@ public:
     // Ends the message loop as the end of the session would.
     DWORD Stop();
     bool Running() const { return m_process.Valid() && m_process.Wait(0) == WAIT_TIMEOUT; }
+    DWORD ExitCode() const { return m_process.ExitCode(); }
     DWORD Pid() const { return m_process.Id(); }
     HANDLE Handle() const { return m_process.Handle(); }
 
