@@ -81,6 +81,9 @@ public:
         *nRet = static_cast<LONG>(ScriptDword(L"CheckInNRet", 0));
         Journal(line + L" rows=" + std::to_wstring(rowCount) + L" result=" + std::to_wstring(element.lVal) + L" nRet=" +
                 std::to_wstring(*nRet) + rows);
+        // After the journal line: a soak run ends the service between the agent's record and the
+        // service forgetting the credential.
+        ::Sleep(ScriptDword(L"CheckInDelayMs", 0));
         return static_cast<HRESULT>(ScriptDword(L"CheckInHResult", S_OK));
     }
 };

@@ -1,0 +1,151 @@
+#include "soak/SoakService.h"
+
+#include "common/Registry.h"
+#include "testing/agent/StandInControl.h"
+
+#include <psapi.h>
+#include <winternl.h>
+
+#include <cstdio>
+
+namespace soak {
+namespace {
+
+using NS_Utils::RegKeys::kLogging;
+
+void Say(const char* what) { std::fprintf(stderr, "tarrow_soak: %s\n", what); }
+
+// A probe that changes nothing: a key no credential has.
+bool Answers(ITarrow* tarrow) {
+    NS_Utils::UniqueBstr none(std::wstring(L"soak-probe")), found;
+    return SUCCEEDED(tarrow->GetRegisteredSharedId(::GetCurrentProcessId(), none.get(), none.get(), none.get(),
+                                                   VARIANT_FALSE, found.put()));
+}
+
+}  // namespace
+
+bool PrepareService(DWORD logLevel, DWORD checkInDelayMs) {
+    ::CreateDirectoryW(kInstallFolder, nullptr);
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
+                                  kInstallFolder);
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kLogging, L"LogLevel", logLevel);
+    // One file for the whole run: the lease count is read back from it at the end.
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kLogging, L"LogFileSize", 1u << 20);
+    if (!standin::Install(kInstallFolder)) return Say("the stand-in agent could not be installed"), false;
+    standin::ClearScript();
+    standin::SetScript(L"Journal", std::wstring(kInstallFolder) + L"journal.log");
+    standin::SetScript(L"CheckInDelayMs", checkInDelayMs);
+    standin::ClearJournal();
+    testsupport::ChildProcess registration = testsupport::ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
+    if (!registration.Valid() || registration.Wait(60000) != WAIT_OBJECT_0 || registration.ExitCode() != 0)
+        return Say("Tarrow.exe /RegServerPerUser failed"), false;
+    return true;
+}
+
+std::wstring CredentialFolder() {
+    wchar_t appData[MAX_PATH] = {};
+    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
+    return std::wstring(appData) + L"\\Kel\\Tarrow\\";
+}
+
+std::vector<std::wstring> CredentialFiles() { return testsupport::ListFiles(CredentialFolder(), L"*.dat"); }
+
+void DescribeCredentialFiles(const char* heading) {
+    for (const std::wstring& name : CredentialFiles()) {
+        std::wstring text = testsupport::ReadUtf16File(CredentialFolder() + name);
+        const size_t units = text.size();
+        text.resize(std::min<size_t>(units, 160));
+        for (wchar_t& c : text)
+            if (c < L' ' || c > L'~') c = c == L'\n' ? L'|' : L'?';
+        std::printf("    %s: %ls, %zu bytes: %ls\n", heading, name.c_str(), units * 2, text.c_str());
+    }
+}
+
+HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs) {
+    HRESULT hr = E_FAIL;
+    for (ULONGLONG deadline = ::GetTickCount64() + timeoutMs;; ::Sleep(20)) {
+        tarrow = {};
+        hr = tarrowctl::ConnectToTarrow(tarrow);
+        if (SUCCEEDED(hr) && Answers(tarrow.get())) return S_OK;
+        if (SUCCEEDED(hr)) hr = RPC_E_DISCONNECTED;
+        if (::GetTickCount64() > deadline) return hr;
+    }
+}
+
+bool Service::Start() {
+    m_process = testsupport::ChildProcess::Start(L"Tarrow.exe", L"");
+    NS_Utils::ComApartment com;
+    NS_Utils::ComPtr<ITarrow> tarrow;
+    return m_process.Valid() && testsupport::WaitUntil([&] {
+               return !Running() || SUCCEEDED(ConnectAndProbe(tarrow, 0));
+           }, 60000) && Running();
+}
+
+void Service::Kill() {
+    if (!Running()) return;
+    ::TerminateProcess(m_process.Handle(), 9);
+    m_process.Wait(30000);
+}
+
+DWORD Service::Stop() {
+    if (!m_process.Valid()) return 0;
+    ::PostThreadMessageW(m_process.MainThreadId(), WM_QUIT, 0, 0);
+    if (m_process.Wait(30000) != WAIT_OBJECT_0) m_process.Kill();
+    return m_process.ExitCode();
+}
+
+std::wstring LogText() { return testsupport::ReadUtf16File(std::wstring(kInstallFolder) + L"logs\\brisk_observer.log"); }
+
+long LastLeaseCount(const std::wstring& log, DWORD pid) {
+    const std::wstring process = L" P:" + std::to_wstring(pid) + L" ", marker = L"Number of leases: ";
+    long count = -1;
+    for (const std::wstring& line : testsupport::SplitLines(log, L"\n")) {
+        const size_t at = line.find(marker);
+        if (at != std::wstring::npos && line.find(process) != std::wstring::npos)
+            count = std::wcstol(line.c_str() + at + marker.size(), nullptr, 10);
+    }
+    return count;
+}
+
+DWORD HandleCount(DWORD pid) {
+    struct Entry {
+        ULONG ownerPid;
+        BYTE objectType, flags;
+        USHORT handleValue;
+        PVOID object;
+        ULONG access;
+    };
+    struct Table {
+        ULONG count;
+        Entry handles[1];
+    };
+    constexpr auto kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
+    constexpr auto kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
+    std::vector<std::uint8_t> buffer(1 << 16);
+    NTSTATUS status;
+    ULONG needed = 0;
+    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()),
+                                                &needed)) == kInfoLengthMismatch)
+        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
+    if (status != 0) return 0;
+    const auto* table = reinterpret_cast<const Table*>(buffer.data());
+    DWORD count = 0;
+    for (ULONG i = 0; i < table->count; ++i) count += table->handles[i].ownerPid == pid;
+    return count;
+}
+
+MemoryFigures Memory(HANDLE process) {
+    PROCESS_MEMORY_COUNTERS_EX counters{};
+    counters.cb = sizeof(counters);
+    if (!::GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof(counters)))
+        return {};
+    return {counters.PagefileUsage, counters.WorkingSetSize};
+}
+
+unsigned DefaultSeed() {
+    LARGE_INTEGER now{};
+    ::QueryPerformanceCounter(&now);
+    return static_cast<unsigned>(now.QuadPart ^ (now.QuadPart >> 32) ^ ::GetCurrentProcessId()) % 1000000000u;
+}
+
+}  // namespace soak
