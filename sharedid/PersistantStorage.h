@@ -36,10 +36,11 @@ public:
 
     const std::wstring& Folder() const { return m_folder; }
     std::list<DWORD> Errors() const;
+    // The name of a file made now: the local time to the millisecond, without padding.
+    static std::wstring NewFileName();
 
 private:
     void KeepErrors(const std::list<DWORD>& errors, const wchar_t* operation);
-    static std::wstring NewFileName();
     // A name made from the local time that differs from `taken`, waiting for the clock if needed.
     static std::wstring NextFileName(const std::wstring& taken);
     static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);

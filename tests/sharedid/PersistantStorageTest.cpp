@@ -10,28 +10,31 @@ using namespace testsupport;
 
 namespace {
 
-// Names are the local time to the millisecond, so credentials persisted back to back meet on a
-// name; each must still get a file of its own, and no file is written over.
-TEST(PersistantStorageTest, CredentialsPersistedBackToBackEachGetAFileOfTheirOwn) {
+// Names are the local time to the millisecond: a credential persisted in a millisecond whose name
+// another file already has (made in the same millisecond, or on another date with the same digits)
+// gets a file of its own, and the other file is never written over.
+TEST(PersistantStorageTest, ATakenNameIsNeverWrittenOverAndTheCredentialGetsAnother) {
     ::SetEnvironmentVariableW(L"appdata", MakeTempFolder(L"appdata").c_str());
     PersistantStorage storage;
     std::vector<CSharedId> records;
-    std::set<std::wstring> names;
-    const std::wstring taken = L"[NS_SHAREDID_UTILS::writeSharedIdToFile]\t CreateFile error. Error = 80";
-    const size_t takenBefore = CountInServiceLog(taken);
-    for (int i = 0; i < 2000 && CountInServiceLog(taken) == takenBefore; ++i) {
+    for (int i = 0; i < 300; ++i) {
+        const std::wstring taken = storage.Folder() + PersistantStorage::NewFileName();
+        const bool ours = !FileExists(taken) && WriteFileBytes(taken, "x", 1);
         records.push_back(Credential(L"role", L"acct-" + std::to_wstring(i)));
         ASSERT_EQ(storage.Persist(records.back()), PersistantStorage::kOk) << i;
-        names.insert(records.back().GetFileName());
+        ASSERT_NE(records.back().GetFileName(), taken);
+        if (ours) {
+            ASSERT_EQ(ReadFileBytes(taken).size(), 1u) << "written over";
+        }
     }
-    ASSERT_GT(CountInServiceLog(taken), takenBefore) << "no two names met";
-    EXPECT_EQ(names.size(), records.size());
+    EXPECT_GT(CountInServiceLog(L"[NS_SHAREDID_UTILS::writeSharedIdToFile]\t CreateFile error. Error = 80"), 0u)
+        << "the clock moved on every time: no name was met";
     for (CSharedId& record : records) record.ReleaseFileClaim();
     std::list<CSharedId> found;
     ASSERT_EQ(storage.EnumCreds(found), PersistantStorage::kOk);
     std::set<std::wstring> accounts;
     for (const CSharedId& onDisk : found) accounts.insert(onDisk.GetSharedId());
-    EXPECT_EQ(accounts.size(), records.size()) << "no file was written over";
+    EXPECT_EQ(accounts.size(), records.size()) << "every credential has its own file";
 }
 
 }  // namespace
