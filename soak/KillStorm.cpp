@@ -253,6 +253,8 @@ int RunKillStorm(const Options& options) {
     const ULONGLONG started = ::GetTickCount64();
     if (!PrepareService(3, 0)) return 2;
     ::CreateDirectoryW(kLedgerFolder.c_str(), nullptr);
+    // A ledger of an earlier run in this prefix would name credentials the fresh journal never saw.
+    for (const std::wstring& name : testsupport::ListFiles(kLedgerFolder, L"*.txt")) ::DeleteFileW((kLedgerFolder + name).c_str());
     NS_Utils::ComApartment com;
     StormFacts facts;
     const bool ran = RunRounds(options, facts);
