@@ -16,6 +16,11 @@ std::wstring AppDataFolder() {
     }
 }
 
+bool IsEmptyFile(HANDLE file) {
+    LARGE_INTEGER size{};
+    return ::GetFileSizeEx(file, &size) && size.QuadPart == 0;
+}
+
 std::wstring ErrorStack(const std::list<DWORD>& errors) {
     std::wstring text;
     for (DWORD value : errors) text += std::to_wstring(value) + L" ";
@@ -97,6 +102,14 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
         if (!claim && ::GetLastError() == ERROR_SHARING_VIOLATION) {
             NS_Log::Log(3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+            continue;
+        }
+        // A crash between making a credential's file and writing it leaves it empty: it holds
+        // nothing to check in, and left alone it would be skipped as unreadable at every start.
+        if (claim && IsEmptyFile(claim.get())) {
+            claim.reset();
+            NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
+            ::DeleteFileW(path.c_str());
             continue;
         }
         CSharedId record;

@@ -82,6 +82,7 @@ TEST_F(LifecycleTest, StopMidRetryLosesNothingAndRestartLeavesWhatAnotherInstanc
     CSharedId held = Credential(L"held-elsewhere");
     ASSERT_EQ(otherInstance.Persist(held), 0);
     ASSERT_TRUE(WriteFileBytes(CredentialFolder() + L"unreadable.dat", "\x41\x00", 2));
+    ASSERT_TRUE(WriteFileBytes(CredentialFolder() + L"empty.dat", "", 0));  // made, never written
     SetWex(L"FreeSharedIdWaitTime", 0);
     standin::SetScript(L"CheckInResults", std::wstring(L"0"));
     standin::ClearJournal();
@@ -89,6 +90,7 @@ TEST_F(LifecycleTest, StopMidRetryLosesNothingAndRestartLeavesWhatAnotherInstanc
     EXPECT_TRUE(WaitUntil([] { return CheckIns() == 2; }));
     EXPECT_TRUE(WaitUntil([] { return ListFiles(CredentialFolder(), L"*.dat").size() == 2; }));
     EXPECT_TRUE(FileExists(held.GetFileName()) && FileExists(CredentialFolder() + L"unreadable.dat"));
+    EXPECT_FALSE(FileExists(CredentialFolder() + L"empty.dat"));
     EXPECT_EQ(CountInServiceLog(L"Skipping credential file held by another instance: " + held.GetFileName()), 1u);
     held.ReleaseFileClaim();
     ::DeleteFileW(held.GetFileName().c_str());
