@@ -4,7 +4,6 @@
 #include "testing/agent/StandInControl.h"
 
 #include <psapi.h>
-#include <winternl.h>
 
 #include <cstdio>
 
@@ -42,11 +41,7 @@ bool PrepareService(DWORD logLevel, DWORD checkInDelayMs) {
     return true;
 }
 
-std::wstring CredentialFolder() {
-    wchar_t appData[MAX_PATH] = {};
-    ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
-    return std::wstring(appData) + L"\\Kel\\Tarrow\\";
-}
+std::wstring CredentialFolder() { return testsupport::CredentialFolder(); }
 
 std::vector<std::wstring> CredentialFiles() { return testsupport::ListFiles(CredentialFolder(), L"*.dat"); }
 
@@ -107,32 +102,7 @@ long LastLeaseCount(const std::wstring& log, DWORD pid) {
     return count;
 }
 
-DWORD HandleCount(DWORD pid) {
-    struct Entry {
-        ULONG ownerPid;
-        BYTE objectType, flags;
-        USHORT handleValue;
-        PVOID object;
-        ULONG access;
-    };
-    struct Table {
-        ULONG count;
-        Entry handles[1];
-    };
-    constexpr auto kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
-    constexpr auto kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
-    std::vector<std::uint8_t> buffer(1 << 16);
-    NTSTATUS status;
-    ULONG needed = 0;
-    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()),
-                                                &needed)) == kInfoLengthMismatch)
-        buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
-    if (status != 0) return 0;
-    const auto* table = reinterpret_cast<const Table*>(buffer.data());
-    DWORD count = 0;
-    for (ULONG i = 0; i < table->count; ++i) count += table->handles[i].ownerPid == pid;
-    return count;
-}
+DWORD HandleCount(DWORD pid) { return testsupport::CountHandles(pid); }
 
 MemoryFigures Memory(HANDLE process) {
     PROCESS_MEMORY_COUNTERS_EX counters{};

@@ -138,9 +138,9 @@ std::wstring HandleTypeName(HANDLE handle) {
     const UNICODE_STRING& name = reinterpret_cast<const PUBLIC_OBJECT_TYPE_INFORMATION*>(buffer.data())->TypeName;
     return std::wstring(name.Buffer, name.Length / sizeof(wchar_t));
 }
-}  // namespace
 
-DWORD CountOwnHandles(const std::wstring& typeName) {
+// Every entry of the system's handle table that `keep` accepts.
+DWORD CountHandleEntries(const std::function<bool(const SystemHandleEntry&)>& keep) {
     constexpr auto kSystemHandleInformation = static_cast<SYSTEM_INFORMATION_CLASS>(16);
     constexpr auto kInfoLengthMismatch = static_cast<NTSTATUS>(0xC0000004);
     std::vector<std::uint8_t> buffer(1 << 16);
@@ -151,10 +151,19 @@ DWORD CountOwnHandles(const std::wstring& typeName) {
         buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
     if (status != 0) return 0;
     auto* info = reinterpret_cast<const SystemHandleInformation*>(buffer.data());
-    return static_cast<DWORD>(std::count_if(info->handles, info->handles + info->count, [&](const SystemHandleEntry& e) {
+    return static_cast<DWORD>(std::count_if(info->handles, info->handles + info->count, keep));
+}
+}  // namespace
+
+DWORD CountOwnHandles(const std::wstring& typeName) {
+    return CountHandleEntries([&](const SystemHandleEntry& e) {
         return e.ownerPid == ::GetCurrentProcessId() &&
                (typeName.empty() || HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(e.handleValue))) == typeName);
-    }));
+    });
+}
+
+DWORD CountHandles(DWORD pid) {
+    return CountHandleEntries([pid](const SystemHandleEntry& e) { return e.ownerPid == pid; });
 }
 
 }  // namespace testsupport

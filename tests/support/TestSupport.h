@@ -65,5 +65,7 @@ size_t CountInServiceLog(const std::wstring& text);
 // Handles of one object type ("Process", "Event") open in this process, or all of them, read
 // from the system's handle table: Wine answers 0 to GetProcessHandleCount.
 DWORD CountOwnHandles(const std::wstring& typeName = {});
+// Handles open in process `pid`, from the same table.
+DWORD CountHandles(DWORD pid);
 
 }  // namespace testsupport
