@@ -2,7 +2,7 @@
 
 #include "common/Registry.h"
 
-#include <windows.h>
+#include <iterator>
 
 namespace NS_Utils {
 
@@ -19,6 +19,18 @@ std::wstring ExecutableFolder() {
     std::wstring path = ExecutablePath();
     size_t slash = path.find_last_of(L"\\/");
     return slash == std::wstring::npos ? L".\\" : path.substr(0, slash + 1);
+}
+
+std::wstring FileNameOf(const std::wstring& path) {
+    const size_t slash = path.find_last_of(L"\\/");
+    return slash == std::wstring::npos ? path : path.substr(slash + 1);
+}
+
+std::wstring ProcessImagePath(HANDLE process) {
+    wchar_t path[MAX_PATH * 2] = {};
+    DWORD size = static_cast<DWORD>(std::size(path));
+    return process && ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size)
+                                                                             : std::wstring();
 }
 
 std::wstring AgentInstallFolder() {

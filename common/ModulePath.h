@@ -1,5 +1,7 @@
 #pragma once
-// Where the running executable and the agent it serves live.
+// Where the running executable and the agent it serves live, and the paths of programs.
+
+#include <windows.h>
 
 #include <string>
 
@@ -13,5 +15,10 @@ std::wstring ExecutableFolder();
 // backslash; the executable's folder when none is recorded, so that a copy run beside its files
 // finds them.
 std::wstring AgentInstallFolder();
+
+// The part of `path` after its last separator.
+std::wstring FileNameOf(const std::wstring& path);
+// The full path of the program that `process` runs; empty when it cannot be asked.
+std::wstring ProcessImagePath(HANDLE process);
 
 }  // namespace NS_Utils

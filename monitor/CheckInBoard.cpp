@@ -2,22 +2,9 @@
 
 #include <algorithm>
 
-namespace {
-std::wstring NameOnly(const std::wstring& path) {
-    const size_t slash = path.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? path : path.substr(slash + 1);
-}
-}  // namespace
-
 void CCheckInBoard::Queued(const CSharedId& credential) {
     // Copied before the lock is taken: the board's lock covers only the map.
-    CredentialStatus status;
-    status.displayName = credential.GetSignature();
-    status.sharedAccount = credential.GetSharedId();
-    status.leaseDN = credential.GetLeaseDN();
-    status.leaseExpiry = credential.GetLeaseExpiry();
-    status.fileName = NameOnly(credential.GetFileName());
-    status.state = CredentialStatus::State::WaitingForCheckIn;
+    CredentialStatus status = DescribeCredential(credential, CredentialStatus::State::WaitingForCheckIn);
     NS_Utils::CritSecGuard lock(m_lock);
     m_pending.insert_or_assign(&credential, Entry{m_nextOrder++, std::move(status)});
 }

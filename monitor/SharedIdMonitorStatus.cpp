@@ -1,5 +1,6 @@
 // The monitor's status snapshot: a short copy under the monitor lock, the rest without it.
 
+#include "common/ModulePath.h"
 #include "lease/LeaseMonitor.h"
 #include "monitor/SharedIdMonitor.h"
 
@@ -7,18 +8,10 @@
 #include <map>
 
 namespace {
-std::wstring NameOnly(const std::wstring& path) {
-    const size_t slash = path.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? path : path.substr(slash + 1);
-}
-
 // Asked of the process itself, outside every lock: a process that has just gone gives no name.
 std::wstring ExecutableName(DWORD pid) {
     NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-    wchar_t path[MAX_PATH * 2] = {};
-    DWORD size = static_cast<DWORD>(std::size(path));
-    if (!process || !::QueryFullProcessImageNameW(process.get(), 0, path, &size)) return {};
-    return NameOnly(std::wstring(path, size));
+    return NS_Utils::FileNameOf(NS_Utils::ProcessImagePath(process.get()));
 }
 
 void NameHolders(std::vector<CredentialStatus>& credentials) {
@@ -56,14 +49,8 @@ void SharedIdMonitor::CopyHeldLocked(std::vector<CredentialStatus>& held,
         // would go to the collector while it is read here.
         const std::shared_ptr<CSharedId> live = entry.weak.lock();
         if (!live) continue;
-        const CSharedId& record = *live;
-        CredentialStatus status;
-        status.displayName = signature;
-        status.sharedAccount = record.GetSharedId();
-        status.leaseDN = record.GetLeaseDN();
-        status.leaseExpiry = record.GetLeaseExpiry();
-        status.fileName = NameOnly(record.GetFileName());
-        for (DWORD pid : record.GetHolderPids()) status.holders.push_back({pid, {}});
+        CredentialStatus status = DescribeCredential(*live, CredentialStatus::State::Held);
+        for (DWORD pid : live->GetHolderPids()) status.holders.push_back({pid, {}});
         held.push_back(std::move(status));
         records.push_back(entry.weak);
     }

@@ -46,6 +46,10 @@ struct StatusSnapshot {
     std::vector<CredentialStatus> credentials;
 };
 
+class CSharedId;
+// A record's fields as the status shows them, in `state`, without holders.
+CredentialStatus DescribeCredential(const CSharedId& record, CredentialStatus::State state);
+
 inline const wchar_t* StateText(CredentialStatus::State state) {
     switch (state) {
     case CredentialStatus::State::Held: return L"held";

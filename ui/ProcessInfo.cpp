@@ -1,6 +1,7 @@
 #include "ui/ProcessInfo.h"
 
 #include "common/Log.h"
+#include "common/ModulePath.h"
 
 #include <shellapi.h>
 
@@ -8,13 +9,6 @@
 #include <cwchar>
 
 namespace {
-
-std::wstring ImagePath(HANDLE process) {
-    wchar_t path[MAX_PATH * 2] = {};
-    DWORD size = static_cast<DWORD>(std::size(path));
-    return process && ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size)
-                                                                             : std::wstring();
-}
 
 // GetWindowTextW reads another process's title without sending it a message, so a hung program
 // cannot stop the window's thread; GetWindowTextLengthW would send one.
@@ -50,7 +44,7 @@ ProcessInfo::ProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::w
     // An unreadable expiry counts as due now, so the user still gets the whole grace time.
     __time64_t appeared = _time64(nullptr);
     m_endTime = std::max(LeaseExpiryOf(m_credential), appeared + static_cast<__time64_t>(graceSeconds));
-    m_exePath = ImagePath(m_process.get());
+    m_exePath = NS_Utils::ProcessImagePath(m_process.get());
     m_rootWindow = FindRootWindow();
     if (m_rootWindow) m_title = WindowTitle(m_rootWindow);
 }
@@ -78,8 +72,7 @@ bool ProcessInfo::IsProcessAppWindowTitleLatest() {
 
 std::wstring ProcessInfo::DisplayName() const {
     if (!m_title.empty()) return m_title;
-    size_t slash = m_exePath.find_last_of(L"\\/");
-    return slash == std::wstring::npos ? m_exePath : m_exePath.substr(slash + 1);
+    return NS_Utils::FileNameOf(m_exePath);
 }
 
 HICON ProcessInfo::Icon() {
