@@ -1,15 +1,13 @@
 #include "host/StatusVariant.h"
 
 #include "common/ComHandles.h"
+#include "host/StatusLayout.h"
 #include "lease/ExpiryTime.h"
 
 #include <new>
 
 namespace NS_Status {
 namespace {
-
-constexpr ULONG kServiceFields = 6;
-constexpr ULONG kCredentialFields = 12;
 
 // One SAFEARRAY of VARIANTs, filled in order; element VARIANTs are written in place, so each
 // value's ownership passes to the array at once.
@@ -81,7 +79,7 @@ private:
 
 Row ServiceRow(const ServiceStatus& service, const ServiceFacts& facts) {
     Row row(kServiceFields);
-    row.Text(L"service").Int(service.leaseCount).Int(static_cast<LONG>(service.queuedWorkItems)).Date(facts.started);
+    row.Text(kServiceRow).Int(service.leaseCount).Int(static_cast<LONG>(service.queuedWorkItems)).Date(facts.started);
     row.Text(facts.version);
     if (service.agent == ServiceStatus::Agent::NotAskedYet)
         row.Empty();
@@ -99,7 +97,7 @@ Row Holders(const std::vector<HolderStatus>& holders) {
 
 Row CredentialRow(const CredentialStatus& credential) {
     Row row(kCredentialFields);
-    row.Text(L"credential").Text(credential.displayName).Text(credential.sharedAccount).Text(credential.leaseDN);
+    row.Text(kCredentialRow).Text(credential.displayName).Text(credential.sharedAccount).Text(credential.leaseDN);
     __time64_t expiry = 0;
     if (NS_LEASE_UTILS::ExpiryTextToTime(credential.leaseExpiry, expiry))
         row.Date(expiry);

@@ -44,7 +44,7 @@ public:
     HRESULT STDMETHODCALLTYPE GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                                     VARIANT_BOOL ownOnly, BSTR* serialized) override;
 
-    // ITarrowStatus: see host/StatusVariant.h for the rows.
+    // ITarrowStatus: see host/StatusLayout.h for the rows.
     HRESULT STDMETHODCALLTYPE GetStatus(VARIANT* snapshot) override;
 
     // Publishes the object under "KELTARROW"; S_FALSE when it already is.

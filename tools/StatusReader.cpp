@@ -1,6 +1,7 @@
 #include "tools/StatusReader.h"
 
 #include "common/ComHandles.h"
+#include "host/StatusLayout.h"
 
 #include <algorithm>
 #include <cwchar>
@@ -8,8 +9,8 @@
 namespace tarrowctl {
 namespace {
 
-constexpr size_t kServiceFields = 6;
-constexpr size_t kCredentialFields = 12;
+using NS_Status::kCredentialFields;
+using NS_Status::kServiceFields;
 
 // The elements of a one-dimensional array of VARIANTs, or false.
 bool Elements(const VARIANT& value, std::vector<const VARIANT*>& elements) {
@@ -77,14 +78,14 @@ bool ReadStatus(const VARIANT& snapshot, StatusText& status) {
                                                    L"agent reachable"};
     std::vector<const VARIANT*> rows, fields;
     if (!Elements(snapshot, rows) || rows.empty()) return false;
-    if (!Elements(*rows[0], fields) || fields.size() != kServiceFields || !Kind(*fields[0], L"service")) return false;
+    if (!Elements(*rows[0], fields) || fields.size() != kServiceFields || !Kind(*fields[0], NS_Status::kServiceRow)) return false;
     status = {};
     for (size_t i = 1; i < kServiceFields; ++i) {
         std::wstring value = Text(*fields[i]);
         status.service.emplace_back(kServiceNames[i - 1], value.empty() ? L"not asked yet" : value);
     }
     for (size_t r = 1; r < rows.size(); ++r) {
-        if (!Elements(*rows[r], fields) || fields.size() != kCredentialFields || !Kind(*fields[0], L"credential"))
+        if (!Elements(*rows[r], fields) || fields.size() != kCredentialFields || !Kind(*fields[0], NS_Status::kCredentialRow))
             return false;
         std::vector<std::wstring>& line = status.credentials.emplace_back();
         for (size_t i = 1; i < kCredentialFields; ++i) line.push_back(Text(*fields[i]));
