@@ -2,7 +2,7 @@
 
 #include "common/ComHandles.h"
 #include "host/StatusLayout.h"
-#include "lease/ExpiryTime.h"
+#include "sharedid/ExpiryTime.h"
 
 #include <new>
 

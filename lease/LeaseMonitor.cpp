@@ -2,7 +2,7 @@
 
 #include "common/Log.h"
 #include "common/Registry.h"
-#include "lease/ExpiryTime.h"
+#include "sharedid/ExpiryTime.h"
 #include "lease/LMSharedCredListener.h"
 #include "monitor/SharedIdMonitor.h"
 

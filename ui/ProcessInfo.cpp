@@ -2,6 +2,7 @@
 
 #include "common/Log.h"
 #include "common/ModulePath.h"
+#include "sharedid/ExpiryTime.h"
 
 #include <shellapi.h>
 
@@ -82,14 +83,8 @@ HICON ProcessInfo::Icon() {
 }
 
 __time64_t ProcessInfo::ParseExpiry(const std::wstring& text) {
-    std::tm tm{};
-    wchar_t zone = 0;
-    if (std::swscanf(text.c_str(), L"%4d%2d%2dT%2d%2d%2d%lc", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour,
-                     &tm.tm_min, &tm.tm_sec, &zone) != 7 || zone != L'Z')
-        return -1;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    return _mkgmtime64(&tm);
+    __time64_t time = -1;
+    return NS_LEASE_UTILS::ExpiryTextToTime(text, time) ? time : -1;
 }
 
 std::wstring ProcessInfo::FormatRemaining(double seconds) {

@@ -2,7 +2,7 @@
 // clock is the test's, and it is polled by the test instead of by its thread.
 
 #include "common/Registry.h"
-#include "lease/ExpiryTime.h"
+#include "sharedid/ExpiryTime.h"
 #include "lease/LeaseMonitor.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/monitor/MonitorFixture.h"

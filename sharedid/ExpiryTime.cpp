@@ -1,4 +1,4 @@
-#include "lease/ExpiryTime.h"
+#include "sharedid/ExpiryTime.h"
 
 #include <cwchar>
 
