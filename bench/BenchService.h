@@ -4,7 +4,7 @@
 
 #include "common/ComHandles.h"
 #include "common/Registry.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/ServiceProcess.h"
 #include "tools/TarrowClient.h"
 
 #include <cstdio>
@@ -13,15 +13,13 @@ namespace bench {
 
 // Call with COM initialised on this thread. False, said on stderr under `program`, when the
 // service could not be reached within a minute.
-inline bool StartService(const char* program, testsupport::ChildProcess& service, NS_Utils::ComPtr<ITarrow>& tarrow) {
+inline bool StartService(const char* program, testsupport::ServiceProcess& service, NS_Utils::ComPtr<ITarrow>& tarrow) {
     ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
     NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
                                   L"C:\\TarrowBench");
     testsupport::ChildProcess registration = testsupport::ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
     registration.Wait(60000);
-    service = testsupport::ChildProcess::Start(L"Tarrow.exe", L"");
-    for (int i = 0; i < 3000 && FAILED(tarrowctl::ConnectToTarrow(tarrow)); ++i) ::Sleep(20);
-    if (tarrow) return true;
+    if (service.Start() && SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow))) return true;
     std::fprintf(stderr, "%s: the service did not start\n", program);
     return false;
 }

@@ -119,7 +119,7 @@ int wmain(int argc, wchar_t** argv) {
     NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"LogLevel");
     ChildProcess holder = ChildProcess::StartHelper(L"--sleep 3600000");
     NS_Utils::ComApartment com;
-    ChildProcess service;
+    testsupport::ServiceProcess service;
     NS_Utils::ComPtr<ITarrow> tarrow;
     if (!bench::StartService("host_bench", service, tarrow)) return 1;
     Measure(tarrow.get(), holder.Id(), 20);  // warm up both sides
@@ -131,7 +131,6 @@ int wmain(int argc, wchar_t** argv) {
     PrintBurst("100 holders", HundredHolders(tarrow.get(), false));
     PrintBurst("100 holders + status", HundredHolders(tarrow.get(), true));
 
-    ::PostThreadMessageW(service.MainThreadId(), WM_QUIT, 0, 0);
-    service.Wait(30000);
+    service.Stop();
     return 0;
 }

@@ -53,7 +53,7 @@ int wmain(int argc, wchar_t** argv) {
     const int seconds = argc > 1 ? std::max(1, _wtoi(argv[1])) : 300;
     const int credentials = argc > 2 ? std::max(0, _wtoi(argv[2])) : 100;
     NS_Utils::ComApartment com;
-    ChildProcess service;
+    testsupport::ServiceProcess service;
     NS_Utils::ComPtr<ITarrow> tarrow;
     if (!bench::StartService("idle_bench", service, tarrow)) return 1;
 
@@ -75,9 +75,9 @@ int wmain(int argc, wchar_t** argv) {
     // Let the registrations' own work (files, log lines, the first poll) settle before measuring.
     ::Sleep(5000);
 
-    const double cpu0 = CpuMs(service.Handle()), threads0 = ThreadsCpuMs(service.Id()), wall0 = bench::Now();
+    const double cpu0 = CpuMs(service.Handle()), threads0 = ThreadsCpuMs(service.Pid()), wall0 = bench::Now();
     ::Sleep(static_cast<DWORD>(seconds) * 1000);
-    const double cpu = CpuMs(service.Handle()) - cpu0, threads = ThreadsCpuMs(service.Id()) - threads0,
+    const double cpu = CpuMs(service.Handle()) - cpu0, threads = ThreadsCpuMs(service.Pid()) - threads0,
                  wall = bench::Now() - wall0;
     std::printf("credentials %d registered of %d, %d holder processes\n", registered, credentials,
                 static_cast<int>(holders.size()));
@@ -86,7 +86,6 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("summed over its threads %.1f ms = %.4f %% of one core\n", threads, 100.0 * threads / wall);
 
     tarrow.reset();
-    ::PostThreadMessageW(service.MainThreadId(), WM_QUIT, 0, 0);
-    service.Wait(30000);
+    service.Stop();
     return 0;
 }

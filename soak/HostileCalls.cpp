@@ -279,7 +279,7 @@ int RunHostileCalls(const Options& options) {
     NS_Utils::ComApartment com;
     Service service;
     NS_Utils::ComPtr<ITarrow> tarrow;
-    if (!service.Start() || FAILED(ConnectAndProbe(tarrow, 30000))) return std::fprintf(stderr, "Tarrow did not start\n"), 2;
+    if (!StartAnswering(service) || FAILED(ConnectAndProbe(tarrow, 30000))) return std::fprintf(stderr, "Tarrow did not start\n"), 2;
     ChildProcess sentinelHolder = ChildProcess::Start(L"tarrow_soak.exe", L"idle");
     HostileFacts facts;
     facts.sentinel = RegisterSentinel(tarrow.get(), sentinelHolder.Id());

@@ -204,7 +204,7 @@ bool RunRounds(const Options& options, StormFacts& facts) {
     Service service;
     std::vector<ChildProcess> holders;
     for (unsigned long round = 0; round <= options.rounds; ++round) {
-        if (!service.Start()) return std::fprintf(stderr, "kill storm: Tarrow did not start in round %lu\n", round), false;
+        if (!StartAnswering(service)) return std::fprintf(stderr, "kill storm: Tarrow did not start in round %lu\n", round), false;
         if (!AllEnded(holders, 120000)) return std::fprintf(stderr, "kill storm: holders hang in round %lu\n", round), false;
         NoteHolderFailures(holders, round, facts);
         holders.clear();

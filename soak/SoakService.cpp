@@ -67,27 +67,7 @@ HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs) {
     }
 }
 
-bool Service::Start() {
-    m_process = testsupport::ChildProcess::Start(L"Tarrow.exe", L"");
-    NS_Utils::ComApartment com;
-    NS_Utils::ComPtr<ITarrow> tarrow;
-    return m_process.Valid() && testsupport::WaitUntil([&] {
-               return !Running() || SUCCEEDED(ConnectAndProbe(tarrow, 0));
-           }, 60000) && Running();
-}
-
-void Service::Kill() {
-    if (!Running()) return;
-    ::TerminateProcess(m_process.Handle(), 9);
-    m_process.Wait(30000);
-}
-
-DWORD Service::Stop() {
-    if (!m_process.Valid()) return 0;
-    ::PostThreadMessageW(m_process.MainThreadId(), WM_QUIT, 0, 0);
-    if (m_process.Wait(30000) != WAIT_OBJECT_0) m_process.Kill();
-    return m_process.ExitCode();
-}
+bool StartAnswering(Service& service) { return service.Start(Answers); }
 
 std::wstring LogText() { return testsupport::ReadUtf16File(std::wstring(kInstallFolder) + L"logs\\brisk_observer.log"); }
 

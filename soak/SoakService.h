@@ -4,6 +4,7 @@
 // (its log, its credential folder, its handles and memory).
 
 #include "common/ComHandles.h"
+#include "tests/support/ServiceProcess.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
@@ -29,22 +30,10 @@ void DescribeCredentialFiles(const char* heading);
 // Connects through the running object table and proves the object answers; within `timeoutMs`.
 HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs);
 
-class Service {
-public:
-    // Starts Tarrow.exe and waits (a minute at most) until its object answers a call.
-    bool Start();
-    // Ends the process by force at once, as a crash would.
-    void Kill();
-    // Ends the message loop as the end of the session would.
-    DWORD Stop();
-    bool Running() const { return m_process.Valid() && m_process.Wait(0) == WAIT_TIMEOUT; }
-    DWORD ExitCode() const { return m_process.ExitCode(); }
-    DWORD Pid() const { return m_process.Id(); }
-    HANDLE Handle() const { return m_process.Handle(); }
-
-private:
-    testsupport::ChildProcess m_process;
-};
+// Tarrow.exe, started until its object answers a call (see StartAnswering).
+using Service = testsupport::ServiceProcess;
+// Starts the service and waits (a minute at most) until its object answers a call.
+bool StartAnswering(Service& service);
 
 // The service log (UTF-16) of every instance so far.
 std::wstring LogText();

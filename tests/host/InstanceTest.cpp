@@ -7,7 +7,7 @@ namespace {
 TEST(InstanceTest, OneInstancePerSessionOrPerDesktopWhenLuspIsEnabled) {
     ASSERT_EQ(RunTarrow(L"/RegServerPerUser"), 0u);
     {
-        Service first;
+        ServiceProcess first;
         ASSERT_TRUE(first.Start());
         EXPECT_EQ(RunTarrow(L""), 3u);
         EXPECT_TRUE(first.Running());
@@ -15,7 +15,7 @@ TEST(InstanceTest, OneInstancePerSessionOrPerDesktopWhenLuspIsEnabled) {
     }
     NS_Utils::UniqueHandle lusp(::CreateEventW(nullptr, TRUE, FALSE, L"Local\\LUSPEnabled"));
     ASSERT_TRUE(lusp.valid());
-    Service service;
+    ServiceProcess service;
     ASSERT_TRUE(service.Start());
     wchar_t desktop[260] = {};
     ASSERT_TRUE(::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop), nullptr));

@@ -4,6 +4,7 @@
 
 #include "common/ComHandles.h"
 #include "tests/support/Credential.h"
+#include "tests/support/ServiceProcess.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
@@ -20,40 +21,12 @@ inline DWORD RunTarrow(const std::wstring& arguments) {
     return run.ExitCode();
 }
 
-class Service {
-public:
-    // Starts the service and waits until its object can be reached.
-    bool Start() {
-        m_process = ChildProcess::Start(L"Tarrow.exe", L"");
-        NS_Utils::ComApartment com;
-        NS_Utils::ComPtr<ITarrow> tarrow;
-        return m_process.Valid() && WaitUntil([&] {
-                   return m_process.Wait(0) == WAIT_OBJECT_0 || SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow));
-               }, 60000) && Running();
-    }
-    // Ends the message loop as the end of the session would; the service revokes its object.
-    DWORD Stop() {
-        if (!m_process.Valid()) return 0;
-        ::PostThreadMessageW(m_process.MainThreadId(), WM_QUIT, 0, 0);
-        if (m_process.Wait(30000) != WAIT_OBJECT_0) m_process.Kill();
-        DWORD code = m_process.ExitCode();
-        m_process = ChildProcess();
-        return code;
-    }
-    bool Running() const { return m_process.Valid() && m_process.Wait(0) == WAIT_TIMEOUT; }
-    DWORD Pid() const { return m_process.Id(); }
-    ~Service() { Stop(); }
-
-private:
-    ChildProcess m_process;
-};
-
 // One service for a whole suite; each test gets its own apartment and proxy.
 class ServiceTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(RunTarrow(L"/RegServerPerUser"), 0u);
-        s_service = new Service();
+        s_service = new ServiceProcess();
         ASSERT_TRUE(s_service->Start());
     }
     static void TearDownTestSuite() {
@@ -99,7 +72,7 @@ protected:
         return Query(::GetCurrentProcessId(), key, false, out) == S_OK;
     }
 
-    static inline Service* s_service = nullptr;
+    static inline ServiceProcess* s_service = nullptr;
     NS_Utils::ComApartment m_com;
     NS_Utils::ComPtr<ITarrow> tarrow;
 };
