@@ -4,6 +4,8 @@
 #include "common/WinHandles.h"
 #include "sharedid/SharedIdFile.h"
 
+#include <string_view>
+
 
 namespace {
 std::wstring AppDataFolder() {
@@ -19,6 +21,15 @@ std::wstring AppDataFolder() {
 bool IsEmptyFile(HANDLE file) {
     LARGE_INTEGER size{};
     return ::GetFileSizeEx(file, &size) && size.QuadPart == 0;
+}
+
+// The start of a credential file's text, as far as its reader ever looks.
+std::wstring ReadText(HANDLE file) {
+    std::wstring text(6 * 1024, L'\0');
+    DWORD read = 0;
+    if (!::ReadFile(file, text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), &read, nullptr)) return {};
+    text.resize(read / sizeof(wchar_t));
+    return text;
 }
 
 std::wstring ErrorStack(const std::list<DWORD>& errors) {
@@ -50,32 +61,62 @@ std::wstring PersistantStorage::NewFileName() {
            std::to_wstring(t.wMilliseconds) + L".dat";
 }
 
-int PersistantStorage::Persist(CSharedId& record) {
+int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProcess>* holders) {
     if (m_folder.empty()) return kFolderUnknown;
     if (!record.IsComplete()) {
         NS_Log::Log(1, L"[PersistantStorage::Persist]\t CSharedId object information not completed.");
         return kRecordUnfit;
     }
+    if (const wchar_t* field = NS_SHAREDID_UTILS::UnfitStoredField(record)) {
+        NS_Log::Log(1, L"[PersistantStorage::Persist]\t The file cannot hold the text of " + std::wstring(field));
+        return kRecordUnfit;
+    }
     const std::wstring previous = record.GetFileName();
-    std::wstring name;
     std::list<DWORD> errors;
+    NS_Utils::UniqueHandle file = CreateNamedFile(record, errors);
+    // The list first: a crash before the record's text leaves an empty file, which the next start
+    // removes with its list, never a credential file without the holders it had.
+    if (file && holders) WriteHolders(record, *holders);
+    if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
+        // A partly written file would be unreadable for good, and the name may be another's.
+        if (file) DeleteFiles(record.GetFileName(), std::move(file));
+        record.SetFileName(previous);
+        KeepErrors(errors, L"PersistantStorage::Persist");
+        return kWriteFailed;
+    }
+    NS_Utils::UniqueHandle earlier = record.TakeFileClaim();
+    record.ClaimFile(std::move(file));
+    // Only now that the new file is on the disk: a credential registered again is written anew,
+    // and its earlier file would otherwise be found at the next start and checked in twice.
+    if (!previous.empty() && previous != record.GetFileName()) DeleteFiles(previous, std::move(earlier));
+    return kOk;
+}
+
+NS_Utils::UniqueHandle PersistantStorage::CreateNamedFile(CSharedId& record, std::list<DWORD>& errors) {
+    std::wstring name;
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         name = NextFileName(name);
         errors.clear();
         record.SetFileName(m_folder + name);
-        NS_Utils::UniqueHandle file;
-        if (NS_SHAREDID_UTILS::writeSharedIdToFile(record, record.GetFileName(), errors, &file)) {
-            record.ClaimFile(std::move(file));
-            return kOk;
-        }
+        NS_Utils::UniqueHandle file = NS_SHAREDID_UTILS::CreateSharedIdFile(record.GetFileName(), errors);
+        if (file) return file;
         // Names are the local time without padding: they meet within a millisecond and even
         // across dates. A taken name is never overwritten; a fresh time gives another.
         if (errors.empty() || errors.back() != ERROR_FILE_EXISTS) break;
     }
-    // The name may belong to another credential's file: never leave it on this record.
-    record.SetFileName(previous);
-    KeepErrors(errors, L"PersistantStorage::Persist");
-    return kWriteFailed;
+    return {};
+}
+
+bool PersistantStorage::WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders) {
+    if (NS_SHAREDID_UTILS::WriteHolderList(record.GetFileName(), holders)) return true;
+    // The credential is kept all the same; a restart would check it in rather than hold it.
+    NS_Log::Log(1, L"[PersistantStorage::WriteHolders]\t Cannot write the holder list of " + record.GetFileName() +
+                       L". Error = " + std::to_wstring(::GetLastError()));
+    return false;
+}
+
+std::optional<std::vector<HolderProcess>> PersistantStorage::ReadHolders(const CSharedId& record) const {
+    return NS_SHAREDID_UTILS::ReadHolderList(record.GetFileName());
 }
 
 std::wstring PersistantStorage::NextFileName(const std::wstring& taken) {
@@ -92,7 +133,10 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
     WIN32_FIND_DATAW found;
     NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.dat").c_str(), &found));
     if (!search) {
-        if (::GetLastError() == ERROR_FILE_NOT_FOUND) return kOk;
+        if (::GetLastError() == ERROR_FILE_NOT_FOUND) {
+            RemoveOrphanHolderLists();
+            return kOk;
+        }
         KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::EnumCreds");
         return kEnumerationFailed;
     }
@@ -107,9 +151,8 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         // A crash between making a credential's file and writing it leaves it empty: it holds
         // nothing to check in, and left alone it would be skipped as unreadable at every start.
         if (claim && IsEmptyFile(claim.get())) {
-            claim.reset();
             NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
-            ::DeleteFileW(path.c_str());
+            DeleteFiles(path, std::move(claim));
             continue;
         }
         CSharedId record;
@@ -126,24 +169,71 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         if (claim) record.ClaimFile(std::move(claim));
         out.push_back(std::move(record));
     } while (::FindNextFileW(search.get(), &found));
+    search.reset();
+    RemoveOrphanHolderLists();
     return kOk;
 }
 
 NS_Utils::UniqueHandle PersistantStorage::ClaimStoredFile(const std::wstring& path) {
     // Asking for write access while denying it to others fails with a sharing violation exactly
     // when a live instance keeps the file open for its registered credential.
-    return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                                OPEN_EXISTING, 0, nullptr));
+    return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ,
+                                                nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
-int PersistantStorage::Delete(const CSharedId& record) {
+int PersistantStorage::Delete(CSharedId& record) {
     if (m_folder.empty()) return kFolderUnknown;
     if (record.GetFileName().empty()) return kRecordUnfit;
-    if (!::DeleteFileW(record.GetFileName().c_str())) {
-        KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::Delete");
+    return DeleteFiles(record.GetFileName(), record.TakeFileClaim());
+}
+
+int PersistantStorage::DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim) {
+    const bool deleted = claim ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.get()) : ::DeleteFileW(path.c_str());
+    const DWORD error = ::GetLastError();
+    // The file goes as the claim closes. Its list after it: a list left alone is removed at the
+    // next start, a credential file left without its list would be checked in under its holders.
+    claim.reset();
+    ::DeleteFileW(NS_SHAREDID_UTILS::HolderListPath(path).c_str());
+    if (!deleted) {
+        KeepErrors({NS_SHAREDID_UTILS::kStepFile, error}, L"PersistantStorage::Delete");
         return kDeleteFailed;
     }
     return kOk;
+}
+
+void PersistantStorage::RemoveOrphanHolderLists() {
+    constexpr std::wstring_view kList = L".holders";
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.holders*").c_str(), &found));
+    if (!search) return;
+    do {
+        const std::wstring name = found.cFileName;
+        const size_t at = name.rfind(kList);
+        if (at == std::wstring::npos || (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) continue;
+        // A live instance makes the credential file before its list, so a list alone is a leftover.
+        if (::GetFileAttributesW((m_folder + name.substr(0, at) + L".dat").c_str()) == INVALID_FILE_ATTRIBUTES)
+            ::DeleteFileW((m_folder + name).c_str());
+    } while (::FindNextFileW(search.get(), &found));
+}
+
+std::vector<CSharedId> PersistantStorage::StoredFiles() const {
+    std::vector<CSharedId> files;
+    if (m_folder.empty()) return files;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.dat").c_str(), &found));
+    if (!search) return files;
+    do {
+        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
+        CSharedId record;
+        const std::wstring path = m_folder + found.cFileName;
+        NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                  OPEN_EXISTING, 0, nullptr));
+        if (file) NS_SHAREDID_UTILS::ParseSharedIdText(ReadText(file.get()), record);
+        record.SetFileName(path);
+        files.push_back(std::move(record));
+    } while (::FindNextFileW(search.get(), &found));
+    return files;
 }
 
 std::list<DWORD> PersistantStorage::Errors() const {

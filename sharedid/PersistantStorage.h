@@ -4,9 +4,12 @@
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
+#include "sharedid/HolderList.h"
 #include "sharedid/SharedId.h"
 
 #include <list>
+#include <optional>
+#include <vector>
 #include <string>
 
 class PersistantStorage {
@@ -25,14 +28,26 @@ public:
 
     // Writes the record to a new file named after the local time, points its m_fileName at it
     // and keeps the file open in the record (its claim). A name that is taken is made anew from
-    // a later time, a few times. On failure the record keeps the file name it had.
-    int Persist(CSharedId& record);
+    // a later time, a few times. With `holders`, their list is written beside the file before
+    // the record's text. Everything is on the disk when this returns kOk; only then is a file
+    // that the record had before deleted (through its claim). On failure the record keeps the
+    // file and the claim it had.
+    int Persist(CSharedId& record, const std::vector<HolderProcess>* holders = nullptr);
+    // Replaces the holder list beside the record's file; false when it could not be written.
+    bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
+    // The holder list beside the record's file; nothing when there is none.
+    std::optional<std::vector<HolderProcess>> ReadHolders(const CSharedId& record) const;
     // Every credential file that can be read, with m_fileName set and the file claimed. A file
     // that cannot be read is logged, skipped and left where it is for an administrator to look
     // at; so is a file that another live instance holds open for a credential it answers for.
     int EnumCreds(std::list<CSharedId>& out);
-    // The record's claim must have been released first: the claim denies deletion.
-    int Delete(const CSharedId& record);
+    // Deletes the record's file and its holder list. Through the record's claim when it holds
+    // one (the claim is released then), so that no instance starting meanwhile can take the
+    // file up; by name otherwise.
+    int Delete(CSharedId& record);
+    // Every credential file in the folder, read without disturbing anyone's claim (so another
+    // live instance's files are among them); a file that cannot be read gives only its name.
+    std::vector<CSharedId> StoredFiles() const;
 
     const std::wstring& Folder() const { return m_folder; }
     std::list<DWORD> Errors() const;
@@ -44,6 +59,11 @@ private:
     // A name made from the local time that differs from `taken`, waiting for the clock if needed.
     static std::wstring NextFileName(const std::wstring& taken);
     static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);
+    // Makes a new file under a fresh name for the record (m_fileName set to it); empty on failure.
+    NS_Utils::UniqueHandle CreateNamedFile(CSharedId& record, std::list<DWORD>& errors);
+    int DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim);
+    // Holder lists left without their credential file (a crash between deleting the two).
+    void RemoveOrphanHolderLists();
 
     static constexpr int kNameAttempts = 5;
     static constexpr int kClockWaitMs = 100;

@@ -28,7 +28,9 @@ public:
     CFileClaim& operator=(CFileClaim&&) noexcept = default;
 
     bool Held() const noexcept { return m_file.valid(); }
+    HANDLE Handle() const noexcept { return m_file.get(); }
     void Release() noexcept { m_file.reset(); }
+    NS_Utils::UniqueHandle Take() noexcept { return std::move(m_file); }
 
 private:
     NS_Utils::UniqueHandle m_file;
@@ -102,7 +104,9 @@ public:
     // The open credential file; replacing it closes the one held before.
     void ClaimFile(NS_Utils::UniqueHandle file) noexcept { m_fileClaim = CFileClaim(std::move(file)); }
     void ReleaseFileClaim() noexcept { m_fileClaim.Release(); }
+    NS_Utils::UniqueHandle TakeFileClaim() noexcept { return m_fileClaim.Take(); }
     bool HoldsFileClaim() const noexcept { return m_fileClaim.Held(); }
+    HANDLE FileClaimHandle() const noexcept { return m_fileClaim.Handle(); }
 
 private:
     bool m_flag = false;

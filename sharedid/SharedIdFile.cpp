@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <iterator>
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 namespace NS_SHAREDID_UTILS {
@@ -106,19 +108,60 @@ bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std:
         return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" SharedId object is not complete.");
     if (record.GetFileName().empty())
         return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" SharedId object does not has a filename.");
+    if (const wchar_t* field = UnfitStoredField(record))
+        return Fail(errors, kStepRecord, std::wstring(kWriteTag) + L" The file cannot hold the text of " + field);
 
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0,
-                                              nullptr));
-    if (!file) return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" CreateFile error. Error = ");
+    NS_Utils::UniqueHandle file = CreateSharedIdFile(path, errors);
+    if (!file || !WriteSharedIdToHandle(record, file.get(), errors)) return false;
+    if (keepOpen) *keepOpen = std::move(file);
+    return true;
+}
 
+NS_Utils::UniqueHandle CreateSharedIdFile(const std::wstring& path, std::list<DWORD>& errors) {
+    // Deletion access lets the instance that claims the file delete it through the claim, so
+    // that no other instance can take it up between a check-in and its deletion.
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_NEW, 0, nullptr));
+    if (!file) FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" CreateFile error. Error = ");
+    return file;
+}
+
+bool WriteSharedIdToHandle(const CSharedId& record, HANDLE file, std::list<DWORD>& errors) {
     std::wstring text = FormatSharedIdText(record);
     DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
     DWORD written = 0;
-    if (!::WriteFile(file.get(), text.data(), bytes, &written, nullptr) || written != bytes)
+    if (!::WriteFile(file, text.data(), bytes, &written, nullptr) || written != bytes)
         return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" WriteFile error. Error = ");
-    if (keepOpen) *keepOpen = std::move(file);
+    // A registration is answered only once its file would survive a power cut.
+    if (!::FlushFileBuffers(file))
+        return FailWithError(errors, kStepFile, std::wstring(kWriteTag) + L" FlushFileBuffers error. Error = ");
     return true;
+}
+
+bool DeleteThroughHandle(HANDLE file) {
+    FILE_DISPOSITION_INFO disposition{TRUE};
+    return ::SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof(disposition)) != FALSE;
+}
+
+const wchar_t* UnfitStoredField(const CSharedId& record) {
+    struct Field {
+        const wchar_t* name;
+        const std::wstring& (CSharedId::*text)() const;
+    };
+    // In the file's order: the first nine are read back with a bounded line read.
+    static constexpr Field kFields[] = {
+        {L"Corvin Auth Svc Url", &CSharedId::GetCorvinAuthSvcUrl}, {L"Corvin Auth Srv ID", &CSharedId::GetCorvinAuthSrvId},
+        {L"Auth Svc ID", &CSharedId::GetAuthSvcId},                {L"Shared ID", &CSharedId::GetSharedId},
+        {L"Role ID", &CSharedId::GetRoleId},                       {L"auxText4", &CSharedId::GetAuxText4},
+        {L"LeaseDN", &CSharedId::GetLeaseDN},                      {L"auxText1", &CSharedId::GetAuxText1},
+        {L"lease expiry", &CSharedId::GetLeaseExpiry},             {L"enterprise id", &CSharedId::GetEnterpriseId}};
+    constexpr size_t kBoundedItems = 9;
+    for (size_t i = 0; i < std::size(kFields); ++i) {
+        const std::wstring& text = (record.*kFields[i].text)();
+        if (text.find_first_of(std::wstring_view(L"\n\0", 2)) != std::wstring::npos) return kFields[i].name;
+        if (i < kBoundedItems && text.size() >= kLineUnits) return kFields[i].name;
+    }
+    return nullptr;
 }
 
 bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors) {

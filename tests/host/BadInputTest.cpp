@@ -37,14 +37,22 @@ TEST_F(BadInputTest, EveryBadInputIsAnsweredAndNothingRegisteredIsLost) {
     EXPECT_TRUE(leavingResult == 0u || leavingResult == 1u) << leavingResult;
     EXPECT_TRUE(WaitUntil([&] { return !Found(Uniform(L"leaving")); }));
 
-    // Texts with line feeds and colons, and texts of a megabyte, are carried as they are.
-    for (const std::wstring& odd : {std::wstring(L"a\nb:c\r\n:"), std::wstring(1 << 20, L'x') + L"\n:"}) {
-        ASSERT_EQ(Register(holder.Id(), Uniform(odd)), 0u);
-        ASSERT_EQ(Query(holder.Id(), Uniform(odd), false, out), S_OK);
-        // Eight texts carry it; the lease expiry, not being a time, is rewritten at registration.
-        EXPECT_GT(out.ByteLength(), odd.size() * 2 * 8);
-        EXPECT_EQ(Release(holder.Id(), Uniform(odd)), 0u);
-    }
+    // A stored text the file could not give back is refused, and no file is made; the 511
+    // characters that a line can hold are taken, and memory-only texts are not limited.
+    const size_t files = ListFiles(CredentialFolder(), L"*.dat").size();
+    CSharedId feed = Credential(L"feed"), zero = Credential(L"zero");
+    feed.SetLeaseDN(L"cn=a\nb:c");
+    zero.SetSharedId(std::wstring(L"ac\0ct", 5));
+    for (const CSharedId& unfit : {feed, zero, Credential(std::wstring(512, L'r'))})
+        EXPECT_EQ(Register(holder.Id(), unfit), 4u) << unfit.GetSignature().substr(0, 40);
+    EXPECT_EQ(ListFiles(CredentialFolder(), L"*.dat").size(), files);
+    const std::wstring huge = std::wstring(1 << 20, L'x') + L"\n\0:";
+    const CSharedId memoryOnly(kUrl, L"srv-1", L"aux-1", kService, L"acct", huge, std::wstring(511, L'r'), L"aux-4",
+                               L"cn=memory-only", L"20301231T120000Z", true, huge, huge);
+    ASSERT_EQ(Register(holder.Id(), memoryOnly), 0u);
+    ASSERT_EQ(Query(holder.Id(), memoryOnly, false, out), S_OK);
+    EXPECT_GT(out.ByteLength(), huge.size() * 2);
+    EXPECT_EQ(Release(holder.Id(), memoryOnly), 0u);
 
     EXPECT_TRUE(s_service->Running());
     EXPECT_TRUE(Found(sentinel));

@@ -1,0 +1,89 @@
+#include "sharedid/HolderList.h"
+
+#include "common/WinHandles.h"
+
+#include <cstdio>
+#include <sstream>
+
+namespace NS_SHAREDID_UTILS {
+
+namespace {
+constexpr wchar_t kCredentialExtension[] = L".dat";
+constexpr wchar_t kHolderExtension[] = L".holders";
+constexpr wchar_t kPendingSuffix[] = L".new";
+constexpr DWORD kMaxListBytes = 64 * 1024;
+
+std::string FormatList(const std::vector<HolderProcess>& holders) {
+    std::string text;
+    for (const HolderProcess& holder : holders)
+        text += std::to_string(holder.pid) + " " + std::to_string(holder.created) + "\n";
+    return text;
+}
+
+std::optional<std::vector<HolderProcess>> ParseList(const std::string& text) {
+    std::vector<HolderProcess> holders;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        HolderProcess holder;
+        unsigned long pid = 0;
+        unsigned long long created = 0;
+        char extra = 0;
+        if (std::sscanf(line.c_str(), "%lu %llu %c", &pid, &created, &extra) != 2 || pid == 0) return std::nullopt;
+        holder.pid = static_cast<DWORD>(pid);
+        holder.created = created;
+        holders.push_back(holder);
+    }
+    return holders;
+}
+
+bool WriteFlushed(const std::wstring& path, const std::string& text) {
+    NS_Utils::UniqueHandle file(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
+           written == text.size() && ::FlushFileBuffers(file.get());
+}
+}  // namespace
+
+std::wstring HolderListPath(const std::wstring& credentialPath) {
+    std::wstring stem = credentialPath;
+    const size_t extension = std::size(kCredentialExtension) - 1;
+    if (stem.size() >= extension && ::_wcsicmp(stem.c_str() + stem.size() - extension, kCredentialExtension) == 0)
+        stem.resize(stem.size() - extension);
+    return stem + kHolderExtension;
+}
+
+bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders) {
+    const std::wstring path = HolderListPath(credentialPath);
+    const std::wstring pending = path + kPendingSuffix;
+    if (WriteFlushed(pending, FormatList(holders)) &&
+        ::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+        return true;
+    ::DeleteFileW(pending.c_str());
+    return false;
+}
+
+std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& credentialPath) {
+    NS_Utils::UniqueHandle file(::CreateFileW(HolderListPath(credentialPath).c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!file) return std::nullopt;
+    std::string text(kMaxListBytes, '\0');
+    DWORD read = 0;
+    if (!::ReadFile(file.get(), text.data(), kMaxListBytes, &read, nullptr)) return std::nullopt;
+    text.resize(read);
+    return ParseList(text);
+}
+
+ULONGLONG ProcessCreationTime(HANDLE process) {
+    FILETIME created{}, exited{}, kernel{}, user{};
+    if (!process || !::GetProcessTimes(process, &created, &exited, &kernel, &user)) return 0;
+    return (ULONGLONG{created.dwHighDateTime} << 32) | created.dwLowDateTime;
+}
+
+bool IsStillRunning(const HolderProcess& holder) {
+    NS_Utils::UniqueHandle process(::OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, holder.pid));
+    return holder.created != 0 && process && ::WaitForSingleObject(process.get(), 0) == WAIT_TIMEOUT &&
+           ProcessCreationTime(process.get()) == holder.created;
+}
+
+}  // namespace NS_SHAREDID_UTILS

@@ -1,0 +1,39 @@
+#pragma once
+// The holder processes of a credential, kept beside its file ("<name>.holders" beside
+// "<name>.dat"), so that a restart of the service finds the processes that still use the
+// credential and holds it for them instead of checking it in under them. A process is known by
+// its id and its creation time: an id alone may have been given to another process since.
+//
+// The list is one ASCII line per process, "<pid> <creation time as a FILETIME count>". It is
+// replaced as a whole (written beside, flushed, then renamed over the old one), so a power cut
+// leaves the old list or the new one, never a mix.
+
+#include <windows.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct HolderProcess {
+    DWORD pid = 0;
+    ULONGLONG created = 0;
+
+    bool operator==(const HolderProcess&) const = default;
+};
+
+namespace NS_SHAREDID_UTILS {
+
+// The holder list's path for a credential file's path.
+std::wstring HolderListPath(const std::wstring& credentialPath);
+// Replaces the list, on the disk when this returns true.
+bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
+// The list, or nothing when there is none (a file written before lists were kept) or it cannot
+// be read.
+std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& credentialPath);
+
+// The creation time of an open process; 0 when it cannot be asked.
+ULONGLONG ProcessCreationTime(HANDLE process);
+// Whether the process runs now and is the one that was listed (same id, same creation time).
+bool IsStillRunning(const HolderProcess& holder);
+
+}  // namespace NS_SHAREDID_UTILS
