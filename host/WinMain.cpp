@@ -2,6 +2,7 @@
 // running object table, and a message loop until the session or desktop goes away.
 
 #include "host/CallerSecurity.h"
+#include "host/CloseRequestWindow.h"
 #include "host/Tarrow.h"
 #include "host/TarrowModule.h"
 
@@ -54,6 +55,8 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
         tarrow->RegisterInROTPatiently();
         tarrow->RegisterActive();
+        CCloseRequestWindow closeRequests;
+        closeRequests.Create();
         RunMessageLoop();
         tarrow->Shutdown();
     }

@@ -11,6 +11,10 @@ namespace {
 
 constexpr wchar_t kParentClass[] = L"KEL_Dummy_Class_For_Panel";
 constexpr wchar_t kBlockReason[] = L"Checking in shared credentials";
+
+// An installer asks the application to close (the Restart Manager): the session goes on, so no
+// holder is ended; the main thread's own window ends the service in order.
+bool IsCloseRequest(LPARAM lParam) { return (lParam & ENDSESSION_CLOSEAPP) != 0; }
 constexpr DWORD kStartWaitMs = 2000;
 constexpr UINT kTickMs = 5000;
 // Lease monitor threads post these instead of calling the window: a thread that waits on the
@@ -182,7 +186,7 @@ LRESULT CALLBACK LMMainUI::ParentWndProc(HWND window, UINT message, WPARAM wPara
     auto* self = reinterpret_cast<LMMainUI*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
     if (message == WM_QUERYENDSESSION) return TRUE;
     if (message == WM_ENDSESSION) {
-        if (wParam && self) self->ReportSessionEnd();
+        if (wParam && self && !IsCloseRequest(lParam)) self->ReportSessionEnd();
         return 0;
     }
     return ::DefWindowProcW(window, message, wParam, lParam);
@@ -207,7 +211,7 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
     case kMsgBlockReason: ApplyShutdownBlockReason(wParam != 0); return true;
     case WM_QUERYENDSESSION: ::SetWindowLongPtrW(dialog, DWLP_MSGRESULT, TRUE); return true;
     case WM_ENDSESSION:
-        if (wParam) ReportSessionEnd();
+        if (wParam && !IsCloseRequest(lParam)) ReportSessionEnd();
         return true;
     // The warning stays until its rows are gone; closing it would hide a running countdown.
     case WM_CLOSE: return true;
