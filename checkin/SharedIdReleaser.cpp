@@ -36,7 +36,7 @@ SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); 
 
 bool SharedIdReleaser::IsRetryable(int code) {
     switch (code) {
-    case 5: case 7: case 8: case 37: case 41: case 43: case kStopped:
+    case 5: case 7: case 8: case 37: case 41: case 43: case kStopped: case kAgentGone:
         return true;
     default:
         return false;
@@ -124,7 +124,33 @@ int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* 
         hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
                                      output.get(), &nRet);
     if (hrCIRes) *hrCIRes = hr;
+    if (IsServerGone(hr, nRet, *output.get())) {
+        Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
+                                L"; its objects are made anew for the next attempt.");
+        DropAgentObjects();
+        return kAgentGone;
+    }
     return DecideResult(hr, nRet, *output.get());
+}
+
+bool SharedIdReleaser::IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output) {
+    switch (hr) {
+    case RPC_E_DISCONNECTED:
+    case CO_E_OBJNOTCONNECTED:
+    case __HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE):
+    case __HRESULT_FROM_WIN32(RPC_S_CALL_FAILED):
+        return nRet == 0 && NS_CheckInRow::ReadResults(output).empty();
+    default:
+        return false;
+    }
+}
+
+void SharedIdReleaser::DropAgentObjects() {
+    // Proxies of a server that is gone stay dead; the cached account stays good.
+    m_checkInAgent.reset();
+    m_runtime.reset();
+    m_scriptSupport.reset();
+    m_enterpriseIdDispId = DISPID_UNKNOWN;
 }
 
 bool SharedIdReleaser::RefreshAccountForCheckIn() {
@@ -232,10 +258,7 @@ SharedIdReleaser::LoginWait SharedIdReleaser::WaitForLogin() {
 
 void SharedIdReleaser::Reset() {
     CheckThread();
-    m_checkInAgent.reset();
-    m_runtime.reset();
-    m_scriptSupport.reset();
-    m_enterpriseIdDispId = DISPID_UNKNOWN;
+    DropAgentObjects();
     m_corvinUser.clear();
     NS_Utils::WipeString(m_corvinPassword);
     m_corvinAuthSvcId.clear();

@@ -7,7 +7,6 @@
 // objects are created there, so they may only be used there; the cached account is touched
 // by that thread alone and needs no lock. Other threads (the registration path on the COM
 // thread included) ask the worker to act by queueing a work item; they never call in here.
-// Debug builds check that every call comes from the thread that called Init first.
 
 #include "checkin/AgentInterfaces.h"
 #include "common/ComHandles.h"
@@ -27,6 +26,8 @@ public:
     // Not sent: the service stopped while the check-in waited for the agent's logon. Retried like
     // a transient answer, so the credential's file stays for the next start.
     static constexpr int kStopped = INT_MIN;
+    // Not answered: the agent's server went away during the call. Retried with objects made anew.
+    static constexpr int kAgentGone = INT_MIN + 1;
 
     // Pauses the worker; false when the service is stopping and the caller should give up.
     using Pause = std::function<bool(DWORD milliseconds)>;
@@ -76,6 +77,9 @@ private:
     bool RefreshAccountForCheckIn();
     void DeleteGlobalAccountDataBag(const CSharedId& credential);
     int DecideResult(HRESULT hr, LONG nRet, const VARIANT& output);
+    // The call failed because the agent's server is gone: nothing was answered.
+    static bool IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output);
+    void DropAgentObjects();
     void CheckThread() const;
 
     NS_Utils::ComPtr<ICICOBatchAgent> m_checkInAgent;

@@ -41,6 +41,18 @@ bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
     return ::WaitForSingleObject(m_queue.StopEvent(), milliseconds) == WAIT_TIMEOUT;
 }
 
+CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) {
+    HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
+    switch (::WaitForMultipleObjects(2, events, FALSE, milliseconds)) {
+    case WAIT_TIMEOUT: return Pause::Elapsed;
+    case WAIT_OBJECT_0 + 1:
+        // The wake-up was the worker loop's: it must still see the item.
+        ::SetEvent(m_queue.ItemEvent());
+        return Pause::Work;
+    default: return Pause::Stopping;
+    }
+}
+
 DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
     static_cast<CGarbageCollector*>(self)->WorkerLoop();
     return 0;

@@ -5,7 +5,7 @@
 //
 // Threads: Queue from any thread, the worker included. Start and Stop from the owner's threads
 // (serialised by the start/stop lock); Stop never from the worker, which cannot wait for itself.
-// WaitUnlessStopping from the worker, inside an item.
+// WaitUnlessStopping and PauseUnlessWork from the worker, inside an item.
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
@@ -40,6 +40,10 @@ public:
     // An item's pause that Stop cuts short, so that a long wait between retries never holds up
     // the end of the service. False when the collector is stopping.
     bool WaitUnlessStopping(DWORD milliseconds) const;
+    enum class Pause { Elapsed, Work, Stopping };
+    // Worker only, inside an item: a pause that also ends when another item is queued (it runs
+    // once this item returns) or the collector stops.
+    Pause PauseUnlessWork(DWORD milliseconds);
     size_t QueuedCount() const { return m_queue.Count(); }
     bool IsWorkerThread() const { return ::GetCurrentThreadId() == m_workerId.load(); }
 

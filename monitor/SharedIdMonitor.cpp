@@ -3,6 +3,7 @@
 #include "common/FailFast.h"
 #include "common/Log.h"
 #include "lease/LeaseMonitor.h"
+#include "sharedid/SharedIdFile.h"
 
 #include <algorithm>
 
@@ -74,11 +75,11 @@ size_t SharedIdMonitor::SignatureEntryCount() const {
     return m_AuthToCredMap.size();
 }
 
-std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(const CSharedId& record) {
+std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(CSharedId record) {
     // Never destroyed where the last holder lets go (often under the monitor lock): the record
     // goes to the collector, whose worker checks it in. A record released after the monitor is
     // gone is only freed; its file brings it back at the next start.
-    return std::shared_ptr<CSharedId>(new CSharedId(record), [weak = weak_from_this()](CSharedId* raw) {
+    return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), [weak = weak_from_this()](CSharedId* raw) {
         std::shared_ptr<CSharedId> released(raw);
         if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->QueueRelease(std::move(released));
     });
@@ -134,6 +135,11 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
         return kIncomplete;
     }
+    if (const wchar_t* field = NS_SHAREDID_UTILS::UnfitStoredField(credential)) {
+        // Answered 0, it would be written and then never read back: never checked in.
+        Log(1, kRegisterTag, L" Error: the credential file cannot hold the text of " + std::wstring(field));
+        return kIncomplete;
+    }
     if (NS_Log::IsEnabled(4)) Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
     if (pid == 0) {
         Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
@@ -172,20 +178,27 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
 }
 
 void SharedIdMonitor::PersistLocked(CSharedId& credential) {
-    const std::wstring earlier = credential.GetFileName();
-    int result = m_storage.Persist(credential);
-    if (result != PersistantStorage::kOk) {
+    const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
+    int result = m_storage.Persist(credential, &holders);
+    if (result != PersistantStorage::kOk)
         Log(1, kRegisterTag, L"Failed to write credential to persistent storage, return value = " +
                                  std::to_wstring(result));
-        return;
+}
+
+std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {
+    std::vector<HolderProcess> holders;
+    for (DWORD pid : credential.GetHolderPids()) {
+        auto entry = processMap.find(pid);
+        if (entry == processMap.end()) continue;
+        holders.push_back({pid, NS_SHAREDID_UTILS::ProcessCreationTime(entry->second.waitInfo->Process())});
     }
-    // A credential registered again is written anew; its earlier file would otherwise be found
-    // at the next start and checked in a second time.
-    if (!earlier.empty() && earlier != credential.GetFileName()) {
-        CSharedId previous;
-        previous.SetFileName(earlier);
-        m_storage.Delete(previous);
-    }
+    return holders;
+}
+
+void SharedIdMonitor::WriteHoldersLocked(const CSharedId& credential) {
+    // A record whose file could not be written has no list either.
+    if (!credential.HoldsFileClaim()) return;
+    m_storage.WriteHolders(credential, HoldersOfLocked(credential));
 }
 
 DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
@@ -253,6 +266,8 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         if (std::find(held.begin(), held.end(), live) == held.end()) {
             live->RemoveHolderPid(pid);
             listeners = live->GetListeners();
+            // Even when none is left: the process runs on, and a restart must not hold it for it.
+            WriteHoldersLocked(*live);
         }
         Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
         matched = true;
@@ -327,9 +342,13 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
             Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
             return false;
         }
-        if (!IsHolder(*live, pid)) listeners = live->GetListeners();
+        const bool added = !IsHolder(*live, pid);
         live->AddHolderPid(pid);
         entry->second.credentials.push_back(live);
+        if (added) {
+            listeners = live->GetListeners();
+            WriteHoldersLocked(*live);
+        }
         *registered = *live;
         return true;
     }

@@ -5,7 +5,8 @@
 //
 // Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, StartLeaseMonitor and Shutdown
 // on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId
-// and every call into the releaser on the collector's worker; LeaseIncrease/LeaseDecrease from any
+// and every call into the releaser on the collector's worker; GCUncheckedInCredentials on the
+// owner's thread at start and on the worker when the agent is back; LeaseIncrease/LeaseDecrease from any
 // of them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
 // OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread; TakeStatusSnapshot on the
 // COM thread. Each takes the monitor lock for the maps and never calls listeners, the window or
@@ -70,7 +71,10 @@ public:
     void OnProcessExit(const DWORD* pid);
 
     void OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record);
-    // Queues every credential file left by an earlier run for check-in.
+    // Takes up every credential file that no live instance claims: a credential whose holder
+    // list names a process still running is held again for those processes; the others are
+    // queued for check-in. At start (owner's thread), and on the worker when the agent can be
+    // reached again after files were kept.
     bool GCUncheckedInCredentials();
     // The collector's work item for a released credential: check-in (re-queued after a
     // transient failure), then its file and the lease count.
@@ -139,7 +143,7 @@ private:
     SharedIdMonitor();
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
     void ErasePMEntry(ProcessMap::iterator entry);
-    std::shared_ptr<CSharedId> MakeCredential(const CSharedId& record);
+    std::shared_ptr<CSharedId> MakeCredential(CSharedId record);
     // Work items hold the monitor weakly: an item that outlives it does nothing.
     void QueueRelease(std::shared_ptr<CSharedId> credential);
     void QueueFreeSharedId(std::shared_ptr<CSharedId> credential);
@@ -151,9 +155,29 @@ private:
     DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
     bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
     void PersistLocked(CSharedId& credential);
+    // The credential's holders with their creation times, from the process map.
+    std::vector<HolderProcess> HoldersOfLocked(const CSharedId& credential) const;
+    // Replaces the holder list beside the credential's file after its holders changed.
+    void WriteHoldersLocked(const CSharedId& credential);
+    // Holds a credential read from its file again for those of its listed holders that still
+    // run; false, with the record untouched, when none could be entered.
+    bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
+    std::vector<HolderProcess> RunningHolders(const CSharedId& record) const;
     // Worker only: one exchange with the agent; a transient result when memory ran out.
     static int CheckIn(const CSharedId& credential, SharedIdReleaser& releaser);
     static constexpr int kRetryAfterNoMemory = 5;
+    // Worker only: makes what is missing of the agent's objects; true when a check-in can be
+    // tried. The first success after files were kept takes them up.
+    bool ReachAgent();
+    // Worker only: the agent cannot be reached, so the credential is forgotten here and its file
+    // stays for the next start or the agent's return.
+    void KeepForLater(std::shared_ptr<CSharedId> credential);
+    // Worker only: the file is deleted, the record dropped and the lease count lowered.
+    void Forget(std::shared_ptr<CSharedId> credential);
+    // Asks for the agent again every retry pause while files are kept and nothing else would.
+    void QueueAgentProbe();
+    void ProbeAgent();
+    static constexpr DWORD kAgentProbeFloorMs = 1000;
     // Any thread: the identity-server account is read on the worker, never under the monitor
     // lock on the caller's thread (a call into the agent could let another call in mid-way).
     void RefreshCorvinCredLater();
@@ -180,4 +204,7 @@ private:
     CCheckInBoard m_checkIns;
     std::atomic<LONG> m_leaseCount{0};
     std::atomic<bool> m_corvinRefreshQueued{false};
+    // Files were kept while the agent could not be reached; taken up when it can be again.
+    std::atomic<bool> m_keptFiles{false};
+    std::atomic<bool> m_agentProbeQueued{false};
 };

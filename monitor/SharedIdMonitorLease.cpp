@@ -26,6 +26,9 @@ void SharedIdMonitor::AttachLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMon
     leaseMonitor->SetRegistry(this);
     {
         LockGuard lock(*this);
+        // Credentials held again at start for their running holders come before the lease monitor.
+        for (const auto& [signature, entry] : m_AuthToCredMap)
+            if (std::shared_ptr<CSharedId> live = entry.weak.lock()) leaseMonitor->AddLeaseExpirationInfo(live);
         m_leaseMonitor = std::move(leaseMonitor);
     }
     // Credentials left from an earlier run may already be counted.

@@ -2,6 +2,7 @@
 
 #include "checkin/KelSettingsImpl.h"
 #include "common/Log.h"
+#include "lease/LeaseMonitor.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -46,7 +47,11 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
                                L") not found in processMap.");
             return;
         }
+        // Released here if this was their last holder, after the lock is left.
+        const std::vector<std::shared_ptr<CSharedId>> held = entry->second.credentials;
         ErasePMEntry(entry);
+        for (auto it = held.begin(); it != held.end(); ++it)
+            if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it) WriteHoldersLocked(**it);
     }
     NS_Log::Log(3, kExitTag + std::wstring(L" Completed successfully."));
 }
@@ -85,6 +90,11 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     }
     size_t count = 0;
     for (CSharedId& record : stored) {
+        const std::vector<HolderProcess> running = RunningHolders(record);
+        if (!running.empty()) {
+            LockGuard lock(*this);
+            if (AdoptLocked(record, running)) continue;
+        }
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
         LeaseIncrease();
         auto credential = std::make_shared<CSharedId>(std::move(record));
@@ -99,37 +109,119 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     return true;
 }
 
+std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& record) const {
+    std::vector<HolderProcess> running;
+    // A file without a list was written before lists were kept: checked in, as it always was.
+    if (std::optional<std::vector<HolderProcess>> listed = m_storage.ReadHolders(record))
+        for (const HolderProcess& holder : *listed)
+            if (holder.pid != ::GetCurrentProcessId() && NS_SHAREDID_UTILS::IsStillRunning(holder))
+                running.push_back(holder);
+    return running;
+}
+
+bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running) {
+    std::vector<ProcessMap::iterator> entries;
+    for (const HolderProcess& holder : running) {
+        auto entry = InsertAndGetPMEntry(holder.pid);
+        // The id may have passed to another process since it was looked at.
+        if (entry == processMap.end()) continue;
+        if (NS_SHAREDID_UTILS::ProcessCreationTime(entry->second.waitInfo->Process()) == holder.created)
+            entries.push_back(entry);
+        else if (entry->second.credentials.empty())
+            ErasePMEntry(entry);
+    }
+    if (entries.empty()) return false;
+    const std::wstring signature = record.GetSignature();
+    std::shared_ptr<CSharedId> credential = FindLiveForRegistration(signature);
+    if (credential) {
+        // A second file of a credential already held again (the service ended between writing a
+        // credential's new file and deleting its old one): the first file answers for both.
+        m_storage.Delete(record);
+    } else {
+        credential = MakeCredential(std::move(record));
+        m_AuthToCredMap.emplace(signature, CredentialRef{credential, credential.get()});
+        if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(credential);
+        LeaseIncrease();
+    }
+    for (auto entry : entries) {
+        credential->AddHolderPid(entry->first);
+        entry->second.credentials.push_back(credential);
+    }
+    WriteHoldersLocked(*credential);
+    NS_Log::Log(3, kGcTag + std::wstring(L" Held again for its running holders: the shared id with leaseDN = ") +
+                       credential->GetLeaseDN());
+    return true;
+}
+
 void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor) {
     NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!credential || !monitor) return;
-    // Without the agent's check-in object and runtime there is no check-in: the credential is
-    // forgotten all the same, so that the service never keeps a credential it cannot return.
-    monitor->m_releaser.Init();
-    monitor->m_checkIns.SetAgentReachable(monitor->m_releaser.IsReady());
-    if (monitor->m_releaser.IsReady()) {
-        int result = CheckIn(*credential, monitor->m_releaser);
-        if (SharedIdReleaser::IsRetryable(result)) {
-            NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
-                                                   L"Will retry checkin. Error code : ") + std::to_wstring(result));
-            const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
-            monitor->m_checkIns.Attempted(*credential, result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
-            monitor->QueueFreeSharedId(std::move(credential));
-            monitor->m_gc->WaitUnlessStopping(pauseMs);
-            return;
-        }
-        if (result == SharedIdReleaser::kDifferentUser)
-            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
-                                                   L"Error code : ") + std::to_wstring(result));
+    if (!monitor->ReachAgent()) return monitor->KeepForLater(std::move(credential));
+    int result = CheckIn(*credential, monitor->m_releaser);
+    if (SharedIdReleaser::IsRetryable(result)) {
+        NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
+                                               L"Will retry checkin. Error code : ") + std::to_wstring(result));
+        const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
+        monitor->m_checkIns.Attempted(*credential, result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
+        monitor->QueueFreeSharedId(std::move(credential));
+        monitor->m_gc->WaitUnlessStopping(pauseMs);
+        return;
     }
+    if (result == SharedIdReleaser::kDifferentUser)
+        NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
+                                               L"Error code : ") + std::to_wstring(result));
+    monitor->Forget(std::move(credential));
+}
+
+bool SharedIdMonitor::ReachAgent() {
+    const bool reachable = m_releaser.Init();
+    m_checkIns.SetAgentReachable(reachable);
+    if (reachable && m_keptFiles.exchange(false)) {
+        NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
+        GCUncheckedInCredentials();
+    }
+    return reachable;
+}
+
+void SharedIdMonitor::KeepForLater(std::shared_ptr<CSharedId> credential) {
+    // Not reaching the agent is no answer from it: a deleted file would be a check-in lost.
+    NS_Log::Log(2, kFreeTag + std::wstring(L" The agent cannot be reached; the credential file stays for the next "
+                                           L"start or the agent's return: ") + credential->GetFileName());
     credential->ReleaseFileClaim();
-    int deleted = monitor->m_storage.Delete(*credential);
+    m_keptFiles.store(true);
+    m_checkIns.Finished(*credential);
+    credential.reset();
+    LeaseDecrease();
+    QueueAgentProbe();
+}
+
+void SharedIdMonitor::Forget(std::shared_ptr<CSharedId> credential) {
+    int deleted = m_storage.Delete(*credential);
     if (deleted != PersistantStorage::kOk)
         NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
                            std::to_wstring(deleted));
     NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
-    monitor->m_checkIns.Finished(*credential);
+    m_checkIns.Finished(*credential);
     credential.reset();
-    monitor->LeaseDecrease();
+    LeaseDecrease();
+}
+
+void SharedIdMonitor::QueueAgentProbe() {
+    if (m_agentProbeQueued.exchange(true)) return;
+    m_gc->Queue([weak = weak_from_this()] {
+        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->ProbeAgent();
+    });
+}
+
+void SharedIdMonitor::ProbeAgent() {
+    const DWORD pauseMs = std::max<DWORD>(KelSettingsImpl::GetFreeSharedIdWaitTime(), kAgentProbeFloorMs);
+    using Pause = NS_Utils::CGarbageCollector::Pause;
+    const Pause pause = m_gc->PauseUnlessWork(pauseMs);
+    if (pause == Pause::Stopping) return;
+    // Work that came meanwhile goes first (it reaches for the agent itself); the probe follows it.
+    if (pause == Pause::Elapsed) ReachAgent();
+    m_agentProbeQueued.store(false);
+    if (m_keptFiles.load()) QueueAgentProbe();
 }
 
 int SharedIdMonitor::CheckIn(const CSharedId& credential, SharedIdReleaser& releaser) {
@@ -151,7 +243,7 @@ void SharedIdMonitor::RefreshCorvinCredLater() {
         std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
         if (!monitor) return;
         monitor->m_corvinRefreshQueued.store(false);
-        monitor->m_releaser.Init();
+        monitor->ReachAgent();
         monitor->m_releaser.UpdateCorvinCred();
     });
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 namespace {
 // Asked of the process itself, outside every lock: a process that has just gone gives no name.
@@ -40,6 +41,15 @@ void AddWindowState(std::vector<CredentialStatus>& held, const std::vector<std::
             status.holdersEndAt = first ? row.endTime : std::min(status.holdersEndAt, row.endTime);
         }
 }
+// Files that no credential listed so far stands for.
+void AddFilesOnDisk(std::vector<CredentialStatus>& credentials, const std::vector<CSharedId>& files) {
+    std::set<std::wstring> listed;
+    for (const CredentialStatus& credential : credentials) listed.insert(credential.fileName);
+    for (const CSharedId& file : files) {
+        CredentialStatus status = DescribeCredential(file, CredentialStatus::State::OnDisk);
+        if (!listed.count(status.fileName)) credentials.push_back(std::move(status));
+    }
+}
 }  // namespace
 
 void SharedIdMonitor::CopyHeldLocked(std::vector<CredentialStatus>& held,
@@ -70,6 +80,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     if (leaseMonitor) AddWindowState(snapshot.credentials, records, leaseMonitor->ListedRows());
     NameHolders(snapshot.credentials);
     std::move(pending.begin(), pending.end(), std::back_inserter(snapshot.credentials));
+    AddFilesOnDisk(snapshot.credentials, m_storage.StoredFiles());
     snapshot.service.leaseCount = m_leaseCount.load();
     snapshot.service.queuedWorkItems = m_gc->QueuedCount();
     snapshot.service.agent = m_checkIns.AgentState();

@@ -14,7 +14,7 @@ struct HolderStatus {
 };
 
 struct CredentialStatus {
-    enum class State { Held, OnExpiryWindow, WaitingForCheckIn, Retrying };
+    enum class State { Held, OnExpiryWindow, WaitingForCheckIn, Retrying, OnDisk };
 
     std::wstring displayName;  // service id:role:URL
     std::wstring sharedAccount;
@@ -42,7 +42,9 @@ struct ServiceStatus {
 
 struct StatusSnapshot {
     ServiceStatus service;
-    // Held credentials by display name, then those released and not yet checked in, oldest first.
+    // Held credentials by display name, then those released and not yet checked in, oldest first,
+    // then the credential files that none of these stands for (left for the next start or the
+    // agent's return, or another live instance's).
     std::vector<CredentialStatus> credentials;
 };
 
@@ -56,6 +58,7 @@ inline const wchar_t* StateText(CredentialStatus::State state) {
     case CredentialStatus::State::OnExpiryWindow: return L"on the lease-expiry window";
     case CredentialStatus::State::WaitingForCheckIn: return L"waiting for check-in";
     case CredentialStatus::State::Retrying: return L"retrying";
+    case CredentialStatus::State::OnDisk: return L"on disk";
     }
     return L"";
 }

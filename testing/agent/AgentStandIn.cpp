@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <sstream>
+#include <type_traits>
 
 using NS_Utils::ComPtr;
 using namespace standin;
@@ -20,6 +21,12 @@ constexpr DISPID kEnterpriseIdDispId = 1;
 
 std::atomic<size_t> g_checkIns{0};
 std::atomic<DWORD> g_enterpriseIdReads{0};
+
+std::wstring Hex(HRESULT value) {
+    wchar_t text[9];
+    std::swprintf(text, 9, L"%08lx", static_cast<unsigned long>(value));
+    return text;
+}
 
 // The journal must show which password arrived without ever holding it.
 std::wstring PasswordHash(BSTR password) {
@@ -41,12 +48,14 @@ bool ForEachElement(const VARIANT& array, Visit&& visit) {
     return lock.Locked() && std::all_of(elements, elements + lock.Count(), visit);
 }
 
-LONG NextCheckInResult() {
-    std::wistringstream script(ScriptString(L"CheckInResults", L"0"));
-    std::vector<LONG> results;
-    for (std::wstring item; std::getline(script, item, L',');) results.push_back(std::wcstol(item.c_str(), nullptr, 10));
-    if (results.empty()) results.push_back(0);
-    return results[std::min(g_checkIns++, results.size() - 1)];
+// The `call`th value of a comma-separated script list; its last value for every later call.
+LONG ScriptListAt(const wchar_t* name, size_t call) {
+    std::wistringstream script(ScriptString(name, L"0"));
+    std::vector<LONG> values;
+    for (std::wstring item; std::getline(script, item, L',');)
+        values.push_back(static_cast<LONG>(std::wcstoul(item.c_str(), nullptr, 0)));
+    if (values.empty()) values.push_back(0);
+    return values[std::min(call, values.size() - 1)];
 }
 
 class CheckInAgent : public Object<ICICOBatchAgent, &IID_ICICOBatchAgent> {
@@ -72,9 +81,15 @@ public:
             Journal(line + L" rows=invalid");
             return E_INVALIDARG;
         }
+        const size_t call = g_checkIns++;
+        // As a proxy answers when the agent's server went away mid-call: no answer at all.
+        if (const HRESULT gone = ScriptListAt(L"CheckInHResults", call); FAILED(gone)) {
+            Journal(line + L" rows=" + std::to_wstring(rowCount) + L" hr=0x" + Hex(gone) + rows);
+            return gone;
+        }
         VARIANT element{};  // an integer, which holds nothing to free
         element.vt = VT_I4;
-        element.lVal = NextCheckInResult();
+        element.lVal = ScriptListAt(L"CheckInResults", call);
         const HRESULT filled = ReturnArray(out, VT_VARIANT, ScriptDword(L"CheckInOutputCount", 1),
                                            [&](SAFEARRAY* array, LONG i) { return ::SafeArrayPutElement(array, &i, &element); });
         if (FAILED(filled)) return filled;
@@ -113,6 +128,7 @@ class Factory : public Object<IClassFactory, &IID_IClassFactory> {
 public:
     HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid, void** out) override {
         *out = nullptr;
+        if constexpr (std::is_same_v<Made, CheckInAgent>) Journal(L"Made check-in object");
         return outer ? CLASS_E_NOAGGREGATION : ComPtr<Made>::Attach(new Made)->QueryInterface(iid, out);
     }
     // A lock counts as a live object: either keeps the module loaded.

@@ -79,6 +79,8 @@ bool Install(const std::wstring& programDir) {
 
 bool Unregister() { return CallServer("DllUnregisterServer"); }
 
+bool Register() { return CallServer("DllRegisterServer"); }
+
 void SetScript(const wchar_t* name, DWORD value) { NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value); }
 
 void SetScript(const wchar_t* name, const std::wstring& value) {

@@ -14,6 +14,8 @@ namespace standin {
 bool Install(const std::wstring& programDir);
 // Removes the classes, so that the check-in object and the script support are not registered.
 bool Unregister();
+// Registers them again, where Install left the runtime library (which a process may have loaded).
+bool Register();
 
 void SetScript(const wchar_t* name, DWORD value);
 // A value with embedded L'\0' separators is written as a list (REG_MULTI_SZ), e.g. ExistingBags.

@@ -51,7 +51,13 @@ TEST_F(CallTest, RegisterQueryReleaseEndToEnd) {
     EXPECT_TRUE(Found(credential));
     EXPECT_EQ(Release(holder.Id(), credential), 0u);
     EXPECT_FALSE(Found(credential));
-    EXPECT_TRUE(WaitUntil([&] { return !FileExists(fileName); }));
+    // Without the agent (none is installed here) nothing can be checked in: the file stays.
+    // Forgotten by the service once nothing has it open any more, and still there.
+    EXPECT_TRUE(WaitUntil([&] {
+        return NS_Utils::UniqueHandle(::CreateFileW(fileName.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr))
+            .valid();
+    }));
+    EXPECT_TRUE(FileExists(fileName));
     EXPECT_EQ(Release(holder.Id(), credential), 7u);
 
     // Any other VARIANT_BOOL than VARIANT_TRUE is false.

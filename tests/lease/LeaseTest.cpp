@@ -150,14 +150,12 @@ TEST_F(LeaseTest, LogoffEndsEveryHolderAndReturnsOnceAllAreCheckedIn) {
 
 // Slow by design: the handler waits its full two minutes while the agent keeps answering 37.
 TEST_F(LeaseTest, LogoffGivesUpAfterTwoMinutesAndCountsWhatIsLeft) {
-    ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
     standin::SetScript(L"CheckInResults", std::wstring(L"37"));
     ChildProcess first = Hold(L"first", kNow + 86400), second = Hold(L"second", kNow + 86400);
     monitor->OnWndSessionEnd();
     EXPECT_EQ(CountInServiceLog(L"2 credentials were not checked in to Corvin during windows logoff."), 1u);
     EXPECT_EQ(monitor->LeaseCount(), 2);
     standin::ClearScript();
-    standin::Unregister();
 }
 
 }  // namespace

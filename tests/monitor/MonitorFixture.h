@@ -1,7 +1,9 @@
 #pragma once
-// A monitor with a credential folder of its own, and holder processes to register credentials for.
+// A monitor with a credential folder of its own, holder processes to register credentials for, and
+// the stand-in agent to check them in: without an agent a credential is kept on the disk.
 
 #include "monitor/SharedIdMonitor.h"
+#include "testing/agent/StandInControl.h"
 #include "tests/support/Credential.h"
 #include "tests/support/TestSupport.h"
 
@@ -12,6 +14,9 @@ namespace testsupport {
 class MonitorTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // Installed once: the runtime library stays loaded in this process and cannot be replaced.
+        static const bool installed = standin::Install(L"C:\\TarrowTestInstall\\");
+        ASSERT_TRUE(installed && standin::Register());
         std::wstring appData = MakeTempFolder(L"monitor");
         ::SetEnvironmentVariableW(L"appdata", appData.c_str());
         folder = appData + L"\\Kel\\Tarrow\\";

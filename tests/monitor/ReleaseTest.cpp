@@ -10,7 +10,6 @@ namespace {
 
 class ReleaseTest : public MonitorTest {
 protected:
-    static void SetUpTestSuite() { ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\")); }
     void SetUp() override {
         standin::ClearScript();
         standin::ClearJournal();
@@ -46,11 +45,18 @@ TEST_F(ReleaseTest, EveryOtherResultIsFinal) {
     }
 }
 
-// Last: the runtime library stays loaded, so the stand-in cannot be installed again afterwards.
-TEST_F(ReleaseTest, WithoutTheCheckInObjectCredentialsAreForgottenUnsent) {
+// Not reaching the agent is no answer: the credentials are forgotten here and their files kept,
+// until the agent can be reached again.
+TEST_F(ReleaseTest, WithoutTheCheckInObjectFilesAreKeptUntilItIsBack) {
     ASSERT_TRUE(standin::Unregister());
-    ReleaseByExit({Credential(L"a"), Credential(L"b")});
+    ChildProcess holder = StartHolder();
+    for (const wchar_t* role : {L"a", L"b"}) ASSERT_EQ(Register(Credential(role), holder.Id()), 0u);
+    holder.Kill();
+    EXPECT_TRUE(WaitUntil([&] { return monitor->LeaseCount() == 0 && monitor->SignatureEntryCount() == 0; }));
+    EXPECT_EQ(FileCount(), 2u);
     EXPECT_EQ(CheckIns(), 0u);
+    ASSERT_TRUE(standin::Register());
+    EXPECT_TRUE(WaitUntil([&] { return Settled() && CheckIns() == 2; }));
 }
 
 }  // namespace
