@@ -1,9 +1,11 @@
 #pragma once
 // The real Tarrow.exe for a benchmark: registered for the user, its installation folder (and so
-// its log) in C:\TarrowBench, started, and reached through the running object table.
+// its log) in C:\TarrowBench with the stand-in agent, started, and reached through the running
+// object table.
 
 #include "common/ComHandles.h"
 #include "common/Registry.h"
+#include "testing/agent/StandInControl.h"
 #include "tests/support/ServiceProcess.h"
 #include "tools/TarrowClient.h"
 
@@ -17,6 +19,8 @@ inline bool StartService(const char* program, testsupport::ServiceProcess& servi
     ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
     NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
                                   L"C:\\TarrowBench");
+    // With an agent, as on a desktop: released credentials are checked in, not kept on the disk.
+    standin::Install(L"C:\\TarrowBench\\");
     testsupport::ChildProcess registration = testsupport::ChildProcess::Start(L"Tarrow.exe", L"/RegServerPerUser");
     registration.Wait(60000);
     if (service.Start() && SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow))) return true;

@@ -41,14 +41,12 @@ void AddWindowState(std::vector<CredentialStatus>& held, const std::vector<std::
             status.holdersEndAt = first ? row.endTime : std::min(status.holdersEndAt, row.endTime);
         }
 }
-// Files that no credential listed so far stands for.
-void AddFilesOnDisk(std::vector<CredentialStatus>& credentials, const std::vector<CSharedId>& files) {
+// Files that no credential listed so far stands for; only those are read.
+void AddFilesOnDisk(std::vector<CredentialStatus>& credentials, const PersistantStorage& storage) {
     std::set<std::wstring> listed;
     for (const CredentialStatus& credential : credentials) listed.insert(credential.fileName);
-    for (const CSharedId& file : files) {
-        CredentialStatus status = DescribeCredential(file, CredentialStatus::State::OnDisk);
-        if (!listed.count(status.fileName)) credentials.push_back(std::move(status));
-    }
+    for (const CSharedId& file : storage.StoredFiles(listed))
+        credentials.push_back(DescribeCredential(file, CredentialStatus::State::OnDisk));
 }
 }  // namespace
 
@@ -80,7 +78,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     if (leaseMonitor) AddWindowState(snapshot.credentials, records, leaseMonitor->ListedRows());
     NameHolders(snapshot.credentials);
     std::move(pending.begin(), pending.end(), std::back_inserter(snapshot.credentials));
-    AddFilesOnDisk(snapshot.credentials, m_storage.StoredFiles());
+    AddFilesOnDisk(snapshot.credentials, m_storage);
     snapshot.service.leaseCount = m_leaseCount.load();
     snapshot.service.queuedWorkItems = m_gc->QueuedCount();
     snapshot.service.agent = m_checkIns.AgentState();

@@ -216,14 +216,14 @@ void PersistantStorage::RemoveOrphanHolderLists() {
     } while (::FindNextFileW(search.get(), &found));
 }
 
-std::vector<CSharedId> PersistantStorage::StoredFiles() const {
+std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstring>& known) const {
     std::vector<CSharedId> files;
     if (m_folder.empty()) return files;
     WIN32_FIND_DATAW found;
     NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.dat").c_str(), &found));
     if (!search) return files;
     do {
-        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || known.count(found.cFileName)) continue;
         CSharedId record;
         const std::wstring path = m_folder + found.cFileName;
         NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,

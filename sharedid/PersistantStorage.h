@@ -9,6 +9,7 @@
 
 #include <list>
 #include <optional>
+#include <set>
 #include <vector>
 #include <string>
 
@@ -45,9 +46,10 @@ public:
     // one (the claim is released then), so that no instance starting meanwhile can take the
     // file up; by name otherwise.
     int Delete(CSharedId& record);
-    // Every credential file in the folder, read without disturbing anyone's claim (so another
-    // live instance's files are among them); a file that cannot be read gives only its name.
-    std::vector<CSharedId> StoredFiles() const;
+    // The credential files in the folder whose names are not in `known`, read without disturbing
+    // anyone's claim (so another live instance's files are among them); a file that cannot be
+    // read gives only its name.
+    std::vector<CSharedId> StoredFiles(const std::set<std::wstring>& known) const;
 
     const std::wstring& Folder() const { return m_folder; }
     std::list<DWORD> Errors() const;
