@@ -177,7 +177,7 @@ void MeasureStartUp(int credentials) {
     double done = Now() - start;
     std::printf("%d credentials on disk at start: queued in %8.1f ms (before the object is published), "
                 "all checked in after %8.1f ms\n", credentials, queued, done);
-    monitor->Shutdown();
+    (void)monitor->Shutdown();
 }
 
 }  // namespace
@@ -200,7 +200,7 @@ int wmain(int argc, wchar_t** argv) {
     std::shared_ptr<SharedIdMonitor> monitor = SharedIdMonitor::Create();
     MeasureExit(*monitor, samples);
     for (int holders : holderCounts) MeasureThroughput(*monitor, holders);
-    monitor->Shutdown();
+    (void)monitor->Shutdown();
     monitor.reset();
 
     if (!standin::Install(appData + L"\\")) {
@@ -209,7 +209,7 @@ int wmain(int argc, wchar_t** argv) {
     }
     monitor = SharedIdMonitor::Create();
     MeasureCheckIn(*monitor, samples);
-    monitor->Shutdown();
+    (void)monitor->Shutdown();
     monitor.reset();
     MeasureStartUp(1000);
     return 0;

@@ -1,38 +1,56 @@
 #include "common/GarbageCollector.h"
 
+#include "common/Log.h"
+
 namespace NS_Utils {
 
 namespace {
 constexpr DWORD kStopGraceMs = 500;
+constexpr const wchar_t* kTag = L"[NS_Utils::CGarbageCollector]\t";
 }
 
-CGarbageCollector::~CGarbageCollector() { Stop(); }
+CGarbageCollector::~CGarbageCollector() {
+    // An owner that did not stop the worker in order ends the process before it gets here.
+    (void)Stop();
+}
 
 bool CGarbageCollector::Start() {
     CritSecGuard guard(m_startStopLock);
     if (m_worker || m_running.load() != 0) return true;
+    if (!m_queue.Valid()) {
+        m_broken.store(true);
+        NS_Log::Log(1, kTag + std::wstring(L" The work queue's events could not be made; nothing will be checked in."));
+        return false;
+    }
     m_running.store(1);
     ::ResetEvent(m_queue.StopEvent());
     DWORD id = 0;
     m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, &id));
     if (!m_worker) {
         m_running.store(0);
+        m_broken.store(true);
+        NS_Log::Log(1, kTag + std::wstring(L" The worker could not be started; nothing will be checked in. GLE = ") +
+                           std::to_wstring(::GetLastError()));
         return false;
     }
     m_workerId.store(id);
     return true;
 }
 
-void CGarbageCollector::Stop() {
+bool CGarbageCollector::Stop() {
     CritSecGuard guard(m_startStopLock);
-    if (!m_worker || m_running.load() != 1) return;
+    if (!m_worker || m_running.load() != 1) return true;
     m_running.store(0);
     ::SetEvent(m_queue.StopEvent());
+    bool orderly = true;
     // The worker cannot wait for itself; it leaves its loop once the current item returns.
-    if (!IsWorkerThread() && ::WaitForSingleObject(m_worker.get(), kStopGraceMs) != WAIT_OBJECT_0)
+    if (!IsWorkerThread() && ::WaitForSingleObject(m_worker.get(), kStopGraceMs) != WAIT_OBJECT_0) {
         ::TerminateThread(m_worker.get(), 0);
+        orderly = false;
+    }
     m_worker.reset();
     m_workerId.store(0);
+    return orderly;
 }
 
 void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
@@ -67,6 +85,11 @@ void CGarbageCollector::WorkerLoop() {
         } else if (wait == WAIT_FAILED) {
             break;
         }
+    }
+    if (m_running.load() != 0) {
+        m_broken.store(true);
+        NS_Log::Log(1, kTag + std::wstring(L" The worker ended without being stopped; nothing will be checked in. "
+                                           L"GLE = ") + std::to_wstring(::GetLastError()));
     }
     if (m_exitHook) m_exitHook();
 }

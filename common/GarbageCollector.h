@@ -3,8 +3,9 @@
 // credentials and frees of finished waits go here, so that they never run on the thread that
 // dropped the last reference, which may hold the monitor lock.
 //
-// Threads: Queue from any thread, the worker included. Start and Stop from the owner's threads
-// (serialised by the start/stop lock); Stop never from the worker, which cannot wait for itself.
+// Threads: Queue and Broken from any thread, the worker included. Start and Stop from the owner's
+// threads (serialised by the start/stop lock); Stop from the worker only marks the end, since the
+// worker cannot wait for itself.
 // WaitUnlessStopping and PauseUnlessWork from the worker, inside an item.
 
 #include "common/CriticalSection.h"
@@ -29,11 +30,16 @@ public:
     // apartment is let go there. Set before the first Start.
     void SetWorkerExitHook(WorkItem hook) { m_exitHook = std::move(hook); }
 
-    // Starts the worker unless it runs; false when the thread could not be made.
+    // Starts the worker unless it runs; false, logged, when its events or its thread could not
+    // be made.
     bool Start();
     // Ends the worker: it gets 500 ms to finish its current item, then it is ended by force.
-    // Items still queued are not run; they are destroyed with the collector.
-    void Stop();
+    // Items still queued are not run; they are destroyed with the collector. False when the
+    // worker was ended by force: whatever lock it held (the registry's, the log's, the heap's)
+    // may stay taken for good, so the caller must take none and end the process.
+    [[nodiscard]] bool Stop();
+    // No check-in can happen: the worker could not be started or ended without being stopped.
+    bool Broken() const { return m_broken.load(); }
 
     // Any thread, including the worker itself.
     void Queue(WorkItem item);
@@ -55,6 +61,7 @@ private:
     UniqueHandle m_worker;
     std::atomic<LONG> m_running{0};
     std::atomic<DWORD> m_workerId{0};
+    std::atomic<bool> m_broken{false};
     CConcurrentQueue<WorkItem> m_queue;
     WorkItem m_exitHook;
 };

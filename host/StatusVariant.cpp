@@ -85,6 +85,7 @@ Row ServiceRow(const ServiceStatus& service, const ServiceFacts& facts) {
         row.Empty();
     else
         row.Bool(service.agent == ServiceStatus::Agent::Reachable);
+    row.Bool(service.workerRunning);
     return row;
 }
 
@@ -111,6 +112,7 @@ Row CredentialRow(const CredentialStatus& credential) {
         row.Empty();
     row.Int(static_cast<LONG>(credential.attempts)).Date(retrying ? credential.nextAttempt : 0);
     row.Date(credential.state == CredentialStatus::State::OnExpiryWindow ? credential.holdersEndAt : 0);
+    row.Date(credential.state == CredentialStatus::State::CheckingIn ? credential.checkingInSince : 0);
     return row;
 }
 

@@ -29,17 +29,23 @@ CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
 }
 
 CTarrow::~CTarrow() {
-    Shutdown();
+    // Shut down by the owner before; a forced stop ends the process before the last release.
+    (void)Shutdown();
     CTarrowModule::Instance().Unlock();
 }
 
-void CTarrow::Shutdown() {
+bool CTarrow::Shutdown() {
     m_activeObject.Revoke();
     RevokeFromROT();
-    if (!m_monitor) return;
+    if (!m_monitor) return true;
     // Lease monitor first, then the collector: see SharedIdMonitor::Shutdown.
-    m_monitor->Shutdown();
+    if (!m_monitor->Shutdown()) {
+        // Never destroyed: its destructor would take the locks a thread ended by force may hold.
+        (void)new std::shared_ptr<SharedIdMonitor>(std::move(m_monitor));
+        return false;
+    }
     m_monitor.reset();
+    return true;
 }
 
 HRESULT CTarrow::QueryInterface(REFIID iid, void** object) {

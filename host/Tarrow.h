@@ -57,8 +57,9 @@ public:
     // The end of the service, on the main thread once its message loop has ended: withdraws the
     // object from the table (the active object's entry first), then stops the lease monitor and
     // the collector (in that order, so that no warning starts while check-ins finish) and
-    // destroys the registry here. Calls that still arrive are refused.
-    void Shutdown();
+    // destroys the registry here. Calls that still arrive are refused. False when a thread had
+    // to be ended by force: the caller ends the process without taking down anything more.
+    [[nodiscard]] bool Shutdown();
 
 private:
     CTarrow();

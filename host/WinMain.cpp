@@ -1,6 +1,7 @@
 // Tarrow.exe: one instance per logon session (or per desktop), its one object published in the
 // running object table, and a message loop until the session or desktop goes away.
 
+#include "common/Log.h"
 #include "host/CallerSecurity.h"
 #include "host/CloseRequestWindow.h"
 #include "host/Tarrow.h"
@@ -19,6 +20,25 @@ std::wstring SingleInstanceMutexName() {
     DWORD needed = 0;
     ::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop), &needed);
     return std::wstring(kMutexBase) + L"_" + desktop;
+}
+
+// A thread was ended by force at the stop and may have held any lock, the heap's and the log's
+// among them: the last words are written from a thread of their own that is waited for briefly,
+// and the process ends without running anything else. The credential files and holder lists
+// stay for the next start.
+[[noreturn]] void EndAfterForcedStop() {
+    constexpr DWORD kLastWordsMs = 1000;
+    NS_Utils::UniqueHandle writer(::CreateThread(
+        nullptr, 0,
+        [](void*) -> DWORD {
+            NS_Log::Log(1, L"[wWinMain]\t A thread (check-in worker or lease poller) did not stop and was ended by "
+                           L"force; the service ends now. Credential files stay for the next start.");
+            return 0;
+        },
+        nullptr, 0, nullptr));
+    if (writer) ::WaitForSingleObject(writer.get(), kLastWordsMs);
+    ::TerminateProcess(::GetCurrentProcess(), 0);
+    for (;;) ::Sleep(INFINITE);
 }
 
 void RunMessageLoop() {
@@ -58,7 +78,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         CCloseRequestWindow closeRequests;
         closeRequests.Create();
         RunMessageLoop();
-        tarrow->Shutdown();
+        if (!tarrow->Shutdown()) EndAfterForcedStop();
     }
     ::CoUninitialize();
     return 0;

@@ -28,7 +28,10 @@ CLeaseMonitor::CLeaseMonitor(Clock clock)
     SetInterval(kPollIntervalMs);
 }
 
-CLeaseMonitor::~CLeaseMonitor() { Shutdown(); }
+CLeaseMonitor::~CLeaseMonitor() {
+    // An owner whose stop ended the poller by force ends the process before it gets here.
+    (void)Shutdown();
+}
 
 LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
     // Bound to `this`: the window's thread ends in ~LMMainUI, before the monitor's other members go.
@@ -46,10 +49,12 @@ LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
     return callbacks;
 }
 
-void CLeaseMonitor::Shutdown() {
+bool CLeaseMonitor::Shutdown() {
     CPoller::Stop();
-    if (Join(kStopWaitMs) == WAIT_TIMEOUT) Terminate(0);
+    const bool orderly = Join(kStopWaitMs) != WAIT_TIMEOUT;
+    if (!orderly) Terminate(0);
     m_ui.IssueStop();
+    return orderly;
 }
 
 __int64 CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback) {

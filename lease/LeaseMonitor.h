@@ -58,7 +58,8 @@ public:
     std::vector<LMListedRow> ListedRows() const { return m_ui.ListedRows(); }
 
     // Ends the poller thread (ended by force after kStopWaitMs) and asks the window to close.
-    void Shutdown();
+    // False when the poller was ended by force: it may have held the registry lock.
+    [[nodiscard]] bool Shutdown();
 
     // A REG_DWORD under the service's key, taken as a signed number as it stands, or `fallback`.
     static __int64 GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback);

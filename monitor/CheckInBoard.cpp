@@ -9,12 +9,21 @@ void CCheckInBoard::Queued(const CSharedId& credential) {
     m_pending.insert_or_assign(&credential, Entry{m_nextOrder++, std::move(status)});
 }
 
+void CCheckInBoard::CheckingIn(const CSharedId& credential, __time64_t since) {
+    NS_Utils::CritSecGuard lock(m_lock);
+    auto found = m_pending.find(&credential);
+    if (found == m_pending.end()) return;
+    found->second.status.state = CredentialStatus::State::CheckingIn;
+    found->second.status.checkingInSince = since;
+}
+
 void CCheckInBoard::Attempted(const CSharedId& credential, int result, __time64_t nextAttempt) {
     NS_Utils::CritSecGuard lock(m_lock);
     auto found = m_pending.find(&credential);
     if (found == m_pending.end()) return;
     CredentialStatus& status = found->second.status;
     status.state = CredentialStatus::State::Retrying;
+    status.checkingInSince = 0;
     status.lastResult = result;
     ++status.attempts;
     status.nextAttempt = nextAttempt;

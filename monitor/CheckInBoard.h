@@ -5,7 +5,7 @@
 //
 // Threads: Queued on whichever thread lets a credential go (the COM thread and thread-pool wait
 // callbacks under the registry lock, the lease monitor's and the window's threads without it) and
-// on the owner's thread at start; Attempted, Finished and SetAgentReachable on the collector's
+// on the owner's thread at start; CheckingIn, Attempted, Finished and SetAgentReachable on the collector's
 // worker; Copy and AgentState on the COM thread for the status. The board's lock is a leaf:
 // nothing is taken or called under it, so it may be taken with the registry lock held.
 
@@ -22,6 +22,8 @@ public:
     // A record is known by its address from Queued to Finished: it lives in the collector's work
     // items, which hold it until Finished is called.
     void Queued(const CSharedId& credential);
+    // The call to the agent began at `since`.
+    void CheckingIn(const CSharedId& credential, __time64_t since);
     // The agent answered with `result`, which is retried at `nextAttempt` at the earliest.
     void Attempted(const CSharedId& credential, int result, __time64_t nextAttempt);
     void Finished(const CSharedId& credential);

@@ -43,19 +43,24 @@ SharedIdMonitor::SharedIdMonitor() : m_gc(std::make_shared<NS_Utils::CGarbageCol
 SharedIdMonitor::~SharedIdMonitor() {
     // Destroyed on the worker, the monitor would free the collector that is running the item.
     NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
-    Shutdown();
+    NS_Utils::FailFastUnless(Shutdown(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed after a thread was ended by force");
     // Credentials still held are not checked in now; their files bring them back at the next start.
     while (!processMap.empty()) ErasePMEntry(processMap.begin());
 }
 
-void SharedIdMonitor::Shutdown() {
+bool SharedIdMonitor::Shutdown() {
+    ::SetEvent(m_stopping.get());
     // No new warning starts while the collector finishes; the window's thread may still end
-    // holders or wait for the logoff's check-ins until the lease monitor is destroyed below.
+    // holders until the lease monitor is destroyed below.
     std::shared_ptr<CLeaseMonitor> leaseMonitor = LeaseMonitor();
-    if (leaseMonitor) leaseMonitor->Shutdown();
+    const bool pollerStopped = !leaseMonitor || leaseMonitor->Shutdown();
     // Once the worker has ended, none of the strong references it takes while it runs an item
     // is left, so the owner's reference is the last and the monitor dies on the owner's thread.
-    m_gc->Stop();
+    if (!m_gc->Stop() || !pollerStopped) {
+        // A thread ended by force may have held the monitor lock: nothing more is taken down.
+        (void)new std::shared_ptr<CLeaseMonitor>(std::move(leaseMonitor));
+        return false;
+    }
     {
         LockGuard lock(*this);
         m_leaseMonitor.reset();
@@ -63,6 +68,7 @@ void SharedIdMonitor::Shutdown() {
     // The last reference: the window's thread ends here, on the owner's thread, before the
     // registry that its callbacks use goes.
     leaseMonitor.reset();
+    return true;
 }
 
 size_t SharedIdMonitor::ProcessCount() const {

@@ -57,8 +57,10 @@ public:
     SharedIdMonitor& operator=(const SharedIdMonitor&) = delete;
     ~SharedIdMonitor();
     // Owner's thread: stops what watches leases and the collector's worker (its running item gets
-    // a short grace). Credentials not yet checked in keep their files for the next start.
-    void Shutdown();
+    // a short grace). Credentials not yet checked in keep their files for the next start. False
+    // when a thread had to be ended by force: the owner must then take no lock of the monitor's
+    // (nor destroy it) and end the process.
+    [[nodiscard]] bool Shutdown();
 
     DWORD RegisterSharedCreds(const CSharedId& credential, const DWORD* pid);
     DWORD UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid);
@@ -207,4 +209,6 @@ private:
     // Files were kept while the agent could not be reached; taken up when it can be again.
     std::atomic<bool> m_keptFiles{false};
     std::atomic<bool> m_agentProbeQueued{false};
+    // Set when the service stops: ends the logoff's wait for check-ins at once.
+    NS_Utils::UniqueHandle m_stopping{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
 };

@@ -111,8 +111,9 @@ void SharedIdMonitor::OnWndSessionEnd() {
 }
 
 void SharedIdMonitor::WaitForCheckIns() {
+    // A stop of the service ends the wait: what is left stays on disk for the next start.
     for (DWORD waited = 0; m_leaseCount.load() >= 1 && waited < kLogoffWaitMs; waited += kLogoffPauseMs)
-        ::Sleep(kLogoffPauseMs);
+        if (::WaitForSingleObject(m_stopping.get(), kLogoffPauseMs) != WAIT_TIMEOUT) break;
     const LONG left = m_leaseCount.load();
     if (left >= 1)
         NS_Log::Log(1, std::to_wstring(left) + L" credentials were not checked in to Corvin during windows logoff.");

@@ -3,6 +3,7 @@
 #include "checkin/KelSettingsImpl.h"
 #include "common/Log.h"
 #include "lease/LeaseMonitor.h"
+#include "monitor/CheckInWatch.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -157,6 +158,7 @@ void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, Shared
     NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!credential || !monitor) return;
     if (!monitor->ReachAgent()) return monitor->KeepForLater(std::move(credential));
+    monitor->m_checkIns.CheckingIn(*credential, ::_time64(nullptr));
     int result = CheckIn(*credential, monitor->m_releaser);
     if (SharedIdReleaser::IsRetryable(result)) {
         NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
@@ -226,6 +228,7 @@ void SharedIdMonitor::ProbeAgent() {
 
 int SharedIdMonitor::CheckIn(const CSharedId& credential, SharedIdReleaser& releaser) {
     HRESULT hrCIRes = S_OK;
+    const CCheckInWatch watch(credential.GetSignature());
     try {
         return releaser.ReleaseCredInternal(credential, &hrCIRes);
     } catch (const std::bad_alloc&) {

@@ -82,5 +82,6 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     snapshot.service.leaseCount = m_leaseCount.load();
     snapshot.service.queuedWorkItems = m_gc->QueuedCount();
     snapshot.service.agent = m_checkIns.AgentState();
+    snapshot.service.workerRunning = !m_gc->Broken();
     return snapshot;
 }

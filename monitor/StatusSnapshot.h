@@ -14,7 +14,7 @@ struct HolderStatus {
 };
 
 struct CredentialStatus {
-    enum class State { Held, OnExpiryWindow, WaitingForCheckIn, Retrying, OnDisk };
+    enum class State { Held, OnExpiryWindow, WaitingForCheckIn, CheckingIn, Retrying, OnDisk };
 
     std::wstring displayName;  // service id:role:URL
     std::wstring sharedAccount;
@@ -30,6 +30,8 @@ struct CredentialStatus {
     __time64_t nextAttempt = 0;
     // OnExpiryWindow: the first moment at which one of its holders is ended (UTC).
     __time64_t holdersEndAt = 0;
+    // CheckingIn: when the call to the agent began (UTC).
+    __time64_t checkingInSince = 0;
 };
 
 struct ServiceStatus {
@@ -38,6 +40,7 @@ struct ServiceStatus {
     LONG leaseCount = 0;
     size_t queuedWorkItems = 0;
     Agent agent = Agent::NotAskedYet;  // at the last check-in attempt
+    bool workerRunning = true;         // false: the collector's worker could not start or died
 };
 
 struct StatusSnapshot {
@@ -57,6 +60,7 @@ inline const wchar_t* StateText(CredentialStatus::State state) {
     case CredentialStatus::State::Held: return L"held";
     case CredentialStatus::State::OnExpiryWindow: return L"on the lease-expiry window";
     case CredentialStatus::State::WaitingForCheckIn: return L"waiting for check-in";
+    case CredentialStatus::State::CheckingIn: return L"checking in";
     case CredentialStatus::State::Retrying: return L"retrying";
     case CredentialStatus::State::OnDisk: return L"on disk";
     }

@@ -69,13 +69,13 @@ std::wstring CsvField(const std::wstring& text) {
 const std::vector<std::wstring>& StatusColumns() {
     static const std::vector<std::wstring> columns = {
         L"credential", L"account",  L"lease_dn",    L"lease_expiry", L"holders",    L"file",
-        L"state",      L"last_result", L"attempts", L"next_attempt", L"holders_end"};
+        L"state",      L"last_result", L"attempts", L"next_attempt", L"holders_end", L"checking_in_since"};
     return columns;
 }
 
 bool ReadStatus(const VARIANT& snapshot, StatusText& status) {
     static const wchar_t* const kServiceNames[] = {L"lease count", L"queued work items", L"started", L"version",
-                                                   L"agent reachable"};
+                                                   L"agent reachable", L"check-in worker running"};
     std::vector<const VARIANT*> rows, fields;
     if (!Elements(snapshot, rows) || rows.empty()) return false;
     if (!Elements(*rows[0], fields) || fields.size() != kServiceFields || !Kind(*fields[0], NS_Status::kServiceRow)) return false;

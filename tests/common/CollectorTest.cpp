@@ -20,7 +20,7 @@ TEST(CollectorTest, StopEndsAWorkerStuckInALongItemAndRunsNothingMore) {
     ASSERT_EQ(::WaitForSingleObject(started.get(), 30000), WAIT_OBJECT_0);
     NS_Utils::UniqueHandle worker(::OpenThread(SYNCHRONIZE, FALSE, workerId));
     ASSERT_TRUE(worker.valid());
-    collector.Stop();
+    EXPECT_FALSE(collector.Stop()) << "ended by force";
     EXPECT_EQ(::WaitForSingleObject(worker.get(), 30000), WAIT_OBJECT_0);
     EXPECT_FALSE(laterRan);
     EXPECT_EQ(collector.QueuedCount(), 1u);

@@ -104,7 +104,8 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     std::string csv;
     ASSERT_EQ(RunCtl(L"status --csv", csv), 0u) << csv;
     EXPECT_EQ(csv.substr(0, csv.find_first_of("\r\n")),
-              "credential,account,lease_dn,lease_expiry,holders,file,state,last_result,attempts,next_attempt,holders_end");
+              "credential,account,lease_dn,lease_expiry,holders,file,state,last_result,attempts,next_attempt,holders_end,"
+              "checking_in_since");
     EXPECT_NE(csv.find("svc:leaving:https://corvin/auth,acct,cn=leaving,"), std::string::npos) << csv;
     EXPECT_NE(csv.find(",retrying,37,1,"), std::string::npos) << csv;
 

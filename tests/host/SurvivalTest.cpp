@@ -1,7 +1,8 @@
 // The edges of a desktop's life with the real Tarrow.exe and the stand-in agent: a crash of the
 // service and an installer's request to close it end no holder and check nothing in under a
 // holder; a file left while the agent is away waits on the disk, shown as such, until the agent
-// is back; an agent whose server went away mid-call is made anew and asked again.
+// is back; an agent whose server went away mid-call is made anew and asked again; one that never
+// answers is shown as such and does not hold up the stop.
 
 #include "common/Registry.h"
 #include "sharedid/PersistantStorage.h"
@@ -74,7 +75,7 @@ protected:
         const size_t dn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
         const size_t state = std::find(columns.begin(), columns.end(), L"state") - columns.begin();
         for (const auto& row : text.credentials)
-            if (row.at(dn) == leaseDN) return row.at(state);
+            if (row.at(dn) == leaseDN) return row.at(state) + (row.back().empty() ? L"" : L" since " + row.back());
         return {};
     }
 };
@@ -135,6 +136,24 @@ TEST_F(SurvivalTest, AnAgentWhoseServerWentAwayIsMadeAnewAndAskedAgain) {
     EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=gone") == 2 && Files() == 0; }));
     EXPECT_EQ(CheckIns("hr=0x80010108"), 1u);
     EXPECT_EQ(JournalCount("Made check-in object"), 2u);
+}
+
+// An agent that never answers holds up neither the status nor the stop, and loses nothing.
+TEST_F(SurvivalTest, AStuckCheckInIsShownAndTheStopDoesNotWaitForIt) {
+    standin::SetScript(L"CheckInDelayMs", 60000);
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(holder.Id(), Credential(L"stuck")), 0u);
+    holder.Kill();
+    ASSERT_TRUE(WaitUntil([] { return CheckIns("cn=stuck") == 1; }));
+    EXPECT_EQ(StateOf(L"cn=stuck").substr(0, 18), L"checking in since ");
+    tarrow.reset();
+    const ULONGLONG asked = ::GetTickCount64();
+    s_service->Stop();
+    EXPECT_LT(::GetTickCount64() - asked, 5000u) << "the stop waits for the stuck check-in";
+    EXPECT_EQ(Files(), 1u);
+    standin::ClearScript();
+    ASSERT_TRUE(s_service->Start());
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=stuck") == 2 && Files() == 0; }));
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ protected:
         monitor->AttachLeaseMonitor(lease);
     }
     void TearDown() override {
-        monitor->Shutdown();
+        EXPECT_TRUE(monitor->Shutdown());
         lease.reset();
         MonitorTest::TearDown();
     }

@@ -24,7 +24,9 @@ protected:
     }
     // As the service does: the worker ends first, so the last reference drops here and not on it.
     void TearDown() override {
-        if (monitor) monitor->Shutdown();
+        if (monitor) {
+            EXPECT_TRUE(monitor->Shutdown());
+        }
         monitor.reset();
     }
 
