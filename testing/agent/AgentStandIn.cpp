@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <sstream>
 #include <type_traits>
+#include <vector>
 
 using NS_Utils::ComPtr;
 using namespace standin;
@@ -20,6 +21,7 @@ constexpr CLSID kScriptSupportClsid = {0x5DEB7A5A, 0x7C37, 0x4F1F, {0xA5, 0xCD, 
 constexpr DISPID kEnterpriseIdDispId = 1;
 
 std::atomic<size_t> g_checkIns{0};
+std::atomic<size_t> g_rows{0};
 std::atomic<DWORD> g_enterpriseIdReads{0};
 
 std::wstring Hex(HRESULT value) {
@@ -64,7 +66,7 @@ public:
                                       VARIANT* out, LONG* nRet) override {
         const std::wstring line = L"CheckIn url=" + Text(url) + L" srvId=" + Text(srvId) + L" user=" + Text(user) +
                                   L" pwhash=" + PasswordHash(password) + L" runtime=" + (runtime ? L"set" : L"null");
-        size_t rowCount = 0;
+        std::vector<std::wstring> rowTexts;
         std::wstring rows;
         const bool valid = in && ForEachElement(*in, [&](const VARIANT& row) {
             size_t fields = 0;
@@ -74,28 +76,36 @@ public:
                 return field.vt == VT_BSTR;
             });
             rows += L" row=" + text;
-            ++rowCount;
+            rowTexts.push_back(text);
             return ok && fields == 5;
         });
-        if (!valid) {
+        if (!valid || rowTexts.empty()) {
             Journal(line + L" rows=invalid");
             return E_INVALIDARG;
         }
+        const std::wstring counted = line + L" rows=" + std::to_wstring(rowTexts.size());
         const size_t call = g_checkIns++;
         // As a proxy answers when the agent's server went away mid-call: no answer at all.
         if (const HRESULT gone = ScriptListAt(L"CheckInHResults", call); FAILED(gone)) {
-            Journal(line + L" rows=" + std::to_wstring(rowCount) + L" hr=0x" + Hex(gone) + rows);
+            Journal(counted + L" hr=0x" + Hex(gone) + rows);
             return gone;
         }
-        VARIANT element{};  // an integer, which holds nothing to free
-        element.vt = VT_I4;
-        element.lVal = ScriptListAt(L"CheckInResults", call);
-        const HRESULT filled = ReturnArray(out, VT_VARIANT, ScriptDword(L"CheckInOutputCount", 1),
-                                           [&](SAFEARRAY* array, LONG i) { return ::SafeArrayPutElement(array, &i, &element); });
+        // Results are scripted per row, in the order rows arrive over all calls.
+        std::vector<LONG> results;
+        for (size_t i = 0; i < rowTexts.size(); ++i) results.push_back(ScriptListAt(L"CheckInResults", g_rows++));
+        const HRESULT filled = ReturnArray(
+            out, VT_VARIANT, ScriptDword(L"CheckInOutputCount", static_cast<DWORD>(results.size())),
+            [&](SAFEARRAY* array, LONG i) {
+                VARIANT element{};  // an integer, which holds nothing to free
+                element.vt = VT_I4;
+                element.lVal = results[std::min<size_t>(static_cast<size_t>(i), results.size() - 1)];
+                return ::SafeArrayPutElement(array, &i, &element);
+            });
         if (FAILED(filled)) return filled;
         *nRet = static_cast<LONG>(ScriptDword(L"CheckInNRet", 0));
-        Journal(line + L" rows=" + std::to_wstring(rowCount) + L" result=" + std::to_wstring(element.lVal) + L" nRet=" +
-                std::to_wstring(*nRet) + rows);
+        Journal(counted + L" result=" + std::to_wstring(results.front()) + L" nRet=" + std::to_wstring(*nRet) + rows);
+        for (size_t i = 0; i < rowTexts.size(); ++i)
+            Journal(L"Row " + rowTexts[i] + L" result=" + std::to_wstring(results[i]));
         // After the journal line: a soak run ends the service between the agent's record and the
         // service forgetting the credential.
         ::Sleep(ScriptDword(L"CheckInDelayMs", 0));
