@@ -15,6 +15,7 @@ namespace {
 
 // Far from the real clock, so that the window never finds a row's lease run out by itself.
 constexpr __time64_t kNow = 1893456000;  // 20300101T000000Z
+constexpr const wchar_t* kStale = L"before time period of monitoring";
 
 std::wstring Shown(DWORD pid) {
     return L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t Adding to UI process with Id = " + std::to_wstring(pid) +
@@ -77,14 +78,14 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     CSharedId stored;
     ASSERT_TRUE(Registered(Credential(L"unparsable"), &stored));
     EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800)) << "the record agrees with the map";
-    const size_t staleLines = CountInServiceLog(L"before time period of monitoring");
+    const size_t staleLines = CountInServiceLog(kStale);
 
     lease->Poll(1);
     for (const ChildProcess* shown : {&soon, &low, &stale, &first, &second})
         EXPECT_EQ(CountInServiceLog(Shown(shown->Id())), 1u) << shown->Id();
     EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 0u);
     EXPECT_EQ(CountInServiceLog(Shown(unparsable.Id())), 0u);
-    EXPECT_EQ(CountInServiceLog(L"before time period of monitoring"), staleLines + 1);
+    EXPECT_EQ(CountInServiceLog(kStale), staleLines + 1);
     const std::wstring log = ServiceLogText();
     EXPECT_LT(log.find(Shown(first.Id())), log.find(Shown(second.Id()))) << "equal expiries in registration order";
     EXPECT_EQ(lease->PendingCount(), 2u);
@@ -94,6 +95,33 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 1u);
     EXPECT_EQ(CountInServiceLog(Shown(soon.Id())), 1u) << "each registration is shown once";
     EXPECT_EQ(lease->PendingCount(), 1u);
+}
+
+// Stale: before now - delta; due: from now - delta up to now + delta. A negative delta makes
+// nothing due, and the poll must not walk past the end of the map.
+TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
+    auto restore = NS_Utils::MakeScopeExit([] {
+        NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime");
+    });
+    ChildProcess holder = StartHolder();
+    // Of the seven expiries, in order: how many are stale, then how many due.
+    const struct { LONG delta; size_t stale, due; } splits[] = {{3600, 1, 5}, {0, 3, 1}, {-3600, 5, 0}};
+    for (const auto& [delta, stale, due] : splits) {
+        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", delta);
+        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now; }));
+        monitor->AttachLeaseMonitor(lease);
+        previous.reset();
+        for (__time64_t offset : {-7200, -3600, -1, 0, 1, 3600, 7200}) {
+            CSharedId credential = Credential(std::to_wstring(delta) + L"/" + std::to_wstring(offset));
+            credential.SetLeaseExpiry(TimeToExpiryText(kNow + offset));
+            ASSERT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
+        }
+        const size_t staleBefore = CountInServiceLog(kStale), shownBefore = CountInServiceLog(Shown(holder.Id()));
+        lease->Poll(1);
+        EXPECT_EQ(CountInServiceLog(kStale) - staleBefore, stale) << delta;
+        EXPECT_EQ(CountInServiceLog(Shown(holder.Id())) - shownBefore, stale + due) << delta;
+        EXPECT_EQ(lease->PendingCount(), 7 - stale - due) << delta;
+    }
 }
 
 TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
