@@ -43,6 +43,7 @@ LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
         SharedIdMonitor* registry = Registry();
         return registry && credential ? registry->HolderPids(credential) : std::vector<DWORD>();
     };
+    callbacks.now = m_clock;
     return callbacks;
 }
 

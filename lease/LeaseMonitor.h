@@ -49,7 +49,9 @@ public:
     void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
 
     void OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential);
-    void RemoveProcessInfo(DWORD processId) { m_ui.RemoveProcessInfo(processId); }
+    void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+        m_ui.RemoveProcessInfo(processId, credential);
+    }
     void OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential);
     void OnSessionEnd();
     // Tells the window whether any lease is counted; called after the count may have crossed 0.

@@ -22,8 +22,8 @@ std::wstring Shown(DWORD pid) {
            L"\r\n";
 }
 
-// Rows in this process's lease-expiry window, -1 while there is no window.
-int WindowRows() {
+// This process's lease-expiry window, or none.
+HWND LeaseDialog() {
     struct Search {
         HWND dialog = nullptr;
     } search;
@@ -38,7 +38,13 @@ int WindowRows() {
             return FALSE;
         },
         reinterpret_cast<LPARAM>(&search));
-    HWND list = search.dialog ? ::GetDlgItem(search.dialog, IDC_LEASE_EXPIRY_LIST) : nullptr;
+    return search.dialog;
+}
+
+// Rows in this process's lease-expiry window, -1 while there is no window.
+int WindowRows() {
+    HWND dialog = LeaseDialog();
+    HWND list = dialog ? ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST) : nullptr;
     DWORD_PTR rows = 0;
     if (!list || !::SendMessageTimeoutW(list, LB_GETCOUNT, 0, 0, SMTO_BLOCK, 5000, &rows)) return -1;
     return static_cast<int>(rows);
@@ -48,7 +54,7 @@ class LeaseTest : public MonitorTest {
 protected:
     void SetUp() override {
         MonitorTest::SetUp();
-        lease = CLeaseMonitor::Create([this] { return now; });
+        lease = CLeaseMonitor::Create([this] { return now.load(); });
         monitor->AttachLeaseMonitor(lease);
     }
     void TearDown() override {
@@ -66,7 +72,8 @@ protected:
     }
     ChildProcess Hold(const std::wstring& role, __time64_t expiry) { return Hold(role, TimeToExpiryText(expiry)); }
 
-    __time64_t now = kNow;
+    // Read by the window's thread too: the countdowns run on the lease monitor's clock.
+    std::atomic<__time64_t> now = kNow;
     std::shared_ptr<CLeaseMonitor> lease;
 };
 
@@ -108,7 +115,7 @@ TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
     const struct { LONG delta; size_t stale, due; } splits[] = {{3600, 1, 5}, {0, 3, 1}, {-3600, 5, 0}};
     for (const auto& [delta, stale, due] : splits) {
         NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", delta);
-        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now; }));
+        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now.load(); }));
         monitor->AttachLeaseMonitor(lease);
         previous.reset();
         for (__time64_t offset : {-7200, -3600, -1, 0, 1, 3600, 7200}) {
@@ -133,6 +140,37 @@ TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
     EXPECT_TRUE(WaitUntil([] { return WindowRows() == 2; })) << "a holder registering during the warning";
     ASSERT_EQ(Unregister(Credential(L"warned"), joining.Id()), SharedIdMonitor::kOk);
     EXPECT_TRUE(WaitUntil([] { return WindowRows() == 1; })) << "a release loses its row";
+}
+
+// A holder of two credentials lets go of one; another holder joins the other during the warning.
+TEST_F(LeaseTest, ARowIsAHolderAndItsCredentialAndCountsDownToItsEnd) {
+    ChildProcess first = StartHolder(), joining = StartHolder();
+    CSharedId kept = Credential(L"kept"), released = Credential(L"released");
+    for (CSharedId* credential : {&kept, &released}) {
+        credential->SetLeaseExpiry(TimeToExpiryText(kNow));
+        ASSERT_EQ(Register(*credential, first.Id()), SharedIdMonitor::kOk);
+    }
+    lease->Poll(1);
+    now += 60;
+    ASSERT_EQ(Register(kept, joining.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Unregister(released, first.Id()), SharedIdMonitor::kOk);
+    const __time64_t end = kNow + 120;  // the default grace from the first rows' appearance
+    std::vector<std::pair<DWORD, __time64_t>> rows;
+    for (const LMListedRow& row : lease->ListedRows()) rows.emplace_back(row.processId, row.endTime);
+    EXPECT_EQ(rows, (decltype(rows){{first.Id(), end}, {joining.Id(), end}}));
+
+    HWND dialog = nullptr;
+    ASSERT_TRUE(WaitUntil([&] { return (dialog = LeaseDialog()) != nullptr; }));
+    const size_t endedBefore = CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]");
+    now = end - 1;
+    ::SendMessageW(dialog, WM_TIMER, 0, 0);
+    EXPECT_EQ(CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]"), endedBefore) << "ended before its row reached zero";
+    now = end;
+    ::SendMessageW(dialog, WM_TIMER, 0, 0);
+    for (const ChildProcess* holder : {&first, &joining}) {
+        ASSERT_EQ(holder->Wait(60000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder->ExitCode(), SharedIdMonitor::kTerminatedExitCode);
+    }
 }
 
 // On the real clock, without grace: the window's own tick finds the lease run out and calls back.
