@@ -74,15 +74,31 @@ int CLogWriter::Log(unsigned short level, const std::wstring& text) {
 void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
     HANDLE mutex = settings.scrambled ? m_scrambledMutex.get() : m_plainMutex.get();
     // Without a mutex the line is still written: an unserialised line beats a lost one.
-    if (mutex) {
-        DWORD wait = ::WaitForSingleObject(mutex, kMutexWaitMs);
-        if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) {
-            ::OutputDebugStringW(L"Timeout when waiting to acquire mutex");
-            return;
-        }
-    }
+    if (mutex && !AcquireMutex(mutex)) return;
     NS_Utils::MutexOwnership owned(mutex);
     AppendLocked(FilePath(settings.scrambled), line, settings);
+}
+
+bool CLogWriter::AcquireMutex(HANDLE mutex) {
+    // One stuck holder must not cost every line the full wait: a call that logs a dozen lines
+    // would stall for half a minute.
+    DWORD wait = ::WaitForSingleObject(mutex, m_mutexTimedOut ? 0 : kMutexWaitMs);
+    if (wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED) {
+        ReportDroppedLines();
+        return true;
+    }
+    if (!m_mutexTimedOut.exchange(true)) ::OutputDebugStringW(L"Timeout when waiting to acquire mutex");
+    ++m_droppedLines;
+    return false;
+}
+
+void CLogWriter::ReportDroppedLines() {
+    m_mutexTimedOut = false;
+    const unsigned long dropped = m_droppedLines.exchange(0);
+    if (dropped == 0) return;
+    wchar_t text[96];
+    std::swprintf(text, 96, L"%lu log lines dropped while the log mutex was held elsewhere", dropped);
+    ::OutputDebugStringW(text);
 }
 
 NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& path) const {

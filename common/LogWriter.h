@@ -27,6 +27,11 @@ public:
 private:
     void RefreshSettingsIfDue();
     void Append(const std::wstring& line, const LogSettings& settings);
+    // Waits for the file's mutex, but only until a wait has timed out; from then on each line
+    // only tries it, and is dropped and counted, until the mutex is obtained again.
+    bool AcquireMutex(HANDLE mutex);
+    // On the debugger output: how many lines were dropped since the mutex was last obtained.
+    void ReportDroppedLines();
     NS_Utils::UniqueHandle OpenForAppend(const std::wstring& path) const;
     void AppendLocked(const std::wstring& path, const std::wstring& line, const LogSettings& settings);
     void Rotate(const std::wstring& path, const LogSettings& settings);
@@ -38,6 +43,8 @@ private:
     NS_Utils::UniqueHandle m_plainMutex;
     NS_Utils::UniqueHandle m_scrambledMutex;
     std::atomic<unsigned long> m_writeCount{0};
+    std::atomic<bool> m_mutexTimedOut{false};
+    std::atomic<unsigned long> m_droppedLines{0};
     mutable NS_Utils::CriticalSection m_settingsLock;
     LogSettings m_settings;
 };

@@ -22,5 +22,5 @@ void LMSharedCredListener::OnUserRemoved(DWORD processId) {
         NS_Log::Log(1, L"[LMSharedCredListener::OnUserRemoved]/tCannot get pointer to LeaseMonitor.");
         return;
     }
-    monitor->RemoveProcessInfo(processId);
+    monitor->RemoveProcessInfo(processId, m_credential);
 }

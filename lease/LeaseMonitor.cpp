@@ -46,6 +46,7 @@ LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
         SharedIdMonitor* registry = Registry();
         return registry && credential ? registry->HolderPids(credential) : std::vector<DWORD>();
     };
+    callbacks.now = m_clock;
     return callbacks;
 }
 
@@ -103,7 +104,8 @@ void CLeaseMonitor::Poll(DWORD) {
 void CLeaseMonitor::TakeDue(const std::wstring& low, const std::wstring& high, ExpiryMap& stale, ExpiryMap& due) {
     NS_Utils::CritSecGuard lock(m_mapLock);
     const auto firstDue = m_expiryMap.lower_bound(low);
-    const auto firstLater = m_expiryMap.upper_bound(high);
+    // A negative delta puts high before low: nothing is due, and the walk must not pass the end.
+    const auto firstLater = high < low ? firstDue : m_expiryMap.upper_bound(high);
     // A node inserted into a multimap goes after its equal keys, so the order is kept.
     for (auto it = m_expiryMap.begin(); it != firstDue;) stale.insert(m_expiryMap.extract(it++));
     for (auto it = firstDue; it != firstLater;) due.insert(m_expiryMap.extract(it++));

@@ -49,7 +49,9 @@ public:
     void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
 
     void OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential);
-    void RemoveProcessInfo(DWORD processId) { m_ui.RemoveProcessInfo(processId); }
+    void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+        m_ui.RemoveProcessInfo(processId, credential);
+    }
     void OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential);
     void OnSessionEnd();
     // Tells the window whether any lease is counted; called after the count may have crossed 0.
@@ -69,8 +71,8 @@ public:
 private:
     explicit CLeaseMonitor(Clock clock);
     LMMainUICallbacks MakeCallbacks();
-    // Moves the map's entries whose keys are at most `high` out under the map lock: those
-    // before `low` into `stale`, the rest into `due`, each in map order.
+    // Moves out under the map lock, each in map order, the entries before `low` into `stale` and
+    // those from `low` up to and including `high` into `due` (none when `high` is before `low`).
     void TakeDue(const std::wstring& low, const std::wstring& high, ExpiryMap& stale, ExpiryMap& due);
     void HandleStale(ExpiryMap& stale, const std::wstring& now);
     void HandleDue(ExpiryMap& due);

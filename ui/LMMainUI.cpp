@@ -7,6 +7,8 @@
 
 #include <process.h>
 
+#include <algorithm>
+
 namespace {
 
 constexpr wchar_t kParentClass[] = L"KEL_Dummy_Class_For_Panel";
@@ -223,20 +225,33 @@ void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, 
     Log(3, L"ShowProcessInfo", L"\t About to add item and show window");
     EnsureUIThread();
     // Made before the lock is taken: it looks at the holder's windows.
-    auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, m_graceSeconds);
+    auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, Now() + m_graceSeconds);
     int key;
     {
         NS_Utils::CritSecGuard guard(m_lock);
-        // The lease monitor lists a holder again at every poll; a new row would restart its grace time.
-        for (const auto& [existingKey, row] : m_rows.Rows())
-            if (row->GetProcessId() == processId && !row->GetCredential().owner_before(credential) &&
-                !credential.owner_before(row->GetCredential()))
-                return;
+        // A holder that registers while the lease monitor lists the credential's holders is
+        // reported twice, by the listener and in the list: it keeps one row.
+        if (FindRowKey(processId, credential) >= 0) return;
+        if (auto first = FirstRowOf(credential)) made->ShareEndTime(*first);
         key = m_rows.Add(std::move(made));
     }
     HWND dialog = m_dialog;
     if (!dialog || !::PostMessageW(dialog, kMsgRowAdded, static_cast<WPARAM>(key), 0))
         Log(1, L"ShowProcessInfo", L"\t Cannot list the row. PID = " + std::to_wstring(processId));
+}
+
+__time64_t LMMainUI::Now() const { return m_callbacks.now ? m_callbacks.now() : _time64(nullptr); }
+
+int LMMainUI::FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const {
+    for (const auto& [key, row] : m_rows.Rows())
+        if (row->GetProcessId() == processId && row->IsFor(credential)) return key;
+    return -1;
+}
+
+std::shared_ptr<ProcessInfo> LMMainUI::FirstRowOf(const std::weak_ptr<CSharedId>& credential) const {
+    for (const auto& [key, row] : m_rows.Rows())
+        if (row->IsFor(credential)) return row;
+    return nullptr;
 }
 
 void LMMainUI::ListRow(int key) {
@@ -248,25 +263,21 @@ void LMMainUI::ListRow(int key) {
     ::ShowWindow(m_dialog, SW_SHOWNORMAL);
 }
 
-void LMMainUI::RemoveProcessInfo(DWORD processId) {
-    int key = -1;
+void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+    int key;
     {
         NS_Utils::CritSecGuard guard(m_lock);
-        for (const auto& [rowKey, row] : m_rows.Rows())
-            if (row->GetProcessId() == processId) {
-                key = rowKey;
-                if (!row->GetCredential().lock())
-                    Log(2, L"RemoveProcessInfo",
-                        L"\t could not lock the shared id object that is being released by process with PID = " +
-                            std::to_wstring(processId));
-                break;
-            }
+        key = FindRowKey(processId, credential);
         if (key < 0) {
             Log(2, L"RemoveProcessInfo",
                 L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
                     std::to_wstring(processId));
             return;
         }
+        if (!credential.lock())
+            Log(2, L"RemoveProcessInfo",
+                L"\t could not lock the shared id object that is being released by process with PID = " +
+                    std::to_wstring(processId));
         m_rows.Erase(key);
     }
     HWND dialog = m_dialog;
@@ -299,7 +310,7 @@ void LMMainUI::CheckItemsOnList() {
     // The registry's callbacks are asked without the row lock, so that no lock order between
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
-    __time64_t now = _time64(nullptr);
+    const __time64_t now = Now();
     for (const auto& [key, row] : rows) {
         if (!IsProcessMonitored(*row)) {
             TakeOffList(key, row->GetProcessId());
@@ -309,7 +320,8 @@ void LMMainUI::CheckItemsOnList() {
         if (row->SecondsLeft(now) > 0)
             Log(5, L"CheckItemsOnList",
                 L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
-        else
+        else if (std::none_of(expired.begin(), expired.end(), [&](const auto& c) { return row->IsFor(c); }))
+            // The handler ends every holder of the credential: once a tick is enough.
             expired.push_back(row->GetCredential());
     }
     RefreshList();
@@ -389,7 +401,7 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
 }
 
 std::wstring LMMainUI::RowText(const ProcessInfo& row) const {
-    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(_time64(nullptr)));
+    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(Now()));
     if (!m_remainLabel.empty()) remaining += L" " + m_remainLabel;
     return Labelled(m_processLabel, row.DisplayName()) + L"\n" + Labelled(m_timeLabel, remaining);
 }

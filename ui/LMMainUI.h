@@ -31,6 +31,8 @@ struct LMMainUICallbacks {
     std::function<NS_Utils::UniqueHandle(DWORD pid)> getProcFromPid;
     // A copy of the credential's holder process ids.
     std::function<std::vector<DWORD>(const std::shared_ptr<CSharedId>&)> getSidProcList;
+    // The clock the countdowns run on (the lease monitor's); _time64 when empty.
+    std::function<__time64_t()> now;
 };
 
 // A row of the window as the status view reports it.
@@ -49,8 +51,10 @@ public:
     ~LMMainUI();
 
     // Adds a row for the process (the handle is a duplicate the row keeps) and shows the window.
+    // Every row of one credential ends at the moment fixed when its first row appeared.
     void ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential);
-    void RemoveProcessInfo(DWORD processId);
+    // Removes the row of that process for that credential; its other credentials keep theirs.
+    void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential);
     void OnSessionEnd();
     void IssueStop();
     // While any credential is registered the window keeps a shutdown block reason, so that
@@ -69,6 +73,10 @@ private:
     static LRESULT CALLBACK ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
     static INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
+    __time64_t Now() const;
+    // Under the row lock; a key below 0 when there is none.
+    int FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const;
+    std::shared_ptr<ProcessInfo> FirstRowOf(const std::weak_ptr<CSharedId>& credential) const;
     void EnsureUIThread();
     bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
     bool CreateParentWindow(NS_Utils::UniqueWindow& parent);

@@ -40,11 +40,12 @@ __time64_t LeaseExpiryOf(const std::weak_ptr<CSharedId>& credential) {
 }  // namespace
 
 ProcessInfo::ProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential,
-                         unsigned graceSeconds)
-    : m_processId(processId), m_process(std::move(process)), m_credential(std::move(credential)) {
-    // An unreadable expiry counts as due now, so the user still gets the whole grace time.
-    __time64_t appeared = _time64(nullptr);
-    m_endTime = std::max(LeaseExpiryOf(m_credential), appeared + static_cast<__time64_t>(graceSeconds));
+                         __time64_t earliestEnd)
+    : m_processId(processId),
+      m_process(std::move(process)),
+      m_credential(std::move(credential)),
+      // An unreadable expiry counts as due now, so the user still gets the whole grace time.
+      m_endTime(std::max(LeaseExpiryOf(m_credential), earliestEnd)) {
     m_exePath = NS_Utils::ProcessImagePath(m_process.get());
     m_rootWindow = FindRootWindow();
     if (m_rootWindow) m_title = WindowTitle(m_rootWindow);

@@ -14,16 +14,24 @@
 
 class ProcessInfo {
 public:
-    // `graceSeconds` is the least warning the user gets from the moment the row appears.
+    // The row ends at the lease expiry, but not before `earliestEnd` (its appearance plus the
+    // grace time), unless ShareEndTime gives it its credential's moment.
     ProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential,
-                unsigned graceSeconds);
+                __time64_t earliestEnd);
     ProcessInfo(const ProcessInfo&) = delete;
     ProcessInfo& operator=(const ProcessInfo&) = delete;
 
     DWORD GetProcessId() const noexcept { return m_processId; }
     const std::weak_ptr<CSharedId>& GetCredential() const noexcept { return m_credential; }
-    // The later of the lease expiry and the row's appearance plus the grace time.
+    // The same record, even once it is gone: rows are told apart by process and credential.
+    bool IsFor(const std::weak_ptr<CSharedId>& credential) const noexcept {
+        return !m_credential.owner_before(credential) && !credential.owner_before(m_credential);
+    }
+    // When the row's process is ended.
     __time64_t GetEndTime() const noexcept { return m_endTime; }
+    // Before the row is listed: the expiry ends every holder of the credential at once, so a row
+    // listed later counts down to the moment its credential's first row showed.
+    void ShareEndTime(const ProcessInfo& first) noexcept { m_endTime = first.m_endTime; }
     double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime, now); }
 
     // False when the root window's title differs from the one last shown; it is then kept as

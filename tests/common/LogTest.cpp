@@ -90,6 +90,29 @@ TEST_F(LogTest, TwoProcessesWritingAtOnceLoseAndTearNothing) {
     EXPECT_EQ(seen.size(), 2000u) << "every line once";
 }
 
+// Another process holds the log mutex: the lines wait once in all and are dropped, and the
+// first line after the mutex is free is written.
+TEST_F(LogTest, AHeldMutexCostsOneWaitAndDropsTheLines) {
+    const std::wstring held = L"tarrow-log-held-" + std::to_wstring(::GetCurrentProcessId());
+    NS_Utils::UniqueHandle holding(::CreateEventW(nullptr, TRUE, FALSE, held.c_str()));
+    NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, (held + L"-release").c_str()));
+    ChildProcess holder = ChildProcess::StartHelper(L"--hold-mutex Global\\brisk_observer.log_LogMutex --signal-event " +
+                                                    held + L" --wait-event " + held + L"-release");
+    ASSERT_EQ(::WaitForSingleObject(holding.get(), 60000), WAIT_OBJECT_0);
+    NS_Log::CLogWriter writer(folder, L"brisk_observer");
+    const ULONGLONG start = ::GetTickCount64();
+    for (int i = 0; i < 5; ++i) writer.Log(1, L"held " + std::to_wstring(i));
+    EXPECT_LT(::GetTickCount64() - start, 4000u) << "five lines, one wait of 3 s";
+    EXPECT_FALSE(FileExists(folder + L"brisk_observer.log"));
+
+    ::SetEvent(release.get());
+    ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
+    writer.Log(1, L"free");
+    std::vector<std::wstring> lines = Lines(L"brisk_observer.log");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].ends_with(L"\tfree"));
+}
+
 TEST_F(LogTest, FileAtTheLimitIsKeptAndTheNextWriteRotatesIt) {
     Settings({{L"LogFileSize", 1}});
     const std::wstring text = L"[LogTest]\t to the limit";

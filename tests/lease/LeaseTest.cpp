@@ -15,14 +15,15 @@ namespace {
 
 // Far from the real clock, so that the window never finds a row's lease run out by itself.
 constexpr __time64_t kNow = 1893456000;  // 20300101T000000Z
+constexpr const wchar_t* kStale = L"before time period of monitoring";
 
 std::wstring Shown(DWORD pid) {
     return L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t Adding to UI process with Id = " + std::to_wstring(pid) +
            L"\r\n";
 }
 
-// Rows in this process's lease-expiry window, -1 while there is no window.
-int WindowRows() {
+// This process's lease-expiry window, or none.
+HWND LeaseDialog() {
     struct Search {
         HWND dialog = nullptr;
     } search;
@@ -37,7 +38,13 @@ int WindowRows() {
             return FALSE;
         },
         reinterpret_cast<LPARAM>(&search));
-    HWND list = search.dialog ? ::GetDlgItem(search.dialog, IDC_LEASE_EXPIRY_LIST) : nullptr;
+    return search.dialog;
+}
+
+// Rows in this process's lease-expiry window, -1 while there is no window.
+int WindowRows() {
+    HWND dialog = LeaseDialog();
+    HWND list = dialog ? ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST) : nullptr;
     DWORD_PTR rows = 0;
     if (!list || !::SendMessageTimeoutW(list, LB_GETCOUNT, 0, 0, SMTO_BLOCK, 5000, &rows)) return -1;
     return static_cast<int>(rows);
@@ -47,7 +54,7 @@ class LeaseTest : public MonitorTest {
 protected:
     void SetUp() override {
         MonitorTest::SetUp();
-        lease = CLeaseMonitor::Create([this] { return now; });
+        lease = CLeaseMonitor::Create([this] { return now.load(); });
         monitor->AttachLeaseMonitor(lease);
     }
     void TearDown() override {
@@ -65,7 +72,8 @@ protected:
     }
     ChildProcess Hold(const std::wstring& role, __time64_t expiry) { return Hold(role, TimeToExpiryText(expiry)); }
 
-    __time64_t now = kNow;
+    // Read by the window's thread too: the countdowns run on the lease monitor's clock.
+    std::atomic<__time64_t> now = kNow;
     std::shared_ptr<CLeaseMonitor> lease;
 };
 
@@ -77,14 +85,14 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     CSharedId stored;
     ASSERT_TRUE(Registered(Credential(L"unparsable"), &stored));
     EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800)) << "the record agrees with the map";
-    const size_t staleLines = CountInServiceLog(L"before time period of monitoring");
+    const size_t staleLines = CountInServiceLog(kStale);
 
     lease->Poll(1);
     for (const ChildProcess* shown : {&soon, &low, &stale, &first, &second})
         EXPECT_EQ(CountInServiceLog(Shown(shown->Id())), 1u) << shown->Id();
     EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 0u);
     EXPECT_EQ(CountInServiceLog(Shown(unparsable.Id())), 0u);
-    EXPECT_EQ(CountInServiceLog(L"before time period of monitoring"), staleLines + 1);
+    EXPECT_EQ(CountInServiceLog(kStale), staleLines + 1);
     const std::wstring log = ServiceLogText();
     EXPECT_LT(log.find(Shown(first.Id())), log.find(Shown(second.Id()))) << "equal expiries in registration order";
     EXPECT_EQ(lease->PendingCount(), 2u);
@@ -96,6 +104,33 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     EXPECT_EQ(lease->PendingCount(), 1u);
 }
 
+// Stale: before now - delta; due: from now - delta up to now + delta. A negative delta makes
+// nothing due, and the poll must not walk past the end of the map.
+TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
+    auto restore = NS_Utils::MakeScopeExit([] {
+        NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime");
+    });
+    ChildProcess holder = StartHolder();
+    // Of the seven expiries, in order: how many are stale, then how many due.
+    const struct { LONG delta; size_t stale, due; } splits[] = {{3600, 1, 5}, {0, 3, 1}, {-3600, 5, 0}};
+    for (const auto& [delta, stale, due] : splits) {
+        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", delta);
+        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now.load(); }));
+        monitor->AttachLeaseMonitor(lease);
+        previous.reset();
+        for (__time64_t offset : {-7200, -3600, -1, 0, 1, 3600, 7200}) {
+            CSharedId credential = Credential(std::to_wstring(delta) + L"/" + std::to_wstring(offset));
+            credential.SetLeaseExpiry(TimeToExpiryText(kNow + offset));
+            ASSERT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
+        }
+        const size_t staleBefore = CountInServiceLog(kStale), shownBefore = CountInServiceLog(Shown(holder.Id()));
+        lease->Poll(1);
+        EXPECT_EQ(CountInServiceLog(kStale) - staleBefore, stale) << delta;
+        EXPECT_EQ(CountInServiceLog(Shown(holder.Id())) - shownBefore, stale + due) << delta;
+        EXPECT_EQ(lease->PendingCount(), 7 - stale - due) << delta;
+    }
+}
+
 TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
     ChildProcess holder = Hold(L"warned", kNow);
     lease->Poll(1);
@@ -105,6 +140,37 @@ TEST_F(LeaseTest, TheWindowFollowsHoldersDuringTheWarning) {
     EXPECT_TRUE(WaitUntil([] { return WindowRows() == 2; })) << "a holder registering during the warning";
     ASSERT_EQ(Unregister(Credential(L"warned"), joining.Id()), SharedIdMonitor::kOk);
     EXPECT_TRUE(WaitUntil([] { return WindowRows() == 1; })) << "a release loses its row";
+}
+
+// A holder of two credentials lets go of one; another holder joins the other during the warning.
+TEST_F(LeaseTest, ARowIsAHolderAndItsCredentialAndCountsDownToItsEnd) {
+    ChildProcess first = StartHolder(), joining = StartHolder();
+    CSharedId kept = Credential(L"kept"), released = Credential(L"released");
+    for (CSharedId* credential : {&kept, &released}) {
+        credential->SetLeaseExpiry(TimeToExpiryText(kNow));
+        ASSERT_EQ(Register(*credential, first.Id()), SharedIdMonitor::kOk);
+    }
+    lease->Poll(1);
+    now += 60;
+    ASSERT_EQ(Register(kept, joining.Id()), SharedIdMonitor::kOk);
+    ASSERT_EQ(Unregister(released, first.Id()), SharedIdMonitor::kOk);
+    const __time64_t end = kNow + 120;  // the default grace from the first rows' appearance
+    std::vector<std::pair<DWORD, __time64_t>> rows;
+    for (const LMListedRow& row : lease->ListedRows()) rows.emplace_back(row.processId, row.endTime);
+    EXPECT_EQ(rows, (decltype(rows){{first.Id(), end}, {joining.Id(), end}}));
+
+    HWND dialog = nullptr;
+    ASSERT_TRUE(WaitUntil([&] { return (dialog = LeaseDialog()) != nullptr; }));
+    const size_t endedBefore = CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]");
+    now = end - 1;
+    ::SendMessageW(dialog, WM_TIMER, 0, 0);
+    EXPECT_EQ(CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]"), endedBefore) << "ended before its row reached zero";
+    now = end;
+    ::SendMessageW(dialog, WM_TIMER, 0, 0);
+    for (const ChildProcess* holder : {&first, &joining}) {
+        ASSERT_EQ(holder->Wait(60000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder->ExitCode(), SharedIdMonitor::kTerminatedExitCode);
+    }
 }
 
 // On the real clock, without grace: the window's own tick finds the lease run out and calls back.

@@ -62,7 +62,7 @@ TEST_F(WindowTest, WithoutMessageLibraryOpensWithEmptyTextsGivesGraceAndHidesWhe
     Tick(dialog);
     EXPECT_EQ(m_expiries, 0) << "a lease that ran out before its row appeared still gets the grace time";
 
-    ui.RemoveProcessInfo(m_holder.Id());
+    ui.RemoveProcessInfo(m_holder.Id(), m_credential);
     Tick(dialog);
     EXPECT_FALSE(::IsWindowVisible(dialog));
 
