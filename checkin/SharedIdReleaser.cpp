@@ -105,15 +105,41 @@ bool SharedIdReleaser::CreateScriptSupport() {
 }
 
 int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes) {
+    const CSharedId* const one[] = {&credential};
+    const std::vector<int> results = Exchange(one, hrCIRes);
+    // One row is always answered, with kUnexpectedAnswer when the count was not one.
+    return results.empty() ? kUnexpectedAnswer : results.front();
+}
+
+std::vector<int> SharedIdReleaser::ReleaseCredsInternal(std::span<const CSharedId* const> credentials,
+                                                        HRESULT* hrCIRes) {
+    if (credentials.size() == 1 || m_singleRows) return OnePerCall(credentials, hrCIRes);
+    std::vector<int> results = Exchange(credentials, hrCIRes);
+    if (!results.empty()) return results;
+    Log(2, kReleaseTag, L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
+                            L" rows: they are sent again one per call, and single rows from now on.");
+    m_singleRows = true;
+    return OnePerCall(credentials, hrCIRes);
+}
+
+std::vector<int> SharedIdReleaser::OnePerCall(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes) {
+    std::vector<int> results;
+    for (const CSharedId* credential : credentials) results.push_back(ReleaseCredInternal(*credential, hrCIRes));
+    return results;
+}
+
+std::vector<int> SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes) {
     CheckThread();
-    if (!RefreshAccountForCheckIn()) return kStopped;
-    const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(credential.GetCorvinAuthSvcUrl());
-    const NS_Utils::UniqueBstr srvId = NS_Utils::AllocBstr(credential.GetCorvinAuthSrvId());
+    if (!RefreshAccountForCheckIn()) return std::vector<int>(credentials.size(), kStopped);
+    // The call's own texts come from the first row: a batch holds rows of one identity server.
+    const CSharedId& first = *credentials.front();
+    const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(first.GetCorvinAuthSvcUrl());
+    const NS_Utils::UniqueBstr srvId = NS_Utils::AllocBstr(first.GetCorvinAuthSrvId());
     NS_Utils::UniqueVariant input;
-    const CSharedId* const records[] = {&credential};
-    NS_CheckInRow::MakeInput(records, input);
+    NS_CheckInRow::MakeInput(credentials, input);
     // Removed whatever the check-in's outcome: the agent recreates the bag at the next check-out.
-    if (!credential.GetAuxText6().empty()) DeleteGlobalAccountDataBag(credential);
+    for (const CSharedId* credential : credentials)
+        if (!credential->GetAuxText6().empty()) DeleteGlobalAccountDataBag(*credential);
 
     const NS_Utils::SecretBstr user(m_corvinUser);
     const NS_Utils::SecretBstr password(m_corvinPassword);
@@ -128,9 +154,9 @@ int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* 
         Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
                                 L"; its objects are made anew for the next attempt.");
         DropAgentObjects();
-        return kAgentGone;
+        return std::vector<int>(credentials.size(), kAgentGone);
     }
-    return DecideResult(hr, nRet, *output.get());
+    return DecideResults(hr, nRet, *output.get(), credentials.size());
 }
 
 bool SharedIdReleaser::IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output) {
@@ -183,19 +209,20 @@ void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
     Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
 }
 
-int SharedIdReleaser::DecideResult(HRESULT hr, LONG nRet, const VARIANT& output) {
+std::vector<int> SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& output, size_t rows) {
     if (nRet != 0) {
         Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", nRet = " + std::to_wstring(nRet));
-        return nRet;
+        return std::vector<int>(rows, nRet);
     }
-    // A failed call that says nothing else ends here too: without one answer it is final.
+    // A failed call that says nothing else ends here too: without one answer a row is final.
     const std::vector<LONG> results = NS_CheckInRow::ReadResults(output);
-    if (results.size() != 1) {
+    if (results.size() != rows) {
+        if (rows > 1) return {};
         Log(2, kReleaseTag, L"]\t The size of  CheckIn result vector is not 1. ");
-        return kUnexpectedAnswer;
+        return {kUnexpectedAnswer};
     }
-    Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(results.front()));
-    return results.front();
+    for (LONG result : results) Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(result));
+    return std::vector<int>(results.begin(), results.end());
 }
 
 bool SharedIdReleaser::UpdateCorvinCred() {

@@ -14,7 +14,9 @@
 
 #include <climits>
 #include <functional>
+#include <span>
 #include <string>
+#include <vector>
 
 class SharedIdReleaser {
 public:
@@ -53,6 +55,11 @@ public:
     // only). The agent's result code, or kUnexpectedAnswer. Call after Init made it ready.
     // Throws BstrAllocError when a BSTR cannot be allocated.
     int ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
+    // The same for several credentials in one call, a row each (the wallet read once): a result
+    // per row, in order. An agent that does not answer one integer per row gets the rows again
+    // one per call, and single rows from then on.
+    std::vector<int> ReleaseCredsInternal(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
+    bool WantsSingleRows() const { return m_singleRows; }
 
     // Refreshes the cached account from the wallet; false, with the cache left as it was, when
     // the wallet has none.
@@ -76,7 +83,10 @@ private:
     // False when the service is stopping and nothing should be sent.
     bool RefreshAccountForCheckIn();
     void DeleteGlobalAccountDataBag(const CSharedId& credential);
-    int DecideResult(HRESULT hr, LONG nRet, const VARIANT& output);
+    // One call for all rows; empty when the answer does not hold one integer per row of several.
+    std::vector<int> Exchange(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
+    std::vector<int> DecideResults(HRESULT hr, LONG nRet, const VARIANT& output, size_t rows);
+    std::vector<int> OnePerCall(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
     // The call failed because the agent's server is gone: nothing was answered.
     static bool IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output);
     void DropAgentObjects();
@@ -93,4 +103,5 @@ private:
     DWORD m_loginPollMs;
     Pause m_pause = [](DWORD milliseconds) { return ::Sleep(milliseconds), true; };
     DWORD m_workerThreadId = 0;
+    bool m_singleRows = false;  // the agent answered several rows with another count once
 };

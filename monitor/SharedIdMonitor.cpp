@@ -93,19 +93,33 @@ std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(CSharedId record) {
 
 void SharedIdMonitor::QueueRelease(std::shared_ptr<CSharedId> credential) {
     m_checkIns.Queued(*credential);
-    m_gc->Queue([weak = weak_from_this(), credential = std::move(credential)] {
-        std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
-        if (!monitor) return;
-        ShrId_GCVisitor visitor(credential);
-        monitor->m_simGC->AcceptVisitor(&visitor);
-        FreeSharedId(credential, monitor.get());
-    });
+    QueueCheckIn({std::move(credential), true});
 }
 
 void SharedIdMonitor::QueueFreeSharedId(std::shared_ptr<CSharedId> credential) {
-    m_gc->Queue([weak = weak_from_this(), credential = std::move(credential)] {
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) FreeSharedId(credential, monitor.get());
+    QueueCheckIn({std::move(credential), false});
+}
+
+void SharedIdMonitor::QueueCheckIn(PendingCheckIn pending) {
+    m_checkInQueue.Push(std::move(pending));
+    // An item per credential: the first to run takes as many as wait, the others find fewer or none.
+    m_gc->Queue([weak = weak_from_this()] {
+        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->RunCheckIns();
     });
+}
+
+void SharedIdMonitor::RunCheckIns() {
+    std::vector<PendingCheckIn> taken = m_checkInQueue.Take(kMaxRowsPerCall);
+    if (taken.empty()) return;
+    std::vector<std::shared_ptr<CSharedId>> batch;
+    for (PendingCheckIn& pending : taken) {
+        if (pending.released) {
+            ShrId_GCVisitor visitor(pending.credential);
+            m_simGC->AcceptVisitor(&visitor);
+        }
+        batch.push_back(std::move(pending.credential));
+    }
+    FreeSharedIds(std::move(batch));
 }
 
 DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DWORD* pid) {

@@ -4,8 +4,8 @@
 // collector, which checks it in on its own thread. One lock guards both maps.
 //
 // Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, StartLeaseMonitor and Shutdown
-// on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, FreeSharedId
-// and every call into the releaser on the collector's worker; GCUncheckedInCredentials on the
+// on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, RunCheckIns,
+// FreeSharedIds and every call into the releaser on the collector's worker; GCUncheckedInCredentials on the
 // owner's thread at start and on the worker when the agent is back; LeaseIncrease/LeaseDecrease from any
 // of them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
 // OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread; TakeStatusSnapshot on the
@@ -16,6 +16,7 @@
 #include "common/CriticalSection.h"
 #include "common/GarbageCollector.h"
 #include "monitor/CheckInBoard.h"
+#include "monitor/CheckInQueue.h"
 #include "monitor/SimGC.h"
 #include "monitor/StatusSnapshot.h"
 #include "monitor/WaitInfo.h"
@@ -78,9 +79,8 @@ public:
     // queued for check-in. At start (owner's thread), and on the worker when the agent can be
     // reached again after files were kept.
     bool GCUncheckedInCredentials();
-    // The collector's work item for a released credential: check-in (re-queued after a
-    // transient failure), then its file and the lease count.
-    static void FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor);
+    // Up to this many credentials go to the agent in one call.
+    static constexpr size_t kMaxRowsPerCall = 64;
 
     void LeaseIncrease();
     void LeaseDecrease();
@@ -149,6 +149,14 @@ private:
     // Work items hold the monitor weakly: an item that outlives it does nothing.
     void QueueRelease(std::shared_ptr<CSharedId> credential);
     void QueueFreeSharedId(std::shared_ptr<CSharedId> credential);
+    void QueueCheckIn(PendingCheckIn pending);
+    // Worker: the collector's work item for credentials waiting for check-in. Takes those at the
+    // front of the check-in queue (one call's worth) and frees them; nothing when an earlier item
+    // took them already.
+    void RunCheckIns();
+    // Worker: one check-in call for the batch (re-queued after a transient failure, one pause
+    // for the call), then each final row's file and the lease count.
+    void FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batch);
     std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
@@ -165,8 +173,8 @@ private:
     // run; false, with the record untouched, when none could be entered.
     bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
     std::vector<HolderProcess> RunningHolders(const CSharedId& record) const;
-    // Worker only: one exchange with the agent; a transient result when memory ran out.
-    static int CheckIn(const CSharedId& credential, SharedIdReleaser& releaser);
+    // Worker only: one exchange with the agent, a result per row; transient when memory ran out.
+    std::vector<int> CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch);
     static constexpr int kRetryAfterNoMemory = 5;
     // Worker only: makes what is missing of the agent's objects; true when a check-in can be
     // tried. The first success after files were kept takes them up.
@@ -204,6 +212,7 @@ private:
 
     std::shared_ptr<CLeaseMonitor> m_leaseMonitor;
     CCheckInBoard m_checkIns;
+    CCheckInQueue m_checkInQueue;
     std::atomic<LONG> m_leaseCount{0};
     std::atomic<bool> m_corvinRefreshQueued{false};
     // Files were kept while the agent could not be reached; taken up when it can be again.

@@ -154,25 +154,34 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
     return true;
 }
 
-void SharedIdMonitor::FreeSharedId(std::shared_ptr<CSharedId> credential, SharedIdMonitor* monitor) {
-    NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
-    if (!credential || !monitor) return;
-    if (!monitor->ReachAgent()) return monitor->KeepForLater(std::move(credential));
-    monitor->m_checkIns.CheckingIn(*credential, ::_time64(nullptr));
-    int result = CheckIn(*credential, monitor->m_releaser);
-    if (SharedIdReleaser::IsRetryable(result)) {
-        NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
-                                               L"Will retry checkin. Error code : ") + std::to_wstring(result));
-        const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
-        monitor->m_checkIns.Attempted(*credential, result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
-        monitor->QueueFreeSharedId(std::move(credential));
-        monitor->m_gc->WaitUnlessStopping(pauseMs);
+void SharedIdMonitor::FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batch) {
+    for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
+    if (!ReachAgent()) {
+        for (std::shared_ptr<CSharedId>& credential : batch) KeepForLater(std::move(credential));
         return;
     }
-    if (result == SharedIdReleaser::kDifferentUser)
-        NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
-                                               L"Error code : ") + std::to_wstring(result));
-    monitor->Forget(std::move(credential));
+    const __time64_t started = ::_time64(nullptr);
+    for (const auto& credential : batch) m_checkIns.CheckingIn(*credential, started);
+    const std::vector<int> results = CheckIn(batch);
+    const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
+    bool retrying = false;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        const int result = i < results.size() ? results[i] : SharedIdReleaser::kUnexpectedAnswer;
+        if (SharedIdReleaser::IsRetryable(result)) {
+            NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
+                                                   L"Will retry checkin. Error code : ") + std::to_wstring(result));
+            m_checkIns.Attempted(*batch[i], result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
+            QueueFreeSharedId(std::move(batch[i]));
+            retrying = true;
+            continue;
+        }
+        if (result == SharedIdReleaser::kDifferentUser)
+            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
+                                                   L"Error code : ") + std::to_wstring(result));
+        Forget(std::move(batch[i]));
+    }
+    // One pause for the call, however many of its rows wait for another attempt.
+    if (retrying) m_gc->WaitUnlessStopping(pauseMs);
 }
 
 bool SharedIdMonitor::ReachAgent() {
@@ -226,16 +235,19 @@ void SharedIdMonitor::ProbeAgent() {
     if (m_keptFiles.load()) QueueAgentProbe();
 }
 
-int SharedIdMonitor::CheckIn(const CSharedId& credential, SharedIdReleaser& releaser) {
+std::vector<int> SharedIdMonitor::CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch) {
     HRESULT hrCIRes = S_OK;
-    const CCheckInWatch watch(credential.GetSignature());
+    const CCheckInWatch watch(batch.front()->GetSignature() +
+                              (batch.size() > 1 ? L" and " + std::to_wstring(batch.size() - 1) + L" more" : L""));
     try {
-        return releaser.ReleaseCredInternal(credential, &hrCIRes);
+        std::vector<const CSharedId*> rows;
+        for (const auto& credential : batch) rows.push_back(credential.get());
+        return m_releaser.ReleaseCredsInternal(rows, &hrCIRes);
     } catch (const std::bad_alloc&) {
-        // Out of memory for the call's texts: nothing was sent, so the credential is kept for
+        // Out of memory for the call's texts: nothing was sent, so the credentials are kept for
         // another attempt rather than forgotten.
         NS_Log::Log(1, kFreeTag + std::wstring(L" Out of memory while building the check-in."));
-        return kRetryAfterNoMemory;
+        return std::vector<int>(batch.size(), kRetryAfterNoMemory);
     }
 }
 

@@ -19,7 +19,8 @@ void SetWex(const wchar_t* name, DWORD value) {
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, name, value);
 }
 
-size_t CheckIns() { return standin::JournalLines("CheckIn ").size(); }
+// Credentials the agent was asked to check in: a row each, several to a call.
+size_t CheckIns() { return standin::JournalLines("Row ").size(); }
 
 // Whether `text` occurs, as UTF-16 or as UTF-8, in any file in `folder`.
 bool AnyFileHolds(const std::wstring& folder, const std::string& text) {

@@ -17,10 +17,15 @@ protected:
     }
 };
 
+// Twenty holders, and an agent that takes 300 ms a call: their check-ins meet in the queue and
+// travel together, within the few seconds Windows gives a session's programs.
 TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
-    ChildProcess holders[] = {StartHolder(), StartHolder(), StartHolder()};
-    for (ChildProcess& holder : holders)
-        ASSERT_EQ(Register(holder.Id(), Credential(L"role-" + std::to_wstring(holder.Id()))), 0u);
+    std::vector<ChildProcess> holders;
+    for (int i = 0; i < 20; ++i) {
+        holders.push_back(StartHolder());
+        ASSERT_EQ(Register(holders.back().Id(), Credential(L"role-" + std::to_wstring(i))), 0u);
+    }
+    standin::SetScript(L"CheckInDelayMs", 300);
     tarrow.reset();
     ChildProcess wineboot = ChildProcess::Start(L"C:\\windows\\system32\\wineboot.exe", L"--end-session");
     ASSERT_EQ(wineboot.Wait(300000), WAIT_OBJECT_0);
@@ -28,7 +33,8 @@ TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
         ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
         EXPECT_EQ(holder.ExitCode(), 8976u);
     }
-    EXPECT_EQ(standin::JournalLines("CheckIn ").size(), 3u);
+    EXPECT_EQ(standin::JournalLines("Row ").size(), 20u);
+    EXPECT_LE(standin::JournalLines("CheckIn ").size(), 4u) << "one call a credential";
     EXPECT_TRUE(ListFiles(CredentialFolder(), L"*.dat").empty());
 }
 

@@ -19,7 +19,8 @@ size_t JournalCount(const std::string& prefix, const std::string& text = {}) {
     const std::vector<std::string> lines = standin::JournalLines(prefix);
     return std::count_if(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != l.npos; });
 }
-size_t CheckIns(const std::string& text = {}) { return JournalCount("CheckIn ", text); }
+// Rows the agent was sent, several to a call.
+size_t CheckIns(const std::string& text = {}) { return JournalCount("Row ", text); }
 size_t Files() { return ListFiles(CredentialFolder(), L"*.dat").size(); }
 
 // What the Restart Manager sends every top-level window of an application it closes.
@@ -133,8 +134,8 @@ TEST_F(SurvivalTest, AnAgentWhoseServerWentAwayIsMadeAnewAndAskedAgain) {
     ChildProcess holder = StartHolder();
     ASSERT_EQ(Register(holder.Id(), Credential(L"gone")), 0u);
     holder.Kill();
-    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=gone") == 2 && Files() == 0; }));
-    EXPECT_EQ(CheckIns("hr=0x80010108"), 1u);
+    EXPECT_TRUE(WaitUntil([] { return JournalCount("CheckIn ", "cn=gone") == 2 && Files() == 0; }));
+    EXPECT_EQ(JournalCount("CheckIn ", "hr=0x80010108"), 1u);
     EXPECT_EQ(JournalCount("Made check-in object"), 2u);
 }
 

@@ -23,7 +23,24 @@ protected:
         holder.Kill();
         EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
     }
-    static size_t CheckIns() { return standin::JournalLines("CheckIn ").size(); }
+    // As ReleaseByExit, while the worker waits for `release`, which is set once all are queued.
+    void ReleaseAfter(HANDLE release, const std::vector<CSharedId>& credentials) {
+        ChildProcess holder = StartHolder();
+        for (const CSharedId& credential : credentials) ASSERT_EQ(Register(credential, holder.Id()), 0u);
+        holder.Kill();
+        ASSERT_TRUE(WaitUntil([&] { return Waiting() == credentials.size(); }));
+        ::SetEvent(release);
+        EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
+    }
+    // Released credentials that wait for check-in.
+    size_t Waiting() {
+        const std::vector<CredentialStatus> all = monitor->TakeStatusSnapshot().credentials;
+        return std::count_if(all.begin(), all.end(), [](const CredentialStatus& c) {
+            return c.state == CredentialStatus::State::WaitingForCheckIn;
+        });
+    }
+    static size_t CheckIns() { return standin::JournalLines("Row ").size(); }
+    static size_t Calls() { return standin::JournalLines("CheckIn ").size(); }
 };
 
 TEST_F(ReleaseTest, TransientResultsAreRetriedUntilAFinalOne) {
@@ -43,6 +60,39 @@ TEST_F(ReleaseTest, EveryOtherResultIsFinal) {
         ReleaseByExit({Credential(L"final")});
         EXPECT_EQ(CheckIns(), 1u);
     }
+}
+
+// Released while the worker is busy, five credentials go in one call; each row has its own
+// outcome: a transient one is retried alone after one pause, a different user's is given up.
+TEST_F(ReleaseTest, ABurstGoesInOneCallAndEachRowGetsItsOwnResult) {
+    standin::SetScript(L"CheckInResults", std::wstring(L"0,37,42,0,0,0"));
+    const std::wstring givenUp = L"give up checkin. Error code : 42";
+    const size_t givenUpBefore = CountInServiceLog(givenUp);
+    NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
+    ChildProcess holder = StartHolder();
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(Register(Credential(L"burst-" + std::to_wstring(i)), holder.Id()), 0u);
+    holder.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return Waiting() == 5; }));
+    ::SetEvent(release.get());
+    EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
+    EXPECT_EQ(Calls(), 2u);
+    EXPECT_EQ(CheckIns(), 6u);
+    EXPECT_EQ(standin::JournalLines("Row cn=burst-1").size(), 2u) << "the 37 alone again";
+    EXPECT_EQ(CountInServiceLog(givenUp), givenUpBefore + 1);
+}
+
+// An agent that answers one integer for several rows gets them again one per call, and single
+// rows from then on.
+TEST_F(ReleaseTest, AnAgentThatAnswersOneRowOnlyGetsSingleRows) {
+    standin::SetScript(L"CheckInOutputCount", 1);
+    for (int round = 0; round < 2; ++round) {
+        NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
+        ReleaseAfter(release.get(), {Credential(L"pair-a"), Credential(L"pair-b")});
+    }
+    EXPECT_EQ(Calls(), 5u) << "two rows, then one and one, then one and one";
+    EXPECT_EQ(CheckIns(), 6u);
 }
 
 // Not reaching the agent is no answer: the credentials are forgotten here and their files kept,
