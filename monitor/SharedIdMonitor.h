@@ -172,7 +172,8 @@ private:
     // Holds a credential read from its file again for those of its listed holders that still
     // run; false, with the record untouched, when none could be entered.
     bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
-    std::vector<HolderProcess> RunningHolders(const CSharedId& record) const;
+    // `listed`: the files that have a holder list.
+    std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
     // Worker only: one exchange with the agent, a result per row; transient when memory ran out.
     std::vector<int> CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch);
     static constexpr int kRetryAfterNoMemory = 5;
@@ -220,4 +221,6 @@ private:
     std::atomic<bool> m_agentProbeQueued{false};
     // Set when the service stops: ends the logoff's wait for check-ins at once.
     NS_Utils::UniqueHandle m_stopping{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    // Set when the lease count falls: the logoff's wait looks again at once, not at its next pause.
+    NS_Utils::UniqueHandle m_leaseFell{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 };

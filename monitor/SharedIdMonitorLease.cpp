@@ -111,9 +111,12 @@ void SharedIdMonitor::OnWndSessionEnd() {
 }
 
 void SharedIdMonitor::WaitForCheckIns() {
-    // A stop of the service ends the wait: what is left stays on disk for the next start.
-    for (DWORD waited = 0; m_leaseCount.load() >= 1 && waited < kLogoffWaitMs; waited += kLogoffPauseMs)
-        if (::WaitForSingleObject(m_stopping.get(), kLogoffPauseMs) != WAIT_TIMEOUT) break;
+    // Looked at every pause, and at once whenever the count falls, so that the handler returns as
+    // soon as all is checked in. A stop of the service ends the wait: what is left stays on disk.
+    const ULONGLONG deadline = ::GetTickCount64() + kLogoffWaitMs;
+    HANDLE wakes[] = {m_stopping.get(), m_leaseFell.get()};
+    while (m_leaseCount.load() >= 1 && ::GetTickCount64() < deadline)
+        if (::WaitForMultipleObjects(2, wakes, FALSE, kLogoffPauseMs) == WAIT_OBJECT_0) break;
     const LONG left = m_leaseCount.load();
     if (left >= 1)
         NS_Log::Log(1, std::to_wstring(left) + L" credentials were not checked in to Corvin during windows logoff.");

@@ -90,8 +90,9 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
         return false;
     }
     size_t count = 0;
+    const std::set<std::wstring> listed = m_storage.FilesWithHolderLists();
     for (CSharedId& record : stored) {
-        const std::vector<HolderProcess> running = RunningHolders(record);
+        const std::vector<HolderProcess> running = RunningHolders(record, listed);
         if (!running.empty()) {
             LockGuard lock(*this);
             if (AdoptLocked(record, running)) continue;
@@ -110,11 +111,13 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     return true;
 }
 
-std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& record) const {
+std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& record,
+                                                           const std::set<std::wstring>& listed) const {
     std::vector<HolderProcess> running;
+    if (!listed.count(record.GetFileName())) return running;
     // A file without a list was written before lists were kept: checked in, as it always was.
-    if (std::optional<std::vector<HolderProcess>> listed = m_storage.ReadHolders(record))
-        for (const HolderProcess& holder : *listed)
+    if (std::optional<std::vector<HolderProcess>> holders = m_storage.ReadHolders(record))
+        for (const HolderProcess& holder : *holders)
             if (holder.pid != ::GetCurrentProcessId() && NS_SHAREDID_UTILS::IsStillRunning(holder))
                 running.push_back(holder);
     return running;
@@ -270,6 +273,7 @@ void SharedIdMonitor::LeaseIncrease() {
 
 void SharedIdMonitor::LeaseDecrease() {
     LONG count = --m_leaseCount;
+    ::SetEvent(m_leaseFell.get());
     NS_Log::Log(3, L"[SharedIdMonitor::LeaseDecrease]\t Number of leases: " + std::to_wstring(count));
     UpdateCredentialsHeld();
 }

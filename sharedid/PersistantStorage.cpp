@@ -119,6 +119,19 @@ std::optional<std::vector<HolderProcess>> PersistantStorage::ReadHolders(const C
     return NS_SHAREDID_UTILS::ReadHolderList(record.GetFileName());
 }
 
+std::set<std::wstring> PersistantStorage::FilesWithHolderLists() const {
+    std::set<std::wstring> paths;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.holders").c_str(), &found));
+    if (!search) return paths;
+    constexpr std::wstring_view kList = L".holders";
+    do {
+        const std::wstring name = found.cFileName;
+        if (name.size() > kList.size()) paths.insert(m_folder + name.substr(0, name.size() - kList.size()) + L".dat");
+    } while (::FindNextFileW(search.get(), &found));
+    return paths;
+}
+
 std::wstring PersistantStorage::NextFileName(const std::wstring& taken) {
     std::wstring name = NewFileName();
     for (int tick = 0; name == taken && tick < kClockWaitMs; ++tick) {

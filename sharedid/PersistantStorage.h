@@ -38,6 +38,9 @@ public:
     bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
     // The holder list beside the record's file; nothing when there is none.
     std::optional<std::vector<HolderProcess>> ReadHolders(const CSharedId& record) const;
+    // The paths of the credential files that have a holder list beside them, from one listing of
+    // the folder: cheaper at start than asking for each file's list.
+    std::set<std::wstring> FilesWithHolderLists() const;
     // Every credential file that can be read, with m_fileName set and the file claimed. A file
     // that cannot be read is logged, skipped and left where it is for an administrator to look
     // at; so is a file that another live instance holds open for a credential it answers for.

@@ -103,9 +103,12 @@ public:
             });
         if (FAILED(filled)) return filled;
         *nRet = static_cast<LONG>(ScriptDword(L"CheckInNRet", 0));
-        Journal(counted + L" result=" + std::to_wstring(results.front()) + L" nRet=" + std::to_wstring(*nRet) + rows);
+        // One write for the call and its rows: a batch costs the journal one append.
+        std::wstring lines = counted + L" result=" + std::to_wstring(results.front()) + L" nRet=" +
+                             std::to_wstring(*nRet) + rows;
         for (size_t i = 0; i < rowTexts.size(); ++i)
-            Journal(L"Row " + rowTexts[i] + L" result=" + std::to_wstring(results[i]));
+            lines += L"\nRow " + rowTexts[i] + L" result=" + std::to_wstring(results[i]);
+        Journal(lines);
         // After the journal line: a soak run ends the service between the agent's record and the
         // service forgetting the credential.
         ::Sleep(ScriptDword(L"CheckInDelayMs", 0));
