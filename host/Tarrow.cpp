@@ -1,7 +1,9 @@
 #include "host/Tarrow.h"
 
+#include "checkin/KelUtils.h"
 #include "common/Log.h"
 #include "host/Registration.h"
+#include "lease/LeaseMonitor.h"
 #include "host/RetryWhileUnavailable.h"
 #include "host/SharedIdSerializer.h"
 #include "host/StatusVariant.h"
@@ -23,9 +25,11 @@ NS_Utils::ComPtr<CTarrow> CTarrow::Create() { return NS_Utils::ComPtr<CTarrow>::
 
 CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
     CTarrowModule::Instance().Lock();
-    if (!m_monitor->GCUncheckedInCredentials()) NS_Log::Log(1, L"[Tarrow::Tarrow]\t GCUncheckedInCredentials failed.");
+    // The lease monitor first: credentials held again for their running holders are handed to it.
     // Without its thread the service goes on, only without lease warnings.
-    if (!m_monitor->StartLeaseMonitor()) NS_Log::Log(2, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
+    if (!CLeaseMonitor::Create()->StartLeaseMonitor(*m_monitor))
+        NS_Log::Log(2, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
+    if (!m_monitor->GCUncheckedInCredentials()) NS_Log::Log(1, L"[Tarrow::Tarrow]\t GCUncheckedInCredentials failed.");
 }
 
 CTarrow::~CTarrow() {
@@ -116,6 +120,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
     CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
                      Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
                      flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
+    record.SetEnterpriseId(CKelUtils::ObtainMirelIdFromBriskScriptSupport());
     *result = m_monitor->RegisterSharedCreds(record, &processId);
     if (*result == 0)
         NS_Log::Log(3, L"[Tarrow::RegisterSharedId]\t Shared ID registered successfully.");

@@ -50,6 +50,17 @@ LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
     return callbacks;
 }
 
+void CLeaseMonitor::WatchFor(SharedIdMonitor& registry) {
+    m_registry.store(&registry);
+    registry.AttachLeaseMonitor(shared_from_this());
+}
+
+bool CLeaseMonitor::StartLeaseMonitor(SharedIdMonitor& registry) {
+    NS_Log::Log(3, L"[SharedIdMonitor::StartLeaseMonitor]\t Starting LeaseMonitor ");
+    WatchFor(registry);
+    return Start(this);
+}
+
 bool CLeaseMonitor::Shutdown() {
     CPoller::Stop();
     const bool orderly = Join(kStopWaitMs) != WAIT_TIMEOUT;

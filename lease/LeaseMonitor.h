@@ -13,6 +13,7 @@
 
 #include "common/CriticalSection.h"
 #include "common/Poller.h"
+#include "monitor/LeaseWatcher.h"
 #include "sharedid/SharedId.h"
 #include "ui/LMMainUI.h"
 
@@ -25,7 +26,9 @@
 
 class SharedIdMonitor;
 
-class CLeaseMonitor : public NS_THREAD_UTILS::CPoller, public std::enable_shared_from_this<CLeaseMonitor> {
+class CLeaseMonitor : public NS_THREAD_UTILS::CPoller,
+                      public ILeaseWatcher,
+                      public std::enable_shared_from_this<CLeaseMonitor> {
 public:
     using Clock = std::function<__time64_t()>;
     using ExpiryMap = std::multimap<std::wstring, std::weak_ptr<CSharedId>>;
@@ -39,11 +42,14 @@ public:
     static std::shared_ptr<CLeaseMonitor> Create(Clock clock = {});
     ~CLeaseMonitor() override;
 
-    // Not owned; set by SharedIdMonitor::StartLeaseMonitor, which outlives the window's thread.
-    void SetRegistry(SharedIdMonitor* registry) noexcept { m_registry.store(registry); }
+    // Watches the registry's credentials from now on (the registry owns this monitor then, and
+    // outlives the window's thread), without starting the poller: tests poll it themselves.
+    void WatchFor(SharedIdMonitor& registry);
+    // WatchFor, then starts the poller thread; false when it could not be started.
+    bool StartLeaseMonitor(SharedIdMonitor& registry);
     SharedIdMonitor* Registry() const noexcept { return m_registry.load(); }
 
-    void AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& credential);
+    void AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& credential) override;
     void Poll(DWORD count) override;
     bool HandleLeaseExpiration(ExpiryMap::iterator entry);
     void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
@@ -55,13 +61,13 @@ public:
     void OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential);
     void OnSessionEnd();
     // Tells the window whether any lease is counted; called after the count may have crossed 0.
-    void UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount);
+    void UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount) override;
     // The window's rows, for the status view; never under the registry lock.
-    std::vector<LMListedRow> ListedRows() const { return m_ui.ListedRows(); }
+    std::vector<LMListedRow> ListedRows() const override { return m_ui.ListedRows(); }
 
     // Ends the poller thread (ended by force after kStopWaitMs) and asks the window to close.
     // False when the poller was ended by force: it may have held the registry lock.
-    [[nodiscard]] bool Shutdown();
+    [[nodiscard]] bool Shutdown() override;
 
     // A REG_DWORD under the service's key, taken as a signed number as it stands, or `fallback`.
     static __int64 GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback);

@@ -2,7 +2,6 @@
 
 #include "common/FailFast.h"
 #include "common/Log.h"
-#include "lease/LeaseMonitor.h"
 #include "sharedid/SharedIdFile.h"
 
 #include <algorithm>
@@ -52,13 +51,13 @@ bool SharedIdMonitor::Shutdown() {
     ::SetEvent(m_stopping.get());
     // No new warning starts while the collector finishes; the window's thread may still end
     // holders until the lease monitor is destroyed below.
-    std::shared_ptr<CLeaseMonitor> leaseMonitor = LeaseMonitor();
+    std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor();
     const bool pollerStopped = !leaseMonitor || leaseMonitor->Shutdown();
     // Once the worker has ended, none of the strong references it takes while it runs an item
     // is left, so the owner's reference is the last and the monitor dies on the owner's thread.
     if (!m_gc->Stop() || !pollerStopped) {
         // A thread ended by force may have held the monitor lock: nothing more is taken down.
-        (void)new std::shared_ptr<CLeaseMonitor>(std::move(leaseMonitor));
+        (void)new std::shared_ptr<ILeaseWatcher>(std::move(leaseMonitor));
         return false;
     }
     {

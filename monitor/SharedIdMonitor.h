@@ -3,7 +3,7 @@
 // pointers in process entries; when the last one goes, the credential is handed to the
 // collector, which checks it in on its own thread. One lock guards both maps.
 //
-// Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, StartLeaseMonitor and Shutdown
+// Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, AttachLeaseMonitor and Shutdown
 // on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, RunCheckIns,
 // FreeSharedIds and every call into the releaser on the collector's worker; GCUncheckedInCredentials on the
 // owner's thread at start and on the worker when the agent is back; LeaseIncrease/LeaseDecrease from any
@@ -17,6 +17,7 @@
 #include "common/GarbageCollector.h"
 #include "monitor/CheckInBoard.h"
 #include "monitor/CheckInQueue.h"
+#include "monitor/LeaseWatcher.h"
 #include "monitor/SimGC.h"
 #include "monitor/StatusSnapshot.h"
 #include "monitor/WaitInfo.h"
@@ -29,7 +30,6 @@
 #include <string>
 #include <vector>
 
-class CLeaseMonitor;
 
 class SharedIdMonitor : public std::enable_shared_from_this<SharedIdMonitor> {
 public:
@@ -88,12 +88,8 @@ public:
 
     NS_Utils::CGarbageCollector& Collector() { return *m_gc; }
     PersistantStorage& Storage() { return m_storage; }
-    // Starts the lease monitor's poller thread, with a lease monitor of its own unless one was
-    // given (tests give one with their own clock); false when the thread was started before or
-    // could not be.
-    bool StartLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor = nullptr);
-    // Wires a lease monitor without starting its thread: tests poll it themselves.
-    void AttachLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor);
+    // The lease monitor, owned from now on; it is handed the credentials registered from now on.
+    void AttachLeaseMonitor(std::shared_ptr<ILeaseWatcher> leaseMonitor);
 
     // Lease monitor's threads, each under the monitor lock for its own duration.
     void AddListener(const std::shared_ptr<CSharedId>& credential, std::shared_ptr<AbsSharedCredListener> listener);
@@ -201,7 +197,7 @@ private:
     std::unique_ptr<SimGC> m_simGC;
     PersistantStorage m_storage;
     SharedIdReleaser m_releaser;
-    std::shared_ptr<CLeaseMonitor> LeaseMonitor() const;
+    std::shared_ptr<ILeaseWatcher> LeaseMonitor() const;
     // Outside the monitor lock, after the lease count may have crossed 0.
     void UpdateCredentialsHeld();
     // Ends one holder with kTerminatedExitCode; logs a failure under `tag`.
@@ -211,7 +207,7 @@ private:
     // window's rows once the lock is left.
     void CopyHeldLocked(std::vector<CredentialStatus>& held, std::vector<std::weak_ptr<CSharedId>>& records) const;
 
-    std::shared_ptr<CLeaseMonitor> m_leaseMonitor;
+    std::shared_ptr<ILeaseWatcher> m_leaseMonitor;
     CCheckInBoard m_checkIns;
     CCheckInQueue m_checkInQueue;
     std::atomic<LONG> m_leaseCount{0};

@@ -2,7 +2,6 @@
 // credential, and the end of the Windows session.
 
 #include "common/Log.h"
-#include "lease/LeaseMonitor.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -12,36 +11,23 @@ constexpr const wchar_t* kExpiredTag = L"[SharedIdMonitor::OnLeaseExpired]\t";
 constexpr const wchar_t* kSessionEndTag = L"[SharedIdMonitor::OnWndSessionEnd]\t";
 }  // namespace
 
-bool SharedIdMonitor::StartLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor) {
-    NS_Log::Log(3, L"[SharedIdMonitor::StartLeaseMonitor]\t Starting LeaseMonitor ");
-    std::shared_ptr<CLeaseMonitor> current = LeaseMonitor();
-    if (!current) {
-        current = leaseMonitor ? std::move(leaseMonitor) : CLeaseMonitor::Create();
-        AttachLeaseMonitor(current);
-    }
-    return current->Start(current.get());
-}
-
-void SharedIdMonitor::AttachLeaseMonitor(std::shared_ptr<CLeaseMonitor> leaseMonitor) {
-    leaseMonitor->SetRegistry(this);
+void SharedIdMonitor::AttachLeaseMonitor(std::shared_ptr<ILeaseWatcher> leaseMonitor) {
     {
         LockGuard lock(*this);
-        // Credentials held again at start for their running holders come before the lease monitor.
-        for (const auto& [signature, entry] : m_AuthToCredMap)
-            if (std::shared_ptr<CSharedId> live = entry.weak.lock()) leaseMonitor->AddLeaseExpirationInfo(live);
-        m_leaseMonitor = std::move(leaseMonitor);
+        // One replaced is destroyed after the lock is left: its window's thread may wait for it.
+        std::swap(m_leaseMonitor, leaseMonitor);
     }
     // Credentials left from an earlier run may already be counted.
     UpdateCredentialsHeld();
 }
 
-std::shared_ptr<CLeaseMonitor> SharedIdMonitor::LeaseMonitor() const {
+std::shared_ptr<ILeaseWatcher> SharedIdMonitor::LeaseMonitor() const {
     NS_Utils::CritSecGuard lock(m_lock);
     return m_leaseMonitor;
 }
 
 void SharedIdMonitor::UpdateCredentialsHeld() {
-    if (std::shared_ptr<CLeaseMonitor> leaseMonitor = LeaseMonitor()) leaseMonitor->UpdateCredentialsHeld(m_leaseCount);
+    if (std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor()) leaseMonitor->UpdateCredentialsHeld(m_leaseCount);
 }
 
 void SharedIdMonitor::AddListener(const std::shared_ptr<CSharedId>& credential,

@@ -2,7 +2,6 @@
 
 #include "checkin/KelSettingsImpl.h"
 #include "common/Log.h"
-#include "lease/LeaseMonitor.h"
 #include "monitor/CheckInWatch.h"
 #include "monitor/SharedIdMonitor.h"
 

@@ -1,7 +1,6 @@
 // The monitor's status snapshot: a short copy under the monitor lock, the rest without it.
 
 #include "common/ModulePath.h"
-#include "lease/LeaseMonitor.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -68,7 +67,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     StatusSnapshot snapshot;
     std::vector<std::weak_ptr<CSharedId>> records;
     std::vector<CredentialStatus> pending;
-    std::shared_ptr<CLeaseMonitor> leaseMonitor;
+    std::shared_ptr<ILeaseWatcher> leaseMonitor;
     {
         LockGuard lock(*this);
         CopyHeldLocked(snapshot.credentials, records);

@@ -1,7 +1,5 @@
 #include "sharedid/SharedId.h"
 
-#include "checkin/KelUtils.h"
-
 #include <algorithm>
 #include <sstream>
 
@@ -22,9 +20,7 @@ CSharedId::CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& c
       m_auxText3(auxText3),
       m_leaseExpiry(leaseExpiry),
       m_auxText4(auxText4),
-      m_auxText6(auxText6) {
-    m_enterpriseId = CKelUtils::ObtainMirelIdFromBriskScriptSupport();
-}
+      m_auxText6(auxText6) {}
 
 CSharedId CSharedId::SignatureKey(const std::wstring& corvinAuthSvcUrl, const std::wstring& authSvcId,
                                   const std::wstring& roleId) {

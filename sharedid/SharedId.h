@@ -39,7 +39,8 @@ private:
 class CSharedId {
 public:
     CSharedId() = default;
-    // Texts in the order the COM interface passes them; the enterprise identity is looked up here.
+    // Texts in the order the COM interface passes them; the enterprise identity is the caller's
+    // to set (the service asks the agent for it).
     CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& corvinAuthSrvId,
               const std::wstring& auxText1, const std::wstring& authSvcId, const std::wstring& sharedId,
               const std::wstring& auxText2, const std::wstring& roleId, const std::wstring& auxText4,

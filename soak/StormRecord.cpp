@@ -23,14 +23,13 @@ int SignatureOf(const std::string& leaseDn) {
 
 Journal Journal::Read(const std::wstring& path) {
     const std::vector<std::uint8_t> bytes = testsupport::ReadFileBytes(path);
-    const std::string text(bytes.begin(), bytes.end()), row = " row=";
+    // A line per row checked in, several rows to a call: "Row <lease DN>|...".
+    const std::string text(bytes.begin(), bytes.end()), row = "Row ";
     Journal journal;
     for (size_t start = 0, end; start < text.size(); start = end + 1) {
         if ((end = text.find('\n', start)) == std::string::npos) end = text.size();
-        if (text.compare(start, 8, "CheckIn ") != 0) continue;
-        const size_t at = text.find(row, start);
-        if (at == std::string::npos || at > end) continue;
-        const size_t from = at + row.size(), bar = std::min(text.find('|', from), end);
+        if (text.compare(start, row.size(), row) != 0) continue;
+        const size_t from = start + row.size(), bar = std::min(text.find('|', from), end);
         journal.checkIns.push_back({start, text.substr(from, bar - from)});
         ++journal.counts[journal.checkIns.back().leaseDn];
     }

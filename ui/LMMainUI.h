@@ -12,6 +12,7 @@
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
+#include "sharedid/ListedRow.h"
 #include "sharedid/SharedId.h"
 #include "ui/LBExtended.h"
 #include "ui/ProcessInfo.h"
@@ -35,12 +36,7 @@ struct LMMainUICallbacks {
     std::function<__time64_t()> now;
 };
 
-// A row of the window as the status view reports it.
-struct LMListedRow {
-    DWORD processId;
-    std::weak_ptr<CSharedId> credential;
-    __time64_t endTime;  // when the row's process is ended (UTC)
-};
+
 
 class LMMainUI {
 public:

@@ -2,6 +2,7 @@
 
 #include "checkin/AgentRuntime.h"
 #include "checkin/CorvinUrlResolver.h"
+#include "checkin/KelUtils.h"
 #include "checkin/SharedIdReleaser.h"
 #include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
@@ -17,9 +18,12 @@ namespace {
 
 constexpr const wchar_t* kProgId = L"Software\\Classes\\BriskScriptSupport.ScriptSupport\\CLSID";
 
+// As the service makes it: the enterprise identity asked of the agent's script support.
 CSharedId Record(const std::wstring& leaseDN, bool flag, const std::wstring& bag = {}) {
-    return CSharedId(L"https://corvin/auth", L"srv-1", L"aux-1", L"svc", L"acct", L"mem-2", L"role", L"aux-4", leaseDN,
+    CSharedId record(L"https://corvin/auth", L"srv-1", L"aux-1", L"svc", L"acct", L"mem-2", L"role", L"aux-4", leaseDN,
                      L"20301231T120000Z", flag, L"mem-3", bag);
+    record.SetEnterpriseId(CKelUtils::ObtainMirelIdFromBriskScriptSupport());
+    return record;
 }
 
 class CheckInTest : public ::testing::Test {

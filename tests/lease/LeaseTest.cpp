@@ -55,7 +55,7 @@ protected:
     void SetUp() override {
         MonitorTest::SetUp();
         lease = CLeaseMonitor::Create([this] { return now.load(); });
-        monitor->AttachLeaseMonitor(lease);
+        lease->WatchFor(*monitor);
     }
     void TearDown() override {
         EXPECT_TRUE(monitor->Shutdown());
@@ -116,7 +116,7 @@ TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
     for (const auto& [delta, stale, due] : splits) {
         NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", delta);
         std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now.load(); }));
-        monitor->AttachLeaseMonitor(lease);
+        lease->WatchFor(*monitor);
         previous.reset();
         for (__time64_t offset : {-7200, -3600, -1, 0, 1, 3600, 7200}) {
             CSharedId credential = Credential(std::to_wstring(delta) + L"/" + std::to_wstring(offset));
@@ -178,7 +178,7 @@ TEST_F(LeaseTest, ExpiryEndsEveryHolderAndTheCredentialIsReleased) {
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess", 0);
     std::shared_ptr<CLeaseMonitor> realTime = CLeaseMonitor::Create();
     NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess");
-    monitor->AttachLeaseMonitor(realTime);
+    realTime->WatchFor(*monitor);
     ChildProcess twice = StartHolder(), takeover = StartHolder(), bystander = StartHolder();
     CSharedId credential = Credential(L"expiring");
     credential.SetLeaseExpiry(TimeToExpiryText(::_time64(nullptr) - 10));
