@@ -1,5 +1,6 @@
 #include "common/Log.h"
 
+#include "common/EventLog.h"
 #include "common/LogWriter.h"
 
 #include <atomic>
@@ -17,7 +18,12 @@ CLogWriter& DefaultWriter() {
 std::atomic<DWORD> g_sessionId{0xFFFFFFFF};
 }  // namespace
 
-int Log(unsigned short level, const std::wstring& text) { return DefaultWriter().Log(level, text); }
+int Log(unsigned short level, const std::wstring& text) {
+    int result = DefaultWriter().Log(level, text);
+    // After the writer has let its mutex go: the event log is never reached under the log's lock.
+    if (level == 1 && DefaultWriter().CurrentSettings().eventLog) NS_EventLog::ReportFailure(text);
+    return result;
+}
 
 bool IsEnabled(unsigned short level) { return level <= DefaultWriter().CurrentSettings().level; }
 

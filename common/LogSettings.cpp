@@ -7,26 +7,29 @@
 namespace NS_Log {
 
 namespace {
-void Override(HKEY key, const wchar_t* valueName, DWORD& setting) {
-    DWORD value = 0;
-    if (NS_Utils::ReadRegistryDword(key, nullptr, valueName, value) == ERROR_SUCCESS && value > 0) setting = value;
+void Override(HKEY key, const NS_Settings::Setting& setting, DWORD& value) {
+    DWORD read = 0;
+    if (NS_Utils::ReadRegistryDword(key, nullptr, setting.valueName, read) == ERROR_SUCCESS && read > 0) value = read;
 }
 
 }  // namespace
 
 LogSettings ReadLogSettings() {
     LogSettings settings;
-    // One open key for the five values: this runs on every tenth log call.
+    // One open key for all the values: this runs on every tenth log call.
     NS_Utils::UniqueRegKey key;
-    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS)
+    if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, NS_Settings::kLogging, 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS)
         return settings;
     DWORD scrambled = 0;
-    Override(key.get(), L"LogLevel", settings.level);
-    Override(key.get(), L"LogFileSize", settings.fileSizeKiB);
-    Override(key.get(), L"LogObfuscationEnabled", scrambled);
-    Override(key.get(), L"LogFileCount", settings.fileCount);
-    Override(key.get(), L"LogSyncEnabled", settings.sync);
+    DWORD eventLog = 0;
+    Override(key.get(), NS_Settings::kLogLevel, settings.level);
+    Override(key.get(), NS_Settings::kLogFileSize, settings.fileSizeKiB);
+    Override(key.get(), NS_Settings::kLogObfuscationEnabled, scrambled);
+    Override(key.get(), NS_Settings::kLogFileCount, settings.fileCount);
+    Override(key.get(), NS_Settings::kLogSyncEnabled, settings.sync);
+    Override(key.get(), NS_Settings::kWindowsEventLogEnabled, eventLog);
     settings.scrambled = scrambled != 0;
+    settings.eventLog = eventLog != 0;
     return settings;
 }
 

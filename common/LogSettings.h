@@ -1,6 +1,8 @@
 #pragma once
 // Settings of one log file, re-read while the service runs.
 
+#include "common/Settings.h"
+
 #include <windows.h>
 
 #include <string>
@@ -8,11 +10,12 @@
 namespace NS_Log {
 
 struct LogSettings {
-    DWORD level = 1;           // "LogLevel": messages above it are dropped
-    DWORD fileSizeKiB = 1024;  // "LogFileSize": rotate once the file is larger
-    bool scrambled = false;    // "LogObfuscationEnabled": ".enl" files with scrambled content
-    DWORD fileCount = 10;      // "LogFileCount": rotated files kept
-    DWORD sync = 1;            // "LogSyncEnabled": 2 or more also flushes every line to disk
+    DWORD level = NS_Settings::kLogLevel.defaultNumber;           // messages above it are dropped
+    DWORD fileSizeKiB = NS_Settings::kLogFileSize.defaultNumber;  // rotate once the file is larger
+    bool scrambled = NS_Settings::kLogObfuscationEnabled.defaultNumber != 0;  // ".enl" files, scrambled
+    DWORD fileCount = NS_Settings::kLogFileCount.defaultNumber;   // rotated files kept
+    DWORD sync = NS_Settings::kLogSyncEnabled.defaultNumber;      // 2 or more also flushes every line
+    bool eventLog = NS_Settings::kWindowsEventLogEnabled.defaultNumber != 0;  // failures also to the event log
 };
 
 // The defaults overridden by every value of the logging key that is present and greater than 0.

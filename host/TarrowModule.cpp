@@ -1,5 +1,6 @@
 #include "host/TarrowModule.h"
 
+#include "host/EventSourceRegistration.h"
 #include "host/Registration.h"
 
 #include <shellapi.h>
@@ -16,6 +17,21 @@ ULONG CTarrowModule::Unlock() {
     if (count == 0 && m_mainThreadId != 0) ::PostThreadMessageW(m_mainThreadId, WM_QUIT, 0, 0);
     return count;
 }
+
+namespace {
+// The event source comes with the registration for all users only: it is the machine's.
+HRESULT RegisterForAllUsers() {
+    HRESULT hr = NS_Registration::RegisterServer(NS_Registration::Scope::AllUsers);
+    return SUCCEEDED(hr) ? NS_Registration::RegisterEventSource() : hr;
+}
+
+// The source goes even when the classes could not all be removed, and the first failure is answered.
+HRESULT UnregisterForAllUsers() {
+    HRESULT hr = NS_Registration::UnregisterServer(NS_Registration::Scope::AllUsers);
+    HRESULT source = NS_Registration::UnregisterEventSource();
+    return FAILED(hr) ? hr : source;
+}
+}  // namespace
 
 CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& commandLine) {
     int count = 0;
@@ -44,8 +60,8 @@ CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& comman
 HRESULT CTarrowModule::RunSwitch(Switch which) {
     using NS_Registration::Scope;
     switch (which) {
-        case Switch::RegServer: return NS_Registration::RegisterServer(Scope::AllUsers);
-        case Switch::UnregServer: return NS_Registration::UnregisterServer(Scope::AllUsers);
+        case Switch::RegServer: return RegisterForAllUsers();
+        case Switch::UnregServer: return UnregisterForAllUsers();
         case Switch::RegServerPerUser: return NS_Registration::RegisterServer(Scope::CurrentUser);
         case Switch::UnregServerPerUser: return NS_Registration::UnregisterServer(Scope::CurrentUser);
         case Switch::None:

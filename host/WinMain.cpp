@@ -1,11 +1,14 @@
 // Tarrow.exe: one instance per logon session (or per desktop), its one object published in the
 // running object table, and a message loop until the session or desktop goes away.
 
+#include "common/EventLog.h"
 #include "common/Log.h"
 #include "host/CallerSecurity.h"
 #include "host/CloseRequestWindow.h"
 #include "host/Tarrow.h"
 #include "host/TarrowModule.h"
+
+#include "TarrowVersion.h"
 
 #include <string>
 
@@ -72,6 +75,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     CCallerSecurity security;
     security.Apply();
     {
+        NS_EventLog::CServiceLifetimeEvents lifetime(L"" TARROW_VERSION_TEXT);
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
         tarrow->RegisterInROTPatiently();
         tarrow->RegisterActive();

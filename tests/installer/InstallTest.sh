@@ -5,42 +5,9 @@
 # removes all of it and leaves the credential files that were never checked in.
 #   InstallTest.sh <Tarrow-x.y.z.msi>
 set -u
-here=$(cd "$(dirname "$0")" && pwd)
-. "$here/../../scripts/wine-env.sh"
+. "$(dirname "$0")/lib.sh"
 msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-root=${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}
-
-ensure_template "$root"
-prefix=$(new_prefix "$root")
-trap 'end_prefix "$prefix"' EXIT
-trap 'exit 143' TERM INT
-export WINEPREFIX=$prefix
-"$WINESERVER" -p
-w() { "$WINE" "$@"; }
-
-failures=0
-check() {
-    local what=$1
-    shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
-timed() {
-    local start result tenths
-    start=$(date +%s%N)
-    "$@"
-    result=$?
-    tenths=$((($(date +%s%N) - start) / 100000000))
-    echo "($* took $((tenths / 10)).$((tenths % 10)) s)"
-    return $result
-}
-key_exists() { w reg query "$1" >/dev/null 2>&1; }
-key_gone() { ! key_exists "$1"; }
-# The data of value $2 of key $1; "(Default)" is the key's default value.
-value_of() {
-    local which=(/v "$2")
-    [ "$2" = "(Default)" ] && which=(/ve)
-    w reg query "$1" "${which[@]}" 2>/dev/null | tr -d '\r' | sed -n "s/^ *$2 *REG_[A-Z_]* *//p"
-}
+use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}"
 
 user_dir="$prefix/drive_c/users/$(whoami)"
 programs="$user_dir/AppData/Local/Programs/Tarrow"
@@ -62,7 +29,7 @@ w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTes
 
 echo "== msiexec /i"
 check "install exits 0" timed w msiexec /i "Z:${msi//\//\\}" /qn
-for file in Tarrow.exe Tarrow.tlb tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
+for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
 for key in "${com_keys[@]}"; do check "$key present" key_exists "$key"; done
 for key in "${marshaling_keys[@]}"; do check "$key present" for_user_or_machine "$key"; done
 command=$(value_of "$run" Tarrow)
@@ -103,5 +70,4 @@ check "the logon value is gone" test -z "$(value_of "$run" Tarrow)"
 check "the credential files are untouched" test "$(cd "$credentials" && ls -l --time-style=+%s.%N)" = "$left_before"
 check "the registered credential's file is among them" test -f "$credentials/$held_file"
 
-[ "$failures" -eq 0 ] && echo "all passed" || echo "$failures failed"
-[ "$failures" -eq 0 ]
+summary

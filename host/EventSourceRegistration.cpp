@@ -1,0 +1,27 @@
+#include "host/EventSourceRegistration.h"
+
+#include "common/EventLog.h"
+#include "common/ModulePath.h"
+#include "common/Registry.h"
+
+namespace NS_Registration {
+
+namespace {
+// Entries of every type the writer reports: error, warning, information.
+constexpr DWORD kTypesSupported = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
+}  // namespace
+
+HRESULT RegisterEventSource() {
+    const std::wstring library = NS_Utils::ExecutableFolder() + NS_EventLog::kMessageLibrary;
+    LSTATUS status = NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"EventMessageFile", library);
+    if (status == ERROR_SUCCESS)
+        status = NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"TypesSupported", kTypesSupported);
+    return HRESULT_FROM_WIN32(status);
+}
+
+HRESULT UnregisterEventSource() {
+    LSTATUS status = ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey);
+    return status == ERROR_FILE_NOT_FOUND ? S_OK : HRESULT_FROM_WIN32(status);
+}
+
+}  // namespace NS_Registration

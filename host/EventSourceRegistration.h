@@ -1,0 +1,14 @@
+#pragma once
+// The Application event log's source "Quillon", pointing at the message library beside the
+// executable. Only a registration for all users writes it: the key lies under the machine's
+// services, which a user without administrator rights cannot write.
+
+#include <windows.h>
+
+namespace NS_Registration {
+
+HRESULT RegisterEventSource();
+// Removing a source that is not there succeeds.
+HRESULT UnregisterEventSource();
+
+}  // namespace NS_Registration
