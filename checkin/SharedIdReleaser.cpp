@@ -5,9 +5,9 @@
 #include "checkin/KelUtils.h"
 #include "checkin/CorvinUrlResolver.h"
 #include "common/SecretString.h"
+#include "common/FailFast.h"
 #include "common/Log.h"
 
-#include <cassert>
 
 namespace {
 // Tags end without "]": each message piece begins with it, a few with "]\t" and no blank.
@@ -44,7 +44,10 @@ bool SharedIdReleaser::IsRetryable(int code) {
 }
 
 void SharedIdReleaser::CheckThread() const {
-    assert(m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId());
+    // The agent's objects live in the worker's apartment; a call from elsewhere would use them
+    // across apartments without marshaling.
+    NS_Utils::FailFastUnless(m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId(),
+                             L"[SharedIdReleaser]\t called off the collector's worker thread");
 }
 
 bool SharedIdReleaser::Init() {

@@ -7,6 +7,7 @@
 // objects are created there, so they may only be used there; the cached account is touched
 // by that thread alone and needs no lock. Other threads (the registration path on the COM
 // thread included) ask the worker to act by queueing a work item; they never call in here.
+// Every method checks it, in every build: a call from another thread ends the process.
 
 #include "checkin/AgentInterfaces.h"
 #include "common/ComHandles.h"

@@ -14,6 +14,10 @@ public:
 
     void Enter() noexcept { ::EnterCriticalSection(&m_cs); }
     void Leave() noexcept { ::LeaveCriticalSection(&m_cs); }
+    // Whether the calling thread is inside: for rules that say a call is never made with it held.
+    bool HeldByThisThread() const noexcept {
+        return m_cs.OwningThread == ULongToHandle(::GetCurrentThreadId()) && m_cs.RecursionCount > 0;
+    }
 
 private:
     CRITICAL_SECTION m_cs;

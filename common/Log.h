@@ -1,6 +1,9 @@
 #pragma once
 // The diagnostic log front end. Call sites pass a level (1 failures, 2 recoverable problems,
-// 3 progress, 4 detail) and "[Class::Method]\t text".
+// 3 progress, 4 detail) and, as a rule, "[Class::Method]\t text". The log's vocabulary, which
+// administrators' tools match, keeps a few messages as they have always read: six carry "/t"
+// where the rule has the tab (the lease listener's, the lease monitor's look-up of a new holder
+// and three of the window's), and two of the unregistration's name the registering operation.
 
 #include <windows.h>
 

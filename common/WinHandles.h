@@ -64,7 +64,16 @@ struct RegKeyTraits {
     static void Close(HKEY k) noexcept { ::RegCloseKey(k); }
 };
 
+// The argument array of CommandLineToArgvW, freed with LocalFree.
+struct ArgvTraits {
+    using type = LPWSTR*;
+    static LPWSTR* Invalid() noexcept { return nullptr; }
+    static bool IsValid(LPWSTR* argv) noexcept { return argv != nullptr; }
+    static void Close(LPWSTR* argv) noexcept { ::LocalFree(argv); }
+};
+
 using UniqueHandle = UniqueResource<KernelHandleTraits>;
+using UniqueArgv = UniqueResource<ArgvTraits>;
 using UniqueFindHandle = UniqueResource<FindHandleTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 

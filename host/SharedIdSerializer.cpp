@@ -1,9 +1,5 @@
 #include "host/SharedIdSerializer.h"
 
-#include "common/WinHandles.h"
-
-#include <map>
-#include <typeindex>
 
 namespace NS_DATA_STREAM_UTILS {
 
@@ -31,35 +27,15 @@ void WriteBody(Stream& stream, const CSharedId& r) {
         WriteText(stream, *field);
 }
 
-bool OnThisThreadsStack(const void* address) {
-    ULONG_PTR low = 0, high = 0;
-    ::GetCurrentThreadStackLimits(&low, &high);
-    auto at = reinterpret_cast<ULONG_PTR>(address);
-    return at >= low && at < high;
-}
-
-// Measured lengths by (record type, address). Only heap records are cached: a stack address is
-// reused by the next call's record. Emptied after every serialization, so a record changed or
-// freed in between is measured afresh.
-thread_local std::map<std::pair<std::type_index, const void*>, std::uint32_t> t_measured;
 }  // namespace
 
 std::uint32_t MeasureSharedId(const CSharedId& record) {
-    const bool cacheable = !OnThisThreadsStack(&record);
-    const auto key = std::make_pair(std::type_index(typeid(CSharedId)), static_cast<const void*>(&record));
-    if (cacheable) {
-        auto found = t_measured.find(key);
-        if (found != t_measured.end()) return found->second;
-    }
     CCountingStream counter;
     WriteBody(counter, record);
-    const auto length = static_cast<std::uint32_t>(counter.Count());
-    if (cacheable) t_measured[key] = length;
-    return length;
+    return static_cast<std::uint32_t>(counter.Count());
 }
 
 std::vector<std::uint8_t> SerializeSharedId(const CSharedId& record) {
-    auto forget = NS_Utils::MakeScopeExit([] { t_measured.clear(); });
     const std::uint32_t body = MeasureSharedId(record);
     std::vector<std::uint8_t> bytes;
     bytes.reserve(body + 4);

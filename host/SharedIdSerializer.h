@@ -14,17 +14,10 @@ namespace NS_DATA_STREAM_UTILS {
 class CCountingStream {
 public:
     void Write(const void*, size_t bytes) { m_count += bytes; }
-    // Measuring never reads.
-    bool Read(void*, size_t) {
-        m_error = "cannot read from stream";
-        return false;
-    }
     size_t Count() const { return m_count; }
-    const std::string& Error() const { return m_error; }
 
 private:
     size_t m_count = 0;
-    std::string m_error;
 };
 
 class CBufferStream {
@@ -39,7 +32,7 @@ private:
     std::vector<std::uint8_t>& m_buffer;
 };
 
-// The length of the record's body, measured once per record and serialization.
+// The length of the record's body.
 std::uint32_t MeasureSharedId(const CSharedId& record);
 std::vector<std::uint8_t> SerializeSharedId(const CSharedId& record);
 

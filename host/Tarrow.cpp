@@ -15,6 +15,8 @@
 
 namespace {
 constexpr const wchar_t* kMoniker = L"KELTARROW";
+// Every call is served on the main thread, the apartment that holds the object.
+constexpr const wchar_t* kOffMainThread = L"[CTarrow]\t called off the main thread";
 
 std::wstring Text(BSTR value) { return value ? std::wstring(value, ::SysStringLen(value)) : std::wstring(); }
 
@@ -115,6 +117,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
                                   BSTR authSvcId, BSTR sharedId, BSTR auxText2, BSTR roleId, BSTR auxText4,
                                   BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6,
                                   DWORD* result) {
+    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
     if (!result) return E_POINTER;
     if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
@@ -131,6 +134,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
 }
 
 HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
+    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
     if (!result) return E_POINTER;
     if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
@@ -145,6 +149,7 @@ HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcI
 
 HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                        VARIANT_BOOL ownOnly, BSTR* serialized) {
+    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
     if (!serialized) return E_POINTER;
     if (!m_monitor) return CO_E_OBJNOTCONNECTED;
     CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
@@ -164,6 +169,7 @@ HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR au
 }
 
 HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
+    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
     if (!snapshot) return E_POINTER;
     ::VariantInit(snapshot);
     if (!m_monitor) return CO_E_OBJNOTCONNECTED;
@@ -201,8 +207,6 @@ HRESULT CTarrow::RegisterInROT() {
         NS_Log::Log(1, L"[CTarrow::RegisterInROT]\t CreateItemMoniker failed - HRESULT = 0x" + HexResult(hr));
         return hr;
     }
-    NS_Utils::ComPtr<CTarrow> self = NS_Utils::ComPtr<CTarrow>::Attach(this);
-    AddRef();
     hr = table->Register(ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT, static_cast<ITarrowStatus*>(this),
                          moniker.get(), &m_rotCookie);
     NS_Log::Log(3, L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +

@@ -1,5 +1,7 @@
 #include "host/TarrowModule.h"
 
+#include "common/FailFast.h"
+#include "common/WinHandles.h"
 #include "host/EventSourceRegistration.h"
 #include "host/Registration.h"
 
@@ -33,10 +35,15 @@ HRESULT UnregisterForAllUsers() {
 }
 }  // namespace
 
+void CTarrowModule::ExpectMainThread(const wchar_t* call) const {
+    NS_Utils::FailFastUnless(m_mainThreadId == 0 || m_mainThreadId == ::GetCurrentThreadId(), call);
+}
+
 CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& commandLine) {
     int count = 0;
-    LPWSTR* arguments = ::CommandLineToArgvW(commandLine.c_str(), &count);
-    if (!arguments) return Switch::Unparsable;
+    const NS_Utils::UniqueArgv argv(::CommandLineToArgvW(commandLine.c_str(), &count));
+    if (!argv) return Switch::Unparsable;
+    LPWSTR* const arguments = argv.get();
     struct Known {
         const wchar_t* name;
         Switch value;
@@ -53,7 +60,6 @@ CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& comman
         for (const Known& k : known)
             if (::_wcsicmp(token + 1, k.name) == 0) found = k.value;
     }
-    ::LocalFree(arguments);
     return found;
 }
 

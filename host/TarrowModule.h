@@ -15,6 +15,8 @@ public:
     // Posts WM_QUIT to the main thread when the last lock goes.
     ULONG Unlock();
     void SetMainThread(DWORD threadId) { m_mainThreadId = threadId; }
+    // Ends the process, with `call` in the log, unless called on the main thread (once it is set).
+    void ExpectMainThread(const wchar_t* call) const;
 
     enum class Switch { None, RegServer, UnregServer, RegServerPerUser, UnregServerPerUser, Unparsable };
     // The registration switch of a command line ("-" or "/" then the name, in any case), None,

@@ -68,8 +68,8 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     if (instance == nullptr || instance == INVALID_HANDLE_VALUE) return 2;
     if (::GetLastError() == ERROR_ALREADY_EXISTS) return 3;
 
-    HRESULT hr = ::CoInitialize(nullptr);
-    if (FAILED(hr)) return static_cast<int>(hr);
+    const NS_Utils::ComApartment com;
+    if (FAILED(com.Result())) return static_cast<int>(com.Result());
     CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
     // Refused by COM, calls are still checked against the defaults; the service runs all the same.
     CCallerSecurity security;
@@ -84,6 +84,5 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         RunMessageLoop();
         if (!tarrow->Shutdown()) EndAfterForcedStop();
     }
-    ::CoUninitialize();
     return 0;
 }

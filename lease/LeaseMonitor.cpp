@@ -157,6 +157,7 @@ void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>&
     live.reset();
     for (DWORD pid : holders) {
         NS_Log::Log(3, kWaitTag + std::wstring(L" Adding to UI process with Id = ") + std::to_wstring(pid));
+        registry->ExpectUnlocked(L"[CLeaseMonitor]\t the window called under the monitor lock");
         m_ui.ShowProcessInfo(pid, registry->DuplicateProcessHandle(pid), credential);
     }
 }

@@ -3,7 +3,8 @@
 // whose expiry lies within delta time of now and lists their holder processes on the lease-expiry
 // window, which calls back when their time is over or when the Windows session ends.
 //
-// Threads: Create, Stop and destruction on the registry owner's thread; AddLeaseExpirationInfo on
+// Threads: Create, WatchFor, StartLeaseMonitor, Shutdown and destruction on the registry owner's
+// thread; AddLeaseExpirationInfo on
 // the registering thread, under the registry lock; Poll, HandleLeaseExpiration and
 // WaitForUserActionTimerExpiry on the poller thread; OnProcListChanged_ForSharedCredOnNotice and
 // RemoveProcessInfo on whichever thread changes a credential's holders; OnProcessWaitDone and

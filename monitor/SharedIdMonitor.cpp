@@ -70,6 +70,20 @@ bool SharedIdMonitor::Shutdown() {
     return true;
 }
 
+void SharedIdMonitor::ExpectUnlocked(const wchar_t* call) const {
+    NS_Utils::FailFastUnless(!m_lock.HeldByThisThread(), call);
+}
+
+void SharedIdMonitor::TellAdded(const Listeners& listeners, DWORD pid) const {
+    ExpectUnlocked(L"[SharedIdMonitor]\t a listener called under the monitor lock");
+    for (const auto& listener : listeners) listener->OnUserAdded(pid);
+}
+
+void SharedIdMonitor::TellRemoved(const Listeners& listeners, DWORD pid) const {
+    ExpectUnlocked(L"[SharedIdMonitor]\t a listener called under the monitor lock");
+    for (const auto& listener : listeners) listener->OnUserRemoved(pid);
+}
+
 size_t SharedIdMonitor::ProcessCount() const {
     NS_Utils::CritSecGuard lock(m_lock);
     return processMap.size();
@@ -131,7 +145,7 @@ DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DW
         result = RegisterLocked(credential, processId, listeners);
     }
     UpdateCredentialsHeld();
-    for (const auto& listener : listeners) listener->OnUserAdded(processId);
+    TellAdded(listeners, processId);
     return result;
 }
 
@@ -228,7 +242,7 @@ DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const 
         LockGuard lock(*this);
         result = UnregisterLocked(credential, processId, listeners);
     }
-    for (const auto& listener : listeners) listener->OnUserRemoved(processId);
+    TellRemoved(listeners, processId);
     return result;
 }
 
@@ -238,6 +252,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
         return kIncomplete;
     }
+    // These two carry the registering operation's tag: the log's vocabulary has them so.
     if (pid == 0) {
         Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
         return kInvalidPid;
@@ -342,7 +357,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
         LockGuard lock(*this);
         found = GetLocked(pid, credential, registered, listeners);
     }
-    for (const auto& listener : listeners) listener->OnUserAdded(pid);
+    TellAdded(listeners, pid);
     return found;
 }
 

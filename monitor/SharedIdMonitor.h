@@ -109,6 +109,10 @@ public:
     // lock; the window's rows and the holders' executable names are added after it is left.
     StatusSnapshot TakeStatusSnapshot();
 
+    // Ends the process, with `call` in the log, when the calling thread holds the monitor lock:
+    // listeners, the window and the agent are never called under it.
+    void ExpectUnlocked(const wchar_t* call) const;
+
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;
     size_t SignatureEntryCount() const;
@@ -120,6 +124,9 @@ private:
     };
     using SignatureMap = std::multimap<std::wstring, CredentialRef>;
     using Listeners = std::vector<std::shared_ptr<AbsSharedCredListener>>;
+    // Tells each listener of the copy, outside the lock.
+    void TellAdded(const Listeners& listeners, DWORD pid) const;
+    void TellRemoved(const Listeners& listeners, DWORD pid) const;
     // Enters the monitor lock and keeps the count of holders beside it.
     class LockGuard {
     public:

@@ -238,6 +238,7 @@ void SharedIdMonitor::ProbeAgent() {
 }
 
 std::vector<int> SharedIdMonitor::CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch) {
+    ExpectUnlocked(L"[SharedIdMonitor::FreeSharedId]\t the agent called under the monitor lock");
     HRESULT hrCIRes = S_OK;
     const CCheckInWatch watch(batch.front()->GetSignature() +
                               (batch.size() > 1 ? L" and " + std::to_wstring(batch.size() - 1) + L" more" : L""));

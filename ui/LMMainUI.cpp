@@ -1,5 +1,7 @@
 #include "ui/LMMainUI.h"
 
+#include "common/FailFast.h"
+
 #include "common/Log.h"
 #include "common/Registry.h"
 #include "ui/KelResourceUtility.h"
@@ -254,7 +256,12 @@ std::shared_ptr<ProcessInfo> LMMainUI::FirstRowOf(const std::weak_ptr<CSharedId>
     return nullptr;
 }
 
+void LMMainUI::ExpectUIThread() const {
+    NS_Utils::FailFastUnless(::GetCurrentThreadId() == m_threadId, L"[LMMainUI]\t the list box touched off the window's thread");
+}
+
 void LMMainUI::ListRow(int key) {
+    ExpectUIThread();
     NS_Utils::CritSecGuard guard(m_lock);
     if (!m_rows.Find(key)) return;
     m_rows.Append(key);
@@ -285,6 +292,7 @@ void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>
 }
 
 void LMMainUI::UnlistRow(int key, DWORD processId) {
+    ExpectUIThread();
     NS_Utils::CritSecGuard guard(m_lock);
     LRESULT index = m_rows.IndexOf(key);
     if (index == LB_ERR) {
@@ -300,6 +308,7 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
 }
 
 void LMMainUI::CheckItemsOnList() {
+    ExpectUIThread();
     std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -318,7 +327,8 @@ void LMMainUI::CheckItemsOnList() {
         }
         row->IsProcessAppWindowTitleLatest();
         if (row->SecondsLeft(now) > 0)
-            Log(5, L"CheckItemsOnList",
+            // Detail: written only at the highest level the settings allow.
+            Log(4, L"CheckItemsOnList",
                 L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
         else if (std::none_of(expired.begin(), expired.end(), [&](const auto& c) { return row->IsFor(c); }))
             // The handler ends every holder of the credential: once a tick is enough.
@@ -380,6 +390,7 @@ void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
 }
 
 void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
+    ExpectUIThread();
     if (item.itemID == static_cast<UINT>(-1)) return;
     std::shared_ptr<ProcessInfo> row;
     {

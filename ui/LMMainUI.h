@@ -82,6 +82,8 @@ private:
     void RunUI(HWND dialog);
     bool OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
+    // Ends the process unless called on the window's thread, the one that may touch the list box.
+    void ExpectUIThread() const;
     void ListRow(int key);
     void UnlistRow(int key, DWORD processId);
     void CheckItemsOnList();

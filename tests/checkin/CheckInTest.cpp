@@ -6,6 +6,7 @@
 #include "checkin/SharedIdReleaser.h"
 #include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
+#include "common/CriticalSection.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -148,6 +149,36 @@ TEST_F(CheckInTest, AuthServiceFromPolicyUnlessLocalSettingsAreExactlyOne) {
     EXPECT_EQ(CCorvinUrlResolver::GetKelSystemPolicy(runtime.get(), id), 1) << "not an array of strings";
     standin::SetScript(L"Policy", std::wstring(L"emptyfirst"));
     EXPECT_EQ(CCorvinUrlResolver::GetKelSystemPolicy(runtime.get(), id), 1) << "empty";
+}
+
+}  // namespace
+
+namespace {
+
+// The thread rules that headers state are checked in every build: breaking one ends the process
+// with the rule in the log, here in a child process that gtest starts for the purpose.
+TEST(ThreadRuleDeathTest, TheReleaserCalledOffItsWorkerEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::wstring rule = L"called off the collector's worker thread";
+    const size_t before = testsupport::CountInServiceLog(rule);
+    EXPECT_DEATH(
+        {
+            SharedIdReleaser releaser;
+            std::thread([&] { releaser.Init(); }).join();
+            releaser.ResolveAuthId();
+        },
+        "");
+    EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);
+}
+
+TEST(ThreadRuleTest, TheLockKnowsWhetherThisThreadHoldsIt) {
+    NS_Utils::CriticalSection lock;
+    EXPECT_FALSE(lock.HeldByThisThread());
+    NS_Utils::CritSecGuard held(lock);
+    EXPECT_TRUE(lock.HeldByThisThread());
+    bool elsewhere = true;
+    std::thread([&] { elsewhere = lock.HeldByThisThread(); }).join();
+    EXPECT_FALSE(elsewhere);
 }
 
 }  // namespace
