@@ -1,6 +1,7 @@
 #include "checkin/CorvinUrlResolver.h"
 
 #include "checkin/AgentRuntime.h"
+#include "common/Settings.h"
 #include "common/ComHandles.h"
 #include "common/Log.h"
 #include "common/Registry.h"
@@ -8,8 +9,6 @@
 #include <vector>
 
 namespace {
-constexpr const wchar_t* kUseLocalValue = L"UseLocalKelSettings";
-constexpr const wchar_t* kAuthSvcValue = L"AUTH_SVC";
 constexpr const wchar_t* kAuthSvcPolicy = L"pid_kel_corvin_auth_svc_id";
 constexpr const wchar_t* kPolicyTag = L"[CCorvinUrlResolver::GetKelSystemPolicy]\t";
 constexpr const wchar_t* kRegistryTag = L"[CCorvinUrlResolver::GetKelStringValueFromRegistry]\t";
@@ -45,9 +44,9 @@ int CCorvinUrlResolver::ResolveAuthSvcId(IKelStateEngineRuntime* runtime, std::w
 }
 
 bool CCorvinUrlResolver::IsUseLocalKelSettingsEnabled() {
-    DWORD enabled = 0;
-    NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, kUseLocalValue, enabled);
+    const long long enabled = NS_Settings::NumberOrDefault(NS_Settings::kUseLocalKelSettings);
     NS_Log::Log(3, L"[CCorvinUrlResolver::IsUseLocalKelSettingsEnabled]\t enabled = " + std::to_wstring(enabled));
+    // Exactly 1: any other value leaves the agent's policy in charge.
     return enabled == 1;
 }
 
@@ -74,8 +73,11 @@ int CCorvinUrlResolver::GetKelSystemPolicy(IKelStateEngineRuntime* runtime, std:
 }
 
 LSTATUS CCorvinUrlResolver::GetKelStringValueFromRegistry(std::wstring& value) {
-    const std::wstring where = std::wstring(L"RegKey = ") + NS_Utils::RegKeys::kWex + L", RegValue = " + kAuthSvcValue;
-    LSTATUS status = NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, kAuthSvcValue, value);
+    const std::wstring where = std::wstring(L"RegKey = ") + NS_Settings::kAuthSvc.key + L", RegValue = " +
+                              NS_Settings::kAuthSvc.valueName;
+    const std::optional<std::wstring> read = NS_Settings::ReadText(NS_Settings::kAuthSvc);
+    const LSTATUS status = read ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
+    if (read) value = *read;
     if (status == ERROR_SUCCESS)
         NS_Log::Log(3, kRegistryTag + std::wstring(L" ") + where + L", outValue = " + value);
     else

@@ -5,7 +5,6 @@
 
 class KelSettingsImpl {
 public:
-    static constexpr DWORD kDefaultFreeSharedIdWaitTime = 10000;
 
     // Milliseconds between check-in retries: "FreeSharedIdWaitTime", taken as read (0 retries at
     // once), else the default. Read on every call so that a change applies at the next retry.

@@ -8,8 +8,7 @@ namespace NS_Log {
 
 namespace {
 void Override(HKEY key, const NS_Settings::Setting& setting, DWORD& value) {
-    DWORD read = 0;
-    if (NS_Utils::ReadRegistryDword(key, nullptr, setting.valueName, read) == ERROR_SUCCESS && read > 0) value = read;
+    if (std::optional<long long> read = NS_Settings::ReadNumber(setting, key)) value = static_cast<DWORD>(*read);
 }
 
 }  // namespace

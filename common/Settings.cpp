@@ -22,4 +22,26 @@ constexpr std::array kAll{kLogLevel,
 
 std::span<const Setting> AllSettings() { return kAll; }
 
+std::optional<long long> ReadNumber(const Setting& setting, HKEY opened) {
+    DWORD stored = 0;
+    const LSTATUS status = opened ? NS_Utils::ReadRegistryDword(opened, nullptr, setting.valueName, stored)
+                                  : NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, stored);
+    if (status != ERROR_SUCCESS) return std::nullopt;
+    switch (setting.counts) {
+    case Counts::AboveZero: return stored > 0 ? std::optional<long long>(stored) : std::nullopt;
+    case Counts::Signed: return static_cast<LONG>(stored);
+    case Counts::Unsigned: break;
+    }
+    return stored;
+}
+
+std::optional<std::wstring> ReadText(const Setting& setting) {
+    std::wstring value;
+    if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, value) != ERROR_SUCCESS)
+        return std::nullopt;
+    return value;
+}
+
+long long NumberOrDefault(const Setting& setting) { return ReadNumber(setting).value_or(setting.defaultNumber); }
+
 }  // namespace NS_Settings

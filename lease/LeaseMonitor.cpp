@@ -21,8 +21,8 @@ std::shared_ptr<CLeaseMonitor> CLeaseMonitor::Create(Clock clock) {
 }
 
 CLeaseMonitor::CLeaseMonitor(Clock clock)
-    : m_deltaTime(GetLeaseMonitorDeltaTimeFromRegistry(L"LeaseMonitorDeltaTime", kDefaultDeltaTime)),
-      m_defaultLeaseDuration(GetLeaseMonitorDeltaTimeFromRegistry(L"DefaultLeaseExpiryDuration", kDefaultLeaseDuration)),
+    : m_deltaTime(GetLeaseMonitorDeltaTimeFromRegistry(NS_Settings::kLeaseMonitorDeltaTime)),
+      m_defaultLeaseDuration(GetLeaseMonitorDeltaTimeFromRegistry(NS_Settings::kDefaultLeaseExpiryDuration)),
       m_clock(std::move(clock)),
       m_ui(MakeCallbacks()) {
     SetInterval(kPollIntervalMs);
@@ -69,18 +69,17 @@ bool CLeaseMonitor::Shutdown() {
     return orderly;
 }
 
-__int64 CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback) {
+__int64 CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry(const NS_Settings::Setting& setting) {
     const std::wstring tag = L"[CLeaseMonitor::GetLeaseMonitorDeltaTimeFromRegistry]\t";
-    const std::wstring key = NS_Utils::RegKeys::kWex;
-    DWORD value = 0;
-    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, key.c_str(), valueName, value) != ERROR_SUCCESS) {
-        NS_Log::Log(2, tag + L" Get registry value failed, RegKey = " + key + L", RegValue = " + valueName);
-        return fallback;
+    const std::wstring where = L"RegKey = " + std::wstring(setting.key) + L", RegValue = " + setting.valueName;
+    // Its row takes 0 and negative settings as they stand: no lower bound.
+    const std::optional<long long> value = NS_Settings::ReadNumber(setting);
+    if (!value) {
+        NS_Log::Log(2, tag + L" Get registry value failed, " + where);
+        return setting.defaultNumber;
     }
-    // No lower bound: 0 and negative settings are taken as they stand.
-    const __int64 result = static_cast<LONG>(value);
-    NS_Log::Log(3, tag + L" RegKey = " + key + L", RegValue = " + valueName + L", outValue = " + std::to_wstring(result));
-    return result;
+    NS_Log::Log(3, tag + L" " + where + L", outValue = " + std::to_wstring(*value));
+    return *value;
 }
 
 size_t CLeaseMonitor::PendingCount() const {

@@ -14,6 +14,7 @@
 
 #include "common/CriticalSection.h"
 #include "common/Poller.h"
+#include "common/Settings.h"
 #include "monitor/LeaseWatcher.h"
 #include "sharedid/SharedId.h"
 #include "ui/LMMainUI.h"
@@ -36,8 +37,6 @@ public:
 
     static constexpr DWORD kPollIntervalMs = 60000;
     static constexpr DWORD kStopWaitMs = 3000;
-    static constexpr __int64 kDefaultDeltaTime = 3600;
-    static constexpr __int64 kDefaultLeaseDuration = 28800;
 
     // Tests pass a clock of their own; the service's is _time64.
     static std::shared_ptr<CLeaseMonitor> Create(Clock clock = {});
@@ -70,8 +69,8 @@ public:
     // False when the poller was ended by force: it may have held the registry lock.
     [[nodiscard]] bool Shutdown() override;
 
-    // A REG_DWORD under the service's key, taken as a signed number as it stands, or `fallback`.
-    static __int64 GetLeaseMonitorDeltaTimeFromRegistry(const wchar_t* valueName, __int64 fallback);
+    // One of the lease monitor's two settings, by its row of the settings table, or its default.
+    static __int64 GetLeaseMonitorDeltaTimeFromRegistry(const NS_Settings::Setting& setting);
     __int64 DeltaTime() const noexcept { return m_deltaTime; }
     size_t PendingCount() const;
 

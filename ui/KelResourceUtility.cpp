@@ -1,5 +1,6 @@
 #include "ui/KelResourceUtility.h"
 
+#include "common/Settings.h"
 #include "common/CriticalSection.h"
 #include "common/Log.h"
 #include "common/ModulePath.h"
@@ -176,12 +177,8 @@ HMODULE ResourceLibrary() {
 
 std::wstring KelResourceUtility::GetInstalledLanguage() {
     NS_Utils::CritSecGuard guard(LanguageLock());
-    std::wstring language;
-    if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kConfig,
-                                     NS_Utils::RegKeys::kInstalledLangValue, language) != ERROR_SUCCESS ||
-        language.empty())
-        language = L"en-us";
-    return language;
+    const std::optional<std::wstring> language = NS_Settings::ReadText(NS_Settings::kInstalledLang);
+    return language && !language->empty() ? *language : NS_Settings::kInstalledLang.defaultText;
 }
 
 std::wstring KelResourceUtility::ResourceLibraryPath() {

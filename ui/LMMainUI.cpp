@@ -1,6 +1,7 @@
 #include "ui/LMMainUI.h"
 
 #include "common/FailFast.h"
+#include "common/Settings.h"
 
 #include "common/Log.h"
 #include "common/Registry.h"
@@ -60,14 +61,10 @@ LMMainUI::~LMMainUI() {
 }
 
 unsigned LMMainUI::GetWaitingTimeToKillProcess() {
-    DWORD seconds = 120;
-    if (NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess",
-                                    seconds) != ERROR_SUCCESS) {
-        Log(2, L"GetWaitingTimeToKillProcess",
-            L"\t Get registry value failed, RegKey = " + std::wstring(NS_Utils::RegKeys::kWex));
-        seconds = 120;
-    }
-    return seconds;
+    const NS_Settings::Setting& setting = NS_Settings::kWaitingTimeToKillProcess;
+    if (std::optional<long long> seconds = NS_Settings::ReadNumber(setting)) return static_cast<unsigned>(*seconds);
+    Log(2, L"GetWaitingTimeToKillProcess", L"\t Get registry value failed, RegKey = " + std::wstring(setting.key));
+    return setting.defaultNumber;
 }
 
 void LMMainUI::EnsureUIThread() {
