@@ -90,9 +90,9 @@ double ExitToRelease(SharedIdMonitor& monitor, int n) {
     GatedHolder h = StartGated(n);
     DWORD pid = h.process.Id();
     CSharedId credential = Credential(L"exit");
-    monitor.RegisterSharedCreds(credential, &pid);
+    (void)monitor.RegisterSharedCreds(credential, &pid);
     CSharedId stored;
-    monitor.IsCredsRegistered(credential, &stored);
+    (void)monitor.IsCredsRegistered(credential, &stored);
     ::Sleep(kSettleMs);
     double start = Now();
     ::SetEvent(h.gate.get());
@@ -118,15 +118,15 @@ void MeasureThroughput(SharedIdMonitor& monitor, int holders) {
     // Each holder keeps a credential of its own, so its entry and wait stay for the whole run.
     for (int i = 0; i < holders; ++i) {
         DWORD pid = processes[i].Id();
-        monitor.RegisterSharedCreds(Credential(L"base-" + std::to_wstring(i)), &pid);
+        (void)monitor.RegisterSharedCreds(Credential(L"base-" + std::to_wstring(i)), &pid);
     }
     const int operations = 400;
     CSharedId extra = Credential(L"extra");
     double start = Now();
     for (int op = 0; op < operations; ++op) {
         DWORD pid = processes[static_cast<size_t>(op) % processes.size()].Id();
-        monitor.RegisterSharedCreds(extra, &pid);
-        monitor.UnregisterSharedCreds(extra, &pid);
+        (void)monitor.RegisterSharedCreds(extra, &pid);
+        (void)monitor.UnregisterSharedCreds(extra, &pid);
     }
     double elapsed = Now() - start;
     std::printf("holders %5d: %8.3f ms per register + unregister, %8.0f pairs/s\n", holders, elapsed / operations,
@@ -141,7 +141,7 @@ size_t RowsJournaled() { return standin::JournalLines("Row ").size(); }
 double ExitToCheckIn(SharedIdMonitor& monitor, int n) {
     GatedHolder h = StartGated(n);
     DWORD pid = h.process.Id();
-    monitor.RegisterSharedCreds(Credential(L"checkin"), &pid);
+    (void)monitor.RegisterSharedCreds(Credential(L"checkin"), &pid);
     ::Sleep(kSettleMs);
     size_t before = CheckInsJournaled();
     double start = Now();
@@ -169,12 +169,12 @@ void MeasureStartUp(int credentials) {
         PersistantStorage storage;
         for (int i = 0; i < credentials; ++i) {
             CSharedId left = Credential(L"left-" + std::to_wstring(i));
-            storage.Persist(left);
+            (void)storage.Persist(left);
         }
     }
     double start = Now();
     std::shared_ptr<SharedIdMonitor> monitor = SharedIdMonitor::Create();
-    monitor->GCUncheckedInCredentials();
+    (void)monitor->GCUncheckedInCredentials();
     double queued = Now() - start;
     while (monitor->LeaseCount() != 0) ::Sleep(1);
     double done = Now() - start;
@@ -189,7 +189,7 @@ void MeasureLogoff(int credentials, DWORD callMs) {
     for (int i = 0; i < credentials; ++i) {
         holders.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
         DWORD pid = holders.back().Id();
-        monitor->RegisterSharedCreds(Credential(L"logoff-" + std::to_wstring(i)), &pid);
+        (void)monitor->RegisterSharedCreds(Credential(L"logoff-" + std::to_wstring(i)), &pid);
     }
     ::Sleep(kSettleMs);
     standin::SetScript(L"CheckInDelayMs", callMs);

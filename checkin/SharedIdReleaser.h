@@ -48,7 +48,7 @@ public:
 
     // Initialises COM on this thread and gets whatever of the check-in agent, the state-engine
     // runtime and the script support is not yet held. True only when all three are held.
-    bool Init();
+    [[nodiscard]] bool Init();
     // A check-in can be tried: the check-in agent and the runtime are both held.
     bool IsReady() const { return m_checkInAgent && m_runtime; }
 
@@ -64,12 +64,12 @@ public:
 
     // Refreshes the cached account from the wallet; false, with the cache left as it was, when
     // the wallet has none.
-    bool UpdateCorvinCred();
+    [[nodiscard]] bool UpdateCorvinCred();
     // Finds the identity-server authentication-service id and keeps it; false when none.
-    bool ResolveAuthId();
+    [[nodiscard]] bool ResolveAuthId();
     // Returns true once the agent reports a logged-on user, false when it cannot be asked or the
     // pause reports a stop. Polls without a time limit.
-    bool WaitForBriskLoginBlocking();
+    [[nodiscard]] bool WaitForBriskLoginBlocking();
 
     // Drops the agent's objects and wipes the cached account; for the worker before it ends,
     // since the objects belong to its apartment.

@@ -32,7 +32,7 @@ public:
 
     // Starts the worker unless it runs; false, logged, when its events or its thread could not
     // be made.
-    bool Start();
+    [[nodiscard]] bool Start();
     // Ends the worker: it gets 500 ms to finish its current item, then it is ended by force.
     // Items still queued are not run; they are destroyed with the collector. False when the
     // worker was ended by force: whatever lock it held (the registry's, the log's, the heap's)

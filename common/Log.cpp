@@ -1,5 +1,7 @@
 #include "common/Log.h"
 
+#include "common/WinHandles.h"
+
 #include "common/EventLog.h"
 #include "common/LogWriter.h"
 
@@ -19,6 +21,9 @@ std::atomic<DWORD> g_sessionId{0xFFFFFFFF};
 }  // namespace
 
 int Log(unsigned short level, const std::wstring& text) {
+    // Callers log a failure and then report its error: the log never changes the last error.
+    const DWORD lastError = ::GetLastError();
+    auto restore = NS_Utils::MakeScopeExit([lastError] { ::SetLastError(lastError); });
     int result = DefaultWriter().Log(level, text);
     // After the writer has let its mutex go: the event log is never reached under the log's lock.
     if (level == 1 && DefaultWriter().CurrentSettings().eventLog) NS_EventLog::ReportFailure(text);

@@ -14,7 +14,7 @@ namespace NS_Log {
 inline constexpr const wchar_t* kComponent = L"brisk_observer";
 
 // Returns -1 when the level filter dropped the message, 0 otherwise. Never fails, never throws
-// anything but allocation failure.
+// anything but allocation failure, and leaves the thread's last error as it found it.
 int Log(unsigned short level, const std::wstring& text);
 
 // Whether a message of `level` would be written now; for call sites whose text is costly to build.

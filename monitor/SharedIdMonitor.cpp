@@ -136,7 +136,8 @@ void SharedIdMonitor::RunCheckIns() {
 }
 
 DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
-    m_gc->Start();
+    // A worker that cannot start logs it and shows in the status; the registration stands.
+    (void)m_gc->Start();
     const DWORD processId = pid ? *pid : 0;
     Listeners listeners;
     DWORD result;
@@ -231,7 +232,8 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
 void SharedIdMonitor::WriteHoldersLocked(const CSharedId& credential) {
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
-    m_storage.WriteHolders(credential, HoldersOfLocked(credential));
+    // A list that cannot be written is logged there; a restart would then check the credential in.
+    (void)m_storage.WriteHolders(credential, HoldersOfLocked(credential));
 }
 
 DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
@@ -402,18 +404,14 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
     }
     NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid));
     if (!process) {
-        DWORD error = ::GetLastError();
         Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
-                               std::to_wstring(error));
-        ::SetLastError(error);
+                               std::to_wstring(::GetLastError()));
         return processMap.end();
     }
     Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
     std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(std::move(process), pid);
     if (!waitInfo) {
-        DWORD error = ::GetLastError();
         Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
-        ::SetLastError(error);
         return processMap.end();
     }
     return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}}).first;

@@ -63,11 +63,11 @@ public:
     // (nor destroy it) and end the process.
     [[nodiscard]] bool Shutdown();
 
-    DWORD RegisterSharedCreds(const CSharedId& credential, const DWORD* pid);
-    DWORD UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid);
-    bool IsCredsRegistered(const CSharedId& credential, CSharedId* registered);
+    [[nodiscard]] DWORD RegisterSharedCreds(const CSharedId& credential, const DWORD* pid);
+    [[nodiscard]] DWORD UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid);
+    [[nodiscard]] bool IsCredsRegistered(const CSharedId& credential, CSharedId* registered);
     // Also makes `pid` a holder of the credential found: how a client takes one over.
-    bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
+    [[nodiscard]] bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
 
     std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::UniqueHandle process, DWORD pid);
     static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
@@ -78,7 +78,7 @@ public:
     // list names a process still running is held again for those processes; the others are
     // queued for check-in. At start (owner's thread), and on the worker when the agent can be
     // reached again after files were kept.
-    bool GCUncheckedInCredentials();
+    [[nodiscard]] bool GCUncheckedInCredentials();
     // Up to this many credentials go to the agent in one call.
     static constexpr size_t kMaxRowsPerCall = 64;
 

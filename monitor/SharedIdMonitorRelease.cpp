@@ -106,7 +106,7 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
     UpdateCredentialsHeld();
     // Nothing holds these any more: they are checked in now, not at the first registration.
-    m_gc->Start();
+    (void)m_gc->Start();  // a failure is logged and shown in the status
     return true;
 }
 
@@ -139,7 +139,7 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
     if (credential) {
         // A second file of a credential already held again (the service ended between writing a
         // credential's new file and deleting its old one): the first file answers for both.
-        m_storage.Delete(record);
+        (void)m_storage.Delete(record);  // a failure is logged; the next start takes the file up again
     } else {
         credential = MakeCredential(std::move(record));
         m_AuthToCredMap.emplace(signature, CredentialRef{credential, credential.get()});
@@ -191,7 +191,7 @@ bool SharedIdMonitor::ReachAgent() {
     m_checkIns.SetAgentReachable(reachable);
     if (reachable && m_keptFiles.exchange(false)) {
         NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
-        GCUncheckedInCredentials();
+        (void)GCUncheckedInCredentials();  // a failure is logged; the next start tries again
     }
     return reachable;
 }
@@ -262,7 +262,7 @@ void SharedIdMonitor::RefreshCorvinCredLater() {
         if (!monitor) return;
         monitor->m_corvinRefreshQueued.store(false);
         monitor->ReachAgent();
-        monitor->m_releaser.UpdateCorvinCred();
+        (void)monitor->m_releaser.UpdateCorvinCred();  // the cache stays as it was
     });
 }
 

@@ -10,12 +10,9 @@ bool WaitInfo::Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBA
     m_context = std::make_unique<std::shared_ptr<WaitInfo>>(self);
     if (!::RegisterWaitForSingleObject(&m_hWait, m_process.get(), callback, m_context.get(), INFINITE,
                                        WT_EXECUTEONLYONCE)) {
-        DWORD error = ::GetLastError();
         NS_Log::Log(1, L"SharedIdMonitor::StartWaitForProcess\t Error while trying to register wait for single "
-                       L"object. Error code = " + std::to_wstring(error));
+                       L"object. Error code = " + std::to_wstring(::GetLastError()));
         m_context.reset();
-        // The caller reports this step's error, not the log's.
-        ::SetLastError(error);
         return false;
     }
     return true;

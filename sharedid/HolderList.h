@@ -26,7 +26,7 @@ namespace NS_SHAREDID_UTILS {
 // The holder list's path for a credential file's path.
 std::wstring HolderListPath(const std::wstring& credentialPath);
 // Replaces the list, on the disk when this returns true.
-bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
+[[nodiscard]] bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
 // The list, or nothing when there is none (a file written before lists were kept) or it cannot
 // be read.
 std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& credentialPath);

@@ -76,7 +76,8 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     NS_Utils::UniqueHandle file = CreateNamedFile(record, errors);
     // The list first: a crash before the record's text leaves an empty file, which the next start
     // removes with its list, never a credential file without the holders it had.
-    if (file && holders) WriteHolders(record, *holders);
+    // A list that cannot be written is logged there; the credential is kept all the same.
+    if (file && holders) (void)WriteHolders(record, *holders);
     if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
         // A partly written file would be unreadable for good, and the name may be another's.
         if (file) DeleteFiles(record.GetFileName(), std::move(file));
@@ -242,7 +243,8 @@ std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstrin
         NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
                                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                                   OPEN_EXISTING, 0, nullptr));
-        if (file) NS_SHAREDID_UTILS::ParseSharedIdText(ReadText(file.get()), record);
+        // A file that cannot be read is listed all the same, with whatever could be read.
+        if (file) (void)NS_SHAREDID_UTILS::ParseSharedIdText(ReadText(file.get()), record);
         record.SetFileName(path);
         files.push_back(std::move(record));
     } while (::FindNextFileW(search.get(), &found));

@@ -33,9 +33,9 @@ public:
     // the record's text. Everything is on the disk when this returns kOk; only then is a file
     // that the record had before deleted (through its claim). On failure the record keeps the
     // file and the claim it had.
-    int Persist(CSharedId& record, const std::vector<HolderProcess>* holders = nullptr);
+    [[nodiscard]] int Persist(CSharedId& record, const std::vector<HolderProcess>* holders = nullptr);
     // Replaces the holder list beside the record's file; false when it could not be written.
-    bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
+    [[nodiscard]] bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
     // The holder list beside the record's file; nothing when there is none.
     std::optional<std::vector<HolderProcess>> ReadHolders(const CSharedId& record) const;
     // The paths of the credential files that have a holder list beside them, from one listing of
@@ -44,11 +44,11 @@ public:
     // Every credential file that can be read, with m_fileName set and the file claimed. A file
     // that cannot be read is logged, skipped and left where it is for an administrator to look
     // at; so is a file that another live instance holds open for a credential it answers for.
-    int EnumCreds(std::list<CSharedId>& out);
+    [[nodiscard]] int EnumCreds(std::list<CSharedId>& out);
     // Deletes the record's file and its holder list. Through the record's claim when it holds
     // one (the claim is released then), so that no instance starting meanwhile can take the
     // file up; by name otherwise.
-    int Delete(CSharedId& record);
+    [[nodiscard]] int Delete(CSharedId& record);
     // The credential files in the folder whose names are not in `known`, read without disturbing
     // anyone's claim (so another live instance's files are among them); a file that cannot be
     // read gives only its name.

@@ -16,27 +16,27 @@ inline constexpr DWORD kStepRecord = 4;
 
 // With `keepOpen`, the written file stays open through it (read and write shared, delete not).
 // The text is on the disk when this returns true.
-bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
+[[nodiscard]] bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
                          NS_Utils::UniqueHandle* keepOpen = nullptr);
 // The two halves of the write: a new empty file (never an existing one), opened for reading,
 // writing and deletion, read and write shared; then the record's text written through it and
 // flushed to the disk.
 NS_Utils::UniqueHandle CreateSharedIdFile(const std::wstring& path, std::list<DWORD>& errors);
-bool WriteSharedIdToHandle(const CSharedId& record, HANDLE file, std::list<DWORD>& errors);
+[[nodiscard]] bool WriteSharedIdToHandle(const CSharedId& record, HANDLE file, std::list<DWORD>& errors);
 // Marks a file opened with deletion access for deletion; it goes when its last handle closes.
-bool DeleteThroughHandle(HANDLE file);
+[[nodiscard]] bool DeleteThroughHandle(HANDLE file);
 
 // The first stored field whose text the file cannot give back (a line feed or a zero character,
 // or 512 characters or more among the first nine items), by name; null when every one fits.
 const wchar_t* UnfitStoredField(const CSharedId& record);
-bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
+[[nodiscard]] bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors);
 // The same from a file already open for reading, from its current position (the start).
-bool readSharedIdFromHandle(CSharedId& record, HANDLE file, std::list<DWORD>& errors);
+[[nodiscard]] bool readSharedIdFromHandle(CSharedId& record, HANDLE file, std::list<DWORD>& errors);
 
 // The file's text, without I/O.
 std::wstring FormatSharedIdText(const CSharedId& record);
 // Fills the stored fields from a file's text (up to its first zero); false when one of the
 // first nine lines is missing or 512 characters or longer.
-bool ParseSharedIdText(const std::wstring& text, CSharedId& record);
+[[nodiscard]] bool ParseSharedIdText(const std::wstring& text, CSharedId& record);
 
 }  // namespace NS_SHAREDID_UTILS

@@ -164,8 +164,8 @@ TEST(ThreadRuleDeathTest, TheReleaserCalledOffItsWorkerEndsTheProcess) {
     EXPECT_DEATH(
         {
             SharedIdReleaser releaser;
-            std::thread([&] { releaser.Init(); }).join();
-            releaser.ResolveAuthId();
+            std::thread([&] { (void)releaser.Init(); }).join();
+            (void)releaser.ResolveAuthId();
         },
         "");
     EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);

@@ -62,7 +62,7 @@ TEST_F(SharedIdFileTest, MissingEmptyHugeAndNonUtf16FilesAreRefusedOrReadWithout
     std::vector<std::uint8_t> noise(3 * 1024 * 1024);
     for (auto& b : noise) b = static_cast<std::uint8_t>(rng());
     for (size_t size : {size_t{1}, size_t{3}, size_t{1023}, noise.size()})
-        readSharedIdFromFile(record, Write(L"noise.dat", {noise.begin(), noise.begin() + size}), errors);
+        (void)readSharedIdFromFile(record, Write(L"noise.dat", {noise.begin(), noise.begin() + size}), errors);
     // Eleven valid lines followed by megabytes of anything: only the lines count.
     std::vector<std::uint8_t> valid = Utf16Bytes(L"1\n2\n3\n4\n5\n6\n7\n8\n9\n10\nfalse\n");
     valid.insert(valid.end(), noise.begin(), noise.end());
