@@ -36,6 +36,9 @@ private:
     NS_Utils::UniqueHandle m_file;
 };
 
+// Threads: a record that the registry holds is read and changed (holders, listeners, expiry text,
+// file) only under the registry lock; once released it belongs to the collector's worker alone.
+// Copies are plain values of whichever thread made them.
 class CSharedId {
 public:
     CSharedId() = default;
@@ -99,7 +102,6 @@ public:
     void SetLeaseExpiry(std::wstring v) { m_leaseExpiry = std::move(v); }
     void SetEnterpriseId(std::wstring v) { m_enterpriseId = std::move(v); }
     void SetAuxText4(std::wstring v) { m_auxText4 = std::move(v); }
-    void SetAuxText5(std::wstring v) { m_auxText5 = std::move(v); }
     void SetFileName(std::wstring v) { m_fileName = std::move(v); }
 
     // The open credential file; replacing it closes the one held before.
