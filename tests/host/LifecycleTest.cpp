@@ -140,6 +140,11 @@ TEST_F(LifecycleTest, CallsAreAnsweredWhileAnotherProcessHoldsTheLogMutex) {
     CSharedId incomplete = Credential(L"while-blocked");
     incomplete.SetLeaseDN(L"");
     EXPECT_EQ(Register(::GetCurrentProcessId(), incomplete), 4u);
+    // Every line on: a registration logs several, and only the first may wait for the mutex.
+    ChildProcess holder = StartHolder();
+    const ULONGLONG asked = ::GetTickCount64();
+    EXPECT_EQ(Register(holder.Id(), Credential(L"while-blocked")), 0u);
+    EXPECT_LT(::GetTickCount64() - asked, 4000u);
     EXPECT_TRUE(s_service->Running());
 }
 
