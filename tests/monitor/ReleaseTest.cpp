@@ -47,7 +47,6 @@ TEST_F(ReleaseTest, TransientResultsAreRetriedUntilAFinalOne) {
     standin::SetScript(L"CheckInResults", std::wstring(L"37,41,5,0"));
     ReleaseByExit({Credential(L"retried")});
     EXPECT_EQ(CheckIns(), 4u);
-    EXPECT_EQ(CountInServiceLog(L"Will retry checkin. Error code : 41"), 1u);
 }
 
 // Two answers for one row is not an answer: final as well.
@@ -66,8 +65,6 @@ TEST_F(ReleaseTest, EveryOtherResultIsFinal) {
 // outcome: a transient one is retried alone after one pause, a different user's is given up.
 TEST_F(ReleaseTest, ABurstGoesInOneCallAndEachRowGetsItsOwnResult) {
     standin::SetScript(L"CheckInResults", std::wstring(L"0,37,42,0,0,0"));
-    const std::wstring givenUp = L"give up checkin. Error code : 42";
-    const size_t givenUpBefore = CountInServiceLog(givenUp);
     NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
     ChildProcess holder = StartHolder();
@@ -79,7 +76,7 @@ TEST_F(ReleaseTest, ABurstGoesInOneCallAndEachRowGetsItsOwnResult) {
     EXPECT_EQ(Calls(), 2u);
     EXPECT_EQ(CheckIns(), 6u);
     EXPECT_EQ(standin::JournalLines("Row cn=burst-1").size(), 2u) << "the 37 alone again";
-    EXPECT_EQ(CountInServiceLog(givenUp), givenUpBefore + 1);
+    EXPECT_EQ(standin::JournalLines("Row cn=burst-2").size(), 1u) << "the 42 given up";
 }
 
 // An agent that answers one integer for several rows gets them again one per call, and single
