@@ -7,6 +7,7 @@
 #include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
 #include "common/CriticalSection.h"
+#include "common/FailFast.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -171,14 +172,19 @@ TEST(ThreadRuleDeathTest, TheReleaserCalledOffItsWorkerEndsTheProcess) {
     EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);
 }
 
-TEST(ThreadRuleTest, TheLockKnowsWhetherThisThreadHoldsIt) {
+// The rule the registry checks before it calls a listener, the window or the agent.
+TEST(ThreadRuleDeathTest, ACallUnderTheLockEndsTheProcessAndOnlyTheHolderIsUnderIt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     NS_Utils::CriticalSection lock;
     EXPECT_FALSE(lock.HeldByThisThread());
     NS_Utils::CritSecGuard held(lock);
-    EXPECT_TRUE(lock.HeldByThisThread());
     bool elsewhere = true;
     std::thread([&] { elsewhere = lock.HeldByThisThread(); }).join();
     EXPECT_FALSE(elsewhere);
+    const std::wstring rule = L"called under the lock, as a test";
+    const size_t before = testsupport::CountInServiceLog(rule);
+    EXPECT_DEATH(NS_Utils::FailFastUnless(!lock.HeldByThisThread(), rule.c_str()), "");
+    EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);
 }
 
 }  // namespace

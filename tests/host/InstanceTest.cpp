@@ -1,4 +1,7 @@
 #include "tests/host/ServiceFixture.h"
+#include "host/TarrowModule.h"
+
+#include <thread>
 
 using namespace testsupport;
 
@@ -26,6 +29,24 @@ TEST(InstanceTest, OneInstancePerSessionOrPerDesktopWhenLuspIsEnabled) {
     EXPECT_FALSE(perSession.valid());
     EXPECT_EQ(RunTarrow(L""), 3u) << "on the same desktop the second instance still finds the first";
     EXPECT_EQ(service.Stop(), 0u);
+}
+
+}  // namespace
+
+namespace {
+
+// Every call on the object is served on the main thread; one from elsewhere ends the process.
+TEST(ThreadRuleDeathTest, TheObjectOffTheMainThreadEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::wstring rule = L"off the main thread, as a test";
+    const size_t before = testsupport::CountInServiceLog(rule);
+    EXPECT_DEATH(
+        {
+            CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
+            std::thread([&] { CTarrowModule::Instance().ExpectMainThread(rule.c_str()); }).join();
+        },
+        "");
+    EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);
 }
 
 }  // namespace
