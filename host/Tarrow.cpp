@@ -21,6 +21,20 @@ constexpr const wchar_t* kOffMainThread = L"[CTarrow]\t called off the main thre
 std::wstring Text(BSTR value) { return value ? std::wstring(value, ::SysStringLen(value)) : std::wstring(); }
 
 std::wstring HexResult(HRESULT hr) { return NS_Log::Hex(static_cast<unsigned long>(hr)); }
+
+// What a method's body throws never crosses the COM boundary: it is logged and answered.
+template <typename Body>
+HRESULT Guarded(const wchar_t* method, Body&& body) {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        NS_Log::Log(1, L"[Tarrow::" + std::wstring(method) + L"]\t Out of memory.");
+        return E_OUTOFMEMORY;
+    } catch (...) {
+        NS_Log::Log(1, L"[Tarrow::" + std::wstring(method) + L"]\t Unexpected exception.");
+        return E_UNEXPECTED;
+    }
+}
 }  // namespace
 
 NS_Utils::ComPtr<CTarrow> CTarrow::Create() { return NS_Utils::ComPtr<CTarrow>::Attach(new CTarrow()); }
@@ -117,55 +131,61 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
                                   BSTR authSvcId, BSTR sharedId, BSTR auxText2, BSTR roleId, BSTR auxText4,
                                   BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6,
                                   DWORD* result) {
-    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
-    if (!result) return E_POINTER;
-    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
-    CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
-                     Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
-                     flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
-    record.SetEnterpriseId(CKelUtils::ObtainMirelIdFromBriskScriptSupport());
-    *result = m_monitor->RegisterSharedCreds(record, &processId);
-    if (*result == 0)
-        NS_Log::Log(3, L"[Tarrow::RegisterSharedId]\t Shared ID registered successfully.");
-    else
-        NS_Log::Log(1, L"[Tarrow::RegisterSharedId]\t Shared ID registration failed with error = " +
-                           std::to_wstring(*result));
-    return S_OK;
+    return Guarded(L"RegisterSharedId", [&]() -> HRESULT {
+        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        if (!result) return E_POINTER;
+        if (!m_monitor) return CO_E_OBJNOTCONNECTED;
+        CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
+                         Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
+                         flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
+        record.SetEnterpriseId(CKelUtils::ObtainMirelIdFromBriskScriptSupport());
+        *result = m_monitor->RegisterSharedCreds(record, &processId);
+        if (*result == 0)
+            NS_Log::Log(3, L"[Tarrow::RegisterSharedId]\t Shared ID registered successfully.");
+        else
+            NS_Log::Log(1, L"[Tarrow::RegisterSharedId]\t Shared ID registration failed with error = " +
+                               std::to_wstring(*result));
+        return S_OK;
+    });
 }
 
 HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
-    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
-    if (!result) return E_POINTER;
-    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
-    CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
-    if (NS_Log::IsEnabled(4)) NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
-    *result = m_monitor->UnregisterSharedCreds(key, &processId);
-    if (*result == 0)
-        NS_Log::Log(3, L"[Tarrow::ReleaseSharedId]\t Shared ID released successfully.");
-    else
-        NS_Log::Log(1, L"[Tarrow::ReleaseSharedId]\t Shared ID release failed with error = " + std::to_wstring(*result));
-    return S_OK;
+    return Guarded(L"ReleaseSharedId", [&]() -> HRESULT {
+        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        if (!result) return E_POINTER;
+        if (!m_monitor) return CO_E_OBJNOTCONNECTED;
+        CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
+        if (NS_Log::IsEnabled(4)) NS_Log::Log(4, L"[Tarrow::ReleaseSharedId]\t Shared ID content = " + key.Dump());
+        *result = m_monitor->UnregisterSharedCreds(key, &processId);
+        if (*result == 0)
+            NS_Log::Log(3, L"[Tarrow::ReleaseSharedId]\t Shared ID released successfully.");
+        else
+            NS_Log::Log(1, L"[Tarrow::ReleaseSharedId]\t Shared ID release failed with error = " + std::to_wstring(*result));
+        return S_OK;
+    });
 }
 
 HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                        VARIANT_BOOL ownOnly, BSTR* serialized) {
-    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
-    if (!serialized) return E_POINTER;
-    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
-    CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
-    CSharedId found;
-    bool registered = ownOnly != 0 ? m_monitor->GetCredsRegistered(processId, key, &found)
-                                   : m_monitor->IsCredsRegistered(key, &found);
-    if (!registered) {
-        NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID not registered in Tarrow.exe");
-        return S_FALSE;
-    }
-    NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID already registered in Tarrow.exe.");
-    std::vector<std::uint8_t> bytes = NS_DATA_STREAM_UTILS::SerializeSharedId(found);
-    BSTR out = ::SysAllocStringByteLen(reinterpret_cast<const char*>(bytes.data()), static_cast<UINT>(bytes.size()));
-    if (!out) return E_OUTOFMEMORY;
-    *serialized = out;
-    return S_OK;
+    return Guarded(L"GetRegisteredSharedId", [&]() -> HRESULT {
+        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        if (!serialized) return E_POINTER;
+        if (!m_monitor) return CO_E_OBJNOTCONNECTED;
+        CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
+        CSharedId found;
+        bool registered = ownOnly != 0 ? m_monitor->GetCredsRegistered(processId, key, &found)
+                                       : m_monitor->IsCredsRegistered(key, &found);
+        if (!registered) {
+            NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID not registered in Tarrow.exe");
+            return S_FALSE;
+        }
+        NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID already registered in Tarrow.exe.");
+        std::vector<std::uint8_t> bytes = NS_DATA_STREAM_UTILS::SerializeSharedId(found);
+        BSTR out = ::SysAllocStringByteLen(reinterpret_cast<const char*>(bytes.data()), static_cast<UINT>(bytes.size()));
+        if (!out) return E_OUTOFMEMORY;
+        *serialized = out;
+        return S_OK;
+    });
 }
 
 HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
