@@ -53,6 +53,14 @@ std::wstring HolderListPath(const std::wstring& credentialPath) {
     return stem + kHolderExtension;
 }
 
+std::wstring CredentialPathOfList(const std::wstring& listPath) {
+    const size_t at = listPath.rfind(kHolderExtension);
+    if (at == std::wstring::npos) return {};
+    const std::wstring rest = listPath.substr(at + std::size(kHolderExtension) - 1);
+    if (!rest.empty() && rest != kPendingSuffix) return {};
+    return listPath.substr(0, at) + kCredentialExtension;
+}
+
 bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders) {
     const std::wstring path = HolderListPath(credentialPath);
     const std::wstring pending = path + kPendingSuffix;

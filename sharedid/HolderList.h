@@ -25,6 +25,9 @@ namespace NS_SHAREDID_UTILS {
 
 // The holder list's path for a credential file's path.
 std::wstring HolderListPath(const std::wstring& credentialPath);
+// The other way: the credential file's path for a holder list's path (or for the copy that is
+// being written); empty when the path names no holder list.
+std::wstring CredentialPathOfList(const std::wstring& listPath);
 // Replaces the list, on the disk when this returns true.
 [[nodiscard]] bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
 // The list, or nothing when there is none (a file written before lists were kept) or it cannot

@@ -4,7 +4,6 @@
 #include "common/WinHandles.h"
 #include "sharedid/SharedIdFile.h"
 
-#include <string_view>
 
 
 namespace {
@@ -122,13 +121,20 @@ std::optional<std::vector<HolderProcess>> PersistantStorage::ReadHolders(const C
 
 std::set<std::wstring> PersistantStorage::FilesWithHolderLists() const {
     std::set<std::wstring> paths;
+    for (const std::wstring& list : FilePaths(L"*.holders"))
+        if (std::wstring credential = NS_SHAREDID_UTILS::CredentialPathOfList(list); !credential.empty())
+            paths.insert(std::move(credential));
+    return paths;
+}
+
+std::vector<std::wstring> PersistantStorage::FilePaths(const wchar_t* pattern) const {
+    std::vector<std::wstring> paths;
+    if (m_folder.empty()) return paths;
     WIN32_FIND_DATAW found;
-    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.holders").c_str(), &found));
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + pattern).c_str(), &found));
     if (!search) return paths;
-    constexpr std::wstring_view kList = L".holders";
     do {
-        const std::wstring name = found.cFileName;
-        if (name.size() > kList.size()) paths.insert(m_folder + name.substr(0, name.size() - kList.size()) + L".dat");
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) paths.push_back(m_folder + found.cFileName);
     } while (::FindNextFileW(search.get(), &found));
     return paths;
 }
@@ -216,30 +222,20 @@ int PersistantStorage::DeleteFiles(const std::wstring& path, NS_Utils::UniqueHan
 }
 
 void PersistantStorage::RemoveOrphanHolderLists() {
-    constexpr std::wstring_view kList = L".holders";
-    WIN32_FIND_DATAW found;
-    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.holders*").c_str(), &found));
-    if (!search) return;
-    do {
-        const std::wstring name = found.cFileName;
-        const size_t at = name.rfind(kList);
-        if (at == std::wstring::npos || (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) continue;
-        // A live instance makes the credential file before its list, so a list alone is a leftover.
-        if (::GetFileAttributesW((m_folder + name.substr(0, at) + L".dat").c_str()) == INVALID_FILE_ATTRIBUTES)
-            ::DeleteFileW((m_folder + name).c_str());
-    } while (::FindNextFileW(search.get(), &found));
+    // A live instance makes the credential file before its list, so a list alone is a leftover.
+    for (const std::wstring& list : FilePaths(L"*.holders*")) {
+        const std::wstring credential = NS_SHAREDID_UTILS::CredentialPathOfList(list);
+        if (!credential.empty() && ::GetFileAttributesW(credential.c_str()) == INVALID_FILE_ATTRIBUTES)
+            ::DeleteFileW(list.c_str());
+    }
 }
 
 std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstring>& known) const {
     std::vector<CSharedId> files;
     if (m_folder.empty()) return files;
-    WIN32_FIND_DATAW found;
-    NS_Utils::UniqueFindHandle search(::FindFirstFileW((m_folder + L"*.dat").c_str(), &found));
-    if (!search) return files;
-    do {
-        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) || known.count(found.cFileName)) continue;
+    for (const std::wstring& path : FilePaths(L"*.dat")) {
+        if (known.count(path.substr(m_folder.size()))) continue;
         CSharedId record;
-        const std::wstring path = m_folder + found.cFileName;
         NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
                                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                                   OPEN_EXISTING, 0, nullptr));
@@ -247,7 +243,7 @@ std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstrin
         if (file) (void)NS_SHAREDID_UTILS::ParseSharedIdText(ReadText(file.get()), record);
         record.SetFileName(path);
         files.push_back(std::move(record));
-    } while (::FindNextFileW(search.get(), &found));
+    }
     return files;
 }
 

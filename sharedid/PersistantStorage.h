@@ -76,6 +76,8 @@ private:
     int DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim);
     // Holder lists left without their credential file (a crash between deleting the two).
     void RemoveOrphanHolderLists();
+    // The paths of the files in the folder that match `pattern`, folders left out.
+    std::vector<std::wstring> FilePaths(const wchar_t* pattern) const;
 
     static constexpr int kNameAttempts = 5;
     static constexpr int kClockWaitMs = 100;
