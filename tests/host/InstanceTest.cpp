@@ -1,5 +1,6 @@
 #include "tests/host/ServiceFixture.h"
 #include "host/TarrowModule.h"
+#include "tests/support/FailFastTest.h"
 
 #include <thread>
 
@@ -37,16 +38,10 @@ namespace {
 
 // Every call on the object is served on the main thread; one from elsewhere ends the process.
 TEST(ThreadRuleDeathTest, TheObjectOffTheMainThreadEndsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::wstring rule = L"off the main thread, as a test";
-    const size_t before = testsupport::CountInServiceLog(rule);
-    EXPECT_DEATH(
-        {
-            CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
-            std::thread([&] { CTarrowModule::Instance().ExpectMainThread(rule.c_str()); }).join();
-        },
-        "");
-    EXPECT_EQ(testsupport::CountInServiceLog(rule), before + 1);
+    testsupport::ExpectFailFast(L"off the main thread, as a test", [] {
+        CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
+        std::thread([] { CTarrowModule::Instance().ExpectMainThread(L"off the main thread, as a test"); }).join();
+    });
 }
 
 }  // namespace
