@@ -22,7 +22,8 @@ std::wstring Text(BSTR value) { return value ? std::wstring(value, ::SysStringLe
 
 std::wstring HexResult(HRESULT hr) { return NS_Log::Hex(static_cast<unsigned long>(hr)); }
 
-// What a method's body throws never crosses the COM boundary: it is logged and answered.
+// What a method's body throws never crosses the COM boundary: it is logged and answered. Only
+// allocation fails that way here (out of memory for texts, BSTRs or the status's arrays).
 template <typename Body>
 HRESULT Guarded(const wchar_t* method, Body&& body) {
     try {
@@ -189,21 +190,19 @@ HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR au
 }
 
 HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
-    CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
-    if (!snapshot) return E_POINTER;
-    ::VariantInit(snapshot);
-    if (!m_monitor) return CO_E_OBJNOTCONNECTED;
-    NS_Status::ServiceFacts facts{{}, L"" TARROW_VERSION_TEXT};
-    FILETIME unused[3];
-    ::GetProcessTimes(::GetCurrentProcess(), &facts.started, &unused[0], &unused[1], &unused[2]);
-    try {
+    return Guarded(L"GetStatus", [&]() -> HRESULT {
+        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        if (!snapshot) return E_POINTER;
+        ::VariantInit(snapshot);
+        if (!m_monitor) return CO_E_OBJNOTCONNECTED;
+        NS_Status::ServiceFacts facts{{}, L"" TARROW_VERSION_TEXT};
+        FILETIME unused[3];
+        ::GetProcessTimes(::GetCurrentProcess(), &facts.started, &unused[0], &unused[1], &unused[2]);
+        // The rows go into the snapshot only once all are made: a failure leaves it empty.
         NS_Status::ToVariant(m_monitor->TakeStatusSnapshot(), facts, snapshot);
-    } catch (const std::bad_alloc&) {
-        NS_Log::Log(1, L"[Tarrow::GetStatus]\t Out of memory while building the status.");
-        return E_OUTOFMEMORY;
-    }
-    NS_Log::Log(4, L"[Tarrow::GetStatus]\t Status given.");
-    return S_OK;
+        NS_Log::Log(4, L"[Tarrow::GetStatus]\t Status given.");
+        return S_OK;
+    });
 }
 
 HRESULT CTarrow::RegisterActive() {
