@@ -50,15 +50,18 @@ bool ForEachElement(const VARIANT& array, Visit&& visit) {
     return lock.Locked() && std::all_of(elements, elements + lock.Count(), visit);
 }
 
-// The `call`th value of a comma-separated script list; its last value for every later call.
-LONG ScriptListAt(const wchar_t* name, size_t call) {
+// A comma-separated script list, never empty ("0" when it is not set).
+std::vector<LONG> ScriptList(const wchar_t* name) {
     std::wistringstream script(ScriptString(name, L"0"));
     std::vector<LONG> values;
     for (std::wstring item; std::getline(script, item, L',');)
         values.push_back(static_cast<LONG>(std::wcstoul(item.c_str(), nullptr, 0)));
     if (values.empty()) values.push_back(0);
-    return values[std::min(call, values.size() - 1)];
+    return values;
 }
+
+// The `index`th value of a list; its last value for every later index.
+LONG At(const std::vector<LONG>& values, size_t index) { return values[std::min(index, values.size() - 1)]; }
 
 class CheckInAgent : public Object<ICICOBatchAgent, &IID_ICICOBatchAgent> {
 public:
@@ -86,13 +89,14 @@ public:
         const std::wstring counted = line + L" rows=" + std::to_wstring(rowTexts.size());
         const size_t call = g_checkIns++;
         // As a proxy answers when the agent's server went away mid-call: no answer at all.
-        if (const HRESULT gone = ScriptListAt(L"CheckInHResults", call); FAILED(gone)) {
+        if (const HRESULT gone = At(ScriptList(L"CheckInHResults"), call); FAILED(gone)) {
             Journal(counted + L" hr=0x" + Hex(gone) + rows);
             return gone;
         }
         // Results are scripted per row, in the order rows arrive over all calls.
         std::vector<LONG> results;
-        for (size_t i = 0; i < rowTexts.size(); ++i) results.push_back(ScriptListAt(L"CheckInResults", g_rows++));
+        const std::vector<LONG> scripted = ScriptList(L"CheckInResults");
+        for (size_t i = 0; i < rowTexts.size(); ++i) results.push_back(At(scripted, g_rows++));
         const HRESULT filled = ReturnArray(
             out, VT_VARIANT, ScriptDword(L"CheckInOutputCount", static_cast<DWORD>(results.size())),
             [&](SAFEARRAY* array, LONG i) {
