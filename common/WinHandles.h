@@ -64,6 +64,13 @@ struct RegKeyTraits {
     static void Close(HKEY k) noexcept { ::RegCloseKey(k); }
 };
 
+struct ModuleTraits {
+    using type = HMODULE;
+    static HMODULE Invalid() noexcept { return nullptr; }
+    static bool IsValid(HMODULE m) noexcept { return m != nullptr; }
+    static void Close(HMODULE m) noexcept { ::FreeLibrary(m); }
+};
+
 // The argument array of CommandLineToArgvW, freed with LocalFree.
 struct ArgvTraits {
     using type = LPWSTR*;
@@ -74,6 +81,8 @@ struct ArgvTraits {
 
 using UniqueHandle = UniqueResource<KernelHandleTraits>;
 using UniqueArgv = UniqueResource<ArgvTraits>;
+// A library loaded with LoadLibrary(Ex), freed with it.
+using UniqueModule = UniqueResource<ModuleTraits>;
 using UniqueFindHandle = UniqueResource<FindHandleTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 

@@ -11,15 +11,8 @@
 namespace standin {
 namespace {
 
-struct ModuleTraits {
-    using type = HMODULE;
-    static HMODULE Invalid() noexcept { return nullptr; }
-    static bool IsValid(HMODULE module) noexcept { return module != nullptr; }
-    static void Close(HMODULE module) noexcept { ::FreeLibrary(module); }
-};
-
 bool CallServer(const char* entry) {
-    NS_Utils::UniqueResource<ModuleTraits> server(
+    NS_Utils::UniqueModule server(
         ::LoadLibraryW((NS_Utils::ExecutableFolder() + L"KelAgentStandIn.dll").c_str()));
     FARPROC found = server ? ::GetProcAddress(server.get(), entry) : nullptr;
     // Through a generic function type: a direct cast from FARPROC draws -Wcast-function-type.

@@ -10,18 +10,9 @@
 #include <cwchar>
 #include <vector>
 
-namespace {
-struct LibraryTraits {
-    using type = HMODULE;
-    static HMODULE Invalid() noexcept { return nullptr; }
-    static bool IsValid(HMODULE m) noexcept { return m != nullptr; }
-    static void Close(HMODULE m) noexcept { ::FreeLibrary(m); }
-};
-}  // namespace
-
 int wmain(int argc, wchar_t** argv) {
     if (argc < 3) return 100;
-    NS_Utils::UniqueResource<LibraryTraits> library(
+    NS_Utils::UniqueModule library(
         ::LoadLibraryExW(argv[1], nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
     if (!library) return 1;
     std::vector<DWORD_PTR> inserts;
