@@ -8,6 +8,7 @@ set -u
 . "$(dirname "$0")/lib.sh"
 msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}"
+package=$(own_package "$msi")
 
 user_dir="$prefix/drive_c/users/$(whoami)"
 programs="$user_dir/AppData/Local/Programs/Tarrow"
@@ -28,7 +29,7 @@ in_neither() { ! for_user_or_machine "$1"; }
 w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTestInstall' /f >/dev/null
 
 echo "== msiexec /i"
-check "install exits 0" timed w msiexec /i "Z:${msi//\//\\}" /qn
+check "install exits 0" timed w msiexec /i "$package" /qn
 for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
 for key in "${com_keys[@]}"; do check "$key present" key_exists "$key"; done
 for key in "${marshaling_keys[@]}"; do check "$key present" for_user_or_machine "$key"; done
@@ -62,7 +63,7 @@ wait "$tarrow" 2>/dev/null
 check "Tarrow has stopped" eval 'ctl query "${cred[@]}" >/dev/null 2>&1; [ $? -eq 101 ]'
 check "the holder has ended" eval 'w taskkill /f /pid "$holder" >/dev/null 2>&1'
 left_before=$(cd "$credentials" && ls -l --time-style=+%s.%N)
-check "uninstall exits 0" timed w msiexec /x "Z:${msi//\//\\}" /qn
+check "uninstall exits 0" timed w msiexec /x "$package" /qn
 check "the programs folder is gone" test ! -e "$programs"
 for key in "${com_keys[@]}" "$classes\\CLSID\\$clsid"; do check "$key gone" key_gone "$key"; done
 for key in "${marshaling_keys[@]}"; do check "$key gone" in_neither "$key"; done

@@ -11,6 +11,7 @@ set -u
 msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 eventtext=$(cd "$2" && pwd)/tarrow_eventtext.exe
 use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}"
+package=$(own_package "$msi")
 
 programs="$prefix/drive_c/Program Files/Tarrow"
 credentials="$prefix/drive_c/users/$(whoami)/AppData/Roaming/Kel/Tarrow"
@@ -26,7 +27,7 @@ w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTes
 ctl() { w "$programs/tarrowctl.exe" "$@"; }
 
 echo "== msiexec /i ALLUSERS=1"
-check "install exits 0" timed w msiexec /i "Z:${msi//\//\\}" ALLUSERS=1 /qn
+check "install exits 0" timed w msiexec /i "$package" ALLUSERS=1 /qn
 for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
 for key in "${registered_keys[@]}"; do check "$key present" key_exists "$key"; done
 exe=$(windows_path "$programs/Tarrow.exe")
@@ -71,7 +72,7 @@ echo "== msiexec /x"
 mkdir -p "$credentials"
 echo left > "$credentials/20010101000000.dat"
 left_before=$(cd "$credentials" && ls -l --time-style=+%s.%N)
-check "uninstall exits 0" timed w msiexec /x "Z:${msi//\//\\}" /qn
+check "uninstall exits 0" timed w msiexec /x "$package" /qn
 check "the programs folder is gone" test ! -e "$programs"
 for key in "${registered_keys[@]}" "$classes\\CLSID\\$clsid"; do check "$key gone" key_gone "$key"; done
 check "the AppID key stays" key_exists "$classes\\AppID"

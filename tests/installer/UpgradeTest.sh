@@ -34,10 +34,11 @@ upgrade() {
     check "the older package is made" build_package "$sources/$1" "$old_msi" 1.0.0 "$bin"
     check "1.0.0 installs" timed w msiexec /i "Z:${old_msi//\//\\}" $4 /qn
     check "1.0.0 is installed" test "$(installed_versions "$3")" = "1.0.0 "
-    check "$current installs over it" timed w msiexec /i "Z:${2//\//\\}" $4 /qn
+    package=$(own_package "$2")
+    check "$current installs over it" timed w msiexec /i "$package" $4 /qn
     check "only $current is installed" test "$(installed_versions "$3")" = "$current "
     check "the credential files are untouched" test "$(cd "$credentials" && ls -l --time-style=+%s.%N)" = "$kept"
-    check "$current uninstalls" w msiexec /x "Z:${2//\//\\}" /qn
+    check "$current uninstalls" w msiexec /x "$package" /qn
 }
 upgrade Tarrow.wxs "$(ls "$bin"/Tarrow-*[0-9].msi)" Tarrow ""
 upgrade TarrowMachine.wxs "$(ls "$bin"/Tarrow-*-machine.msi)" "Tarrow (all users)" ALLUSERS=1

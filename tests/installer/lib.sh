@@ -13,6 +13,13 @@ use_new_prefix() {
     "$WINESERVER" -p
 }
 w() { "$WINE" "$@"; }
+# Copies package $1 into the prefix and prints its Windows path. Tests that run at once must not
+# share a package file: Windows Installer under Wine fails at once (1627) on a package that
+# another test's msiexec holds locked.
+own_package() {
+    mkdir -p "$prefix/drive_c/packages"
+    cp "$1" "$prefix/drive_c/packages/" && echo "C:\\packages\\$(basename "$1")"
+}
 
 passed=0
 failures=0
