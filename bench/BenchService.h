@@ -5,6 +5,7 @@
 
 #include "common/ComHandles.h"
 #include "common/Registry.h"
+#include "common/Settings.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/support/ServiceProcess.h"
 #include "tools/TarrowClient.h"
@@ -17,7 +18,7 @@ namespace bench {
 // service could not be reached within a minute.
 inline bool StartService(const char* program, testsupport::ServiceProcess& service, NS_Utils::ComPtr<ITarrow>& tarrow) {
     ::CreateDirectoryW(L"C:\\TarrowBench", nullptr);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName,
                                   L"C:\\TarrowBench");
     // With an agent, as on a desktop: released credentials are checked in, not kept on the disk.
     standin::Install(L"C:\\TarrowBench\\");

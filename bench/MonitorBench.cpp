@@ -12,6 +12,7 @@
 //   monitor_bench [exit samples] [holder counts...]
 
 #include "common/Registry.h"
+#include "common/Settings.h"
 #include "monitor/SharedIdMonitor.h"
 #include "sharedid/PersistantStorage.h"
 #include "bench/Timing.h"
@@ -213,7 +214,7 @@ int wmain(int argc, wchar_t** argv) {
     ::CreateDirectoryW(appData.c_str(), nullptr);
     ::SetEnvironmentVariableW(L"appdata", appData.c_str());
     // The log goes into the prefix, at whatever level the prefix's settings give (default 1).
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName,
                                   appData);
 
     int samples = argc > 1 ? std::max(1, _wtoi(argv[1])) : 30;

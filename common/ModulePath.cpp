@@ -1,6 +1,6 @@
 #include "common/ModulePath.h"
 
-#include "common/Registry.h"
+#include "common/Settings.h"
 
 #include <iterator>
 
@@ -34,10 +34,8 @@ std::wstring ProcessImagePath(HANDLE process) {
 }
 
 std::wstring AgentInstallFolder() {
-    std::wstring folder;
-    if (ReadRegistryString(HKEY_LOCAL_MACHINE, RegKeys::kProduct, RegKeys::kProgramDirValue, folder) != ERROR_SUCCESS ||
-        folder.empty())
-        return ExecutableFolder();
+    std::wstring folder = NS_Settings::ReadText(NS_Settings::kProgramDir).value_or(L"");
+    if (folder.empty()) return ExecutableFolder();
     if (folder.back() != L'\\' && folder.back() != L'/') folder += L'\\';
     return folder;
 }

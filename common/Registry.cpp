@@ -6,26 +6,27 @@
 
 namespace NS_Utils {
 
-LSTATUS ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value) {
-    DWORD data = 0;
-    DWORD size = sizeof(data);
-    LSTATUS status = ::RegGetValueW(root, subKey, valueName, RRF_RT_REG_DWORD, nullptr, &data, &size);
-    if (status == ERROR_SUCCESS) value = data;
-    return status;
+namespace {
+bool Succeeded(LSTATUS status) {
+    if (status == ERROR_SUCCESS) return true;
+    ::SetLastError(static_cast<DWORD>(status));
+    return false;
 }
 
-LSTATUS ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                           std::wstring& value) {
+LSTATUS OpenForWrite(HKEY root, const wchar_t* subKey, UniqueRegKey& key) {
+    return ::RegCreateKeyExW(root, subKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr,
+                             key.put(), nullptr);
+}
+
+LSTATUS ReadString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, std::wstring& value) {
     DWORD size = 0;
-    LSTATUS status = ::RegGetValueW(root, subKey, valueName, RRF_RT_REG_SZ,
-                                    nullptr, nullptr, &size);
+    LSTATUS status = ::RegGetValueW(root, subKey, valueName, RRF_RT_REG_SZ, nullptr, nullptr, &size);
     if (status != ERROR_SUCCESS) return status;
     // The value may grow between the two calls; retry on ERROR_MORE_DATA.
     for (;;) {
         std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 1, L'\0');
         DWORD bytes = static_cast<DWORD>(buffer.size() * sizeof(wchar_t));
-        status = ::RegGetValueW(root, subKey, valueName, RRF_RT_REG_SZ,
-                                nullptr, buffer.data(), &bytes);
+        status = ::RegGetValueW(root, subKey, valueName, RRF_RT_REG_SZ, nullptr, buffer.data(), &bytes);
         if (status == ERROR_MORE_DATA) {
             size = bytes;
             continue;
@@ -35,37 +36,44 @@ LSTATUS ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valu
     }
 }
 
-namespace {
-LSTATUS OpenForWrite(HKEY root, const wchar_t* subKey, UniqueRegKey& key) {
-    return ::RegCreateKeyExW(root, subKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr,
-                             key.put(), nullptr);
+LSTATUS WriteValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD type, const void* data,
+                   size_t bytes) {
+    UniqueRegKey key;
+    LSTATUS status = OpenForWrite(root, subKey, key);
+    if (status != ERROR_SUCCESS) return status;
+    return ::RegSetValueExW(key.get(), valueName, 0, type, static_cast<const BYTE*>(data), static_cast<DWORD>(bytes));
 }
 }  // namespace
 
-LSTATUS WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value) {
-    UniqueRegKey key;
-    LSTATUS status = OpenForWrite(root, subKey, key);
-    if (status != ERROR_SUCCESS) return status;
-    return ::RegSetValueExW(key.get(), valueName, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                            sizeof(value));
+bool ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value) {
+    DWORD data = 0;
+    DWORD size = sizeof(data);
+    if (!Succeeded(::RegGetValueW(root, subKey, valueName, RRF_RT_REG_DWORD, nullptr, &data, &size))) return false;
+    value = data;
+    return true;
 }
 
-LSTATUS WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                            const std::wstring& value) {
-    UniqueRegKey key;
-    LSTATUS status = OpenForWrite(root, subKey, key);
-    if (status != ERROR_SUCCESS) return status;
-    return ::RegSetValueExW(key.get(), valueName, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
-                            static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+bool ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, std::wstring& value) {
+    return Succeeded(ReadString(root, subKey, valueName, value));
 }
 
-LSTATUS CreateRegistryKey(HKEY root, const wchar_t* subKey) {
-    UniqueRegKey key;
-    return OpenForWrite(root, subKey, key);
+bool WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value) {
+    return Succeeded(WriteValue(root, subKey, valueName, REG_DWORD, &value, sizeof(value)));
 }
 
-LSTATUS DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName) {
-    return ::RegDeleteKeyValueW(root, subKey, valueName);
+bool WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, const std::wstring& value) {
+    return Succeeded(WriteValue(root, subKey, valueName, REG_SZ, value.c_str(), (value.size() + 1) * sizeof(wchar_t)));
 }
+
+bool CreateRegistryKey(HKEY root, const wchar_t* subKey) {
+    UniqueRegKey key;
+    return Succeeded(OpenForWrite(root, subKey, key));
+}
+
+bool DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName) {
+    return Succeeded(::RegDeleteKeyValueW(root, subKey, valueName));
+}
+
+HRESULT LastRegistryError() { return HRESULT_FROM_WIN32(::GetLastError()); }
 
 }  // namespace NS_Utils

@@ -11,27 +11,28 @@ namespace NS_Utils {
 namespace RegKeys {
 // The agent's machine-wide key; it also names the installation folder.
 inline constexpr const wchar_t* kProduct = L"SOFTWARE\\Orvane\\Kelmar";
-inline constexpr const wchar_t* kProgramDirValue = L"ProgramDir";
 // Settings of this service.
 inline constexpr const wchar_t* kWex = L"SOFTWARE\\Orvane\\Kelmar\\Wex";
 // Settings of the diagnostic log.
 inline constexpr const wchar_t* kLogging = L"SOFTWARE\\Orvane\\Kelmar\\Logging";
 // The agent's configuration: the language its message libraries are installed in.
 inline constexpr const wchar_t* kConfig = L"SOFTWARE\\Orvane\\Kelmar\\Config";
-inline constexpr const wchar_t* kInstalledLangValue = L"InstalledLang";
 }  // namespace RegKeys
 
-// ERROR_SUCCESS and the value, or the registry's error code with `value` unchanged.
-LSTATUS ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value);
-LSTATUS ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                           std::wstring& value);
+// True and the value; or false with `value` unchanged and the registry's error code as the
+// thread's last error, which the log keeps.
+[[nodiscard]] bool ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value);
+[[nodiscard]] bool ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                                      std::wstring& value);
 
-// Writers exist for tests and the registration switches; the running service only reads.
-LSTATUS WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value);
-LSTATUS WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                            const std::wstring& value);
+// Writers exist for tests and the registration switches; the running service only reads. False
+// with the registry's error code as the last error.
+bool WriteRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD value);
+bool WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, const std::wstring& value);
 // Makes the key (and its parents) when missing.
-LSTATUS CreateRegistryKey(HKEY root, const wchar_t* subKey);
-LSTATUS DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName);
+bool CreateRegistryKey(HKEY root, const wchar_t* subKey);
+bool DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName);
+// The last error of a failed call above, as the HRESULT a registration switch answers.
+HRESULT LastRegistryError();
 
 }  // namespace NS_Utils

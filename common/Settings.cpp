@@ -17,16 +17,17 @@ constexpr std::array kAll{kLogLevel,
                           kLeaseMonitorDeltaTime,
                           kDefaultLeaseExpiryDuration,
                           kWaitingTimeToKillProcess,
-                          kInstalledLang};
+                          kInstalledLang,
+                          kProgramDir};
 }  // namespace
 
 std::span<const Setting> AllSettings() { return kAll; }
 
 std::optional<long long> ReadNumber(const Setting& setting, HKEY opened) {
     DWORD stored = 0;
-    const LSTATUS status = opened ? NS_Utils::ReadRegistryDword(opened, nullptr, setting.valueName, stored)
-                                  : NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, stored);
-    if (status != ERROR_SUCCESS) return std::nullopt;
+    const bool read = opened ? NS_Utils::ReadRegistryDword(opened, nullptr, setting.valueName, stored)
+                             : NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, stored);
+    if (!read) return std::nullopt;
     switch (setting.counts) {
     case Counts::AboveZero: return stored > 0 ? std::optional<long long>(stored) : std::nullopt;
     case Counts::Signed: return static_cast<LONG>(stored);
@@ -37,8 +38,7 @@ std::optional<long long> ReadNumber(const Setting& setting, HKEY opened) {
 
 std::optional<std::wstring> ReadText(const Setting& setting) {
     std::wstring value;
-    if (NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, value) != ERROR_SUCCESS)
-        return std::nullopt;
+    if (!NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, setting.key, setting.valueName, value)) return std::nullopt;
     return value;
 }
 

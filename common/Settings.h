@@ -1,8 +1,7 @@
 #pragma once
 // The one table of the registry values the service reads: key, value, type, default and the
-// range an administrator may set. The Group Policy templates and the README's table list the same
-// values; a test holds the three together. "ProgramDir" is not among them: the agent's installer
-// writes it, it is no setting of ours.
+// range an administrator may set. The Group Policy templates and the README's table list the
+// administered values; a test holds the three together.
 
 #include "common/Registry.h"
 
@@ -31,6 +30,9 @@ struct Setting {
     DWORD maximum;        // Dword only
     const wchar_t* defaultText;  // String only
     Counts counts = Counts::Unsigned;  // Dword only
+    // False for a value that the agent's installer writes: read like the others, but no setting
+    // an administrator is offered in the templates or the README's table.
+    bool administered = true;
 };
 
 // The one reader of the table. A number that is present as a REG_DWORD and counts by its row's
@@ -63,8 +65,11 @@ inline constexpr Setting kDefaultLeaseExpiryDuration{kWex, L"DefaultLeaseExpiryD
 inline constexpr Setting kWaitingTimeToKillProcess{kWex, L"WaitingTimeToKillProcess", Type::Dword, 120, 10, 3600, nullptr};
 
 inline constexpr Setting kInstalledLang{kConfig, L"InstalledLang", Type::String, 0, 0, 0, L"en-us"};
+// The agent's installation folder, which holds the log folder and the message libraries.
+inline constexpr Setting kProgramDir{NS_Utils::RegKeys::kProduct, L"ProgramDir", Type::String, 0, 0, 0, L"",
+                                     Counts::Unsigned, false};
 
-// Every entry above, in the order the templates and the README list them.
+// Every entry above; the administered ones in the order the templates and the README list them.
 std::span<const Setting> AllSettings();
 
 }  // namespace NS_Settings

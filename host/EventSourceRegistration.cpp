@@ -13,10 +13,10 @@ constexpr DWORD kTypesSupported = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | 
 
 HRESULT RegisterEventSource() {
     const std::wstring library = NS_Utils::ExecutableFolder() + NS_EventLog::kMessageLibrary;
-    LSTATUS status = NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"EventMessageFile", library);
-    if (status == ERROR_SUCCESS)
-        status = NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"TypesSupported", kTypesSupported);
-    return HRESULT_FROM_WIN32(status);
+    const bool written =
+        NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"EventMessageFile", library) &&
+        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey, L"TypesSupported", kTypesSupported);
+    return written ? S_OK : NS_Utils::LastRegistryError();
 }
 
 HRESULT UnregisterEventSource() {

@@ -66,17 +66,20 @@ HKEY ClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
     return owner.get();
 }
 
-LSTATUS Write(HKEY root, const Entry& entry) {
+bool Write(HKEY root, const Entry& entry) {
     const wchar_t* key = entry.key.c_str();
     if (entry.isDword) return NS_Utils::WriteRegistryDword(root, key, entry.valueName, entry.number);
     if (entry.valueName == nullptr && entry.text.empty()) return NS_Utils::CreateRegistryKey(root, key);
     return NS_Utils::WriteRegistryString(root, key, entry.valueName, entry.text);
 }
 
-LSTATUS DeleteTree(HKEY root, const std::wstring& key) {
+// True when the key is gone, also when it was never there.
+bool DeleteTree(HKEY root, const std::wstring& key) {
     LSTATUS status = ::RegDeleteTreeW(root, key.c_str());
     if (status == ERROR_SUCCESS) status = ::RegDeleteKeyW(root, key.c_str());
-    return status == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : status;
+    if (status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND) return true;
+    ::SetLastError(static_cast<DWORD>(status));
+    return false;
 }
 
 HRESULT RegisterTypeLibrary(Scope scope) {
@@ -106,12 +109,9 @@ HRESULT RegisterServer(Scope scope) {
     HKEY root = ClassesRoot(scope, owner);
     if (!root) return E_ACCESSDENIED;
     // The class key is written afresh: nothing of an earlier registration lingers in it.
-    LSTATUS status = DeleteTree(root, kClassKey);
-    for (const Entry& entry : Entries()) {
-        if (status != ERROR_SUCCESS) break;
-        status = Write(root, entry);
-    }
-    if (status != ERROR_SUCCESS) return HRESULT_FROM_WIN32(status);
+    if (!DeleteTree(root, kClassKey)) return NS_Utils::LastRegistryError();
+    for (const Entry& entry : Entries())
+        if (!Write(root, entry)) return NS_Utils::LastRegistryError();
     return RegisterTypeLibrary(scope);
 }
 
@@ -121,8 +121,7 @@ HRESULT UnregisterServer(Scope scope) {
     if (!root) return E_ACCESSDENIED;
     HRESULT result = UnregisterTypeLibrary(scope);
     for (const std::wstring& key : OwnedKeys()) {
-        LSTATUS status = DeleteTree(root, key);
-        if (status != ERROR_SUCCESS && SUCCEEDED(result)) result = HRESULT_FROM_WIN32(status);
+        if (!DeleteTree(root, key) && SUCCEEDED(result)) result = NS_Utils::LastRegistryError();
     }
     return result;
 }

@@ -1,6 +1,7 @@
 #include "soak/ParserRun.h"
 
 #include "common/Registry.h"
+#include "common/Settings.h"
 #include "sharedid/PersistantStorage.h"
 #include "sharedid/SharedIdFile.h"
 #include "soak/GuardedHeap.h"
@@ -137,7 +138,7 @@ int RunParser(const Options& options) {
     // A folder of its own for the storage and for the log of the files it skips.
     ::CreateDirectoryW(kRoot, nullptr);
     ::SetEnvironmentVariableW(L"APPDATA", kRoot);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue, kRoot);
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName, kRoot);
     PersistantStorage storage;
     DeleteAll(storage.Folder());
     ::SetUnhandledExceptionFilter(ReportCrash);

@@ -1,6 +1,7 @@
 #include "soak/SoakService.h"
 
 #include "common/Registry.h"
+#include "common/Settings.h"
 #include "testing/agent/StandInControl.h"
 
 #include <psapi.h>
@@ -25,7 +26,7 @@ bool Answers(ITarrow* tarrow) {
 
 bool PrepareService(DWORD logLevel, DWORD checkInDelayMs) {
     ::CreateDirectoryW(kInstallFolder, nullptr);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct, NS_Utils::RegKeys::kProgramDirValue,
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName,
                                   kInstallFolder);
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kLogging, L"LogLevel", logLevel);
     // One file for the whole run: the lease count is read back from it at the end.

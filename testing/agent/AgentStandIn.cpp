@@ -162,7 +162,7 @@ const std::wstring kClassesKey = L"Software\\Classes\\";
 std::wstring ClassKey(const CLSID& clsid) { return kClassesKey + L"CLSID\\" + GuidText(clsid); }
 
 bool Write(const std::wstring& key, const wchar_t* name, const std::wstring& value) {
-    return NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, key.c_str(), name, value) == ERROR_SUCCESS;
+    return NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, key.c_str(), name, value);
 }
 
 }  // namespace

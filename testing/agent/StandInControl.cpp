@@ -22,14 +22,13 @@ bool CallServer(const char* entry) {
 }  // namespace
 
 DWORD ScriptDword(const wchar_t* name, DWORD fallback) {
-    NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, fallback);
-    return fallback;
+    DWORD value = fallback;
+    return NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value) ? value : fallback;
 }
 
 std::wstring ScriptString(const wchar_t* name, const std::wstring& fallback) {
-    std::wstring value = fallback;
-    NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
-    return value;
+    std::wstring value;
+    return NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kScriptKey, name, value) ? value : fallback;
 }
 
 std::vector<std::wstring> ScriptStrings(const wchar_t* name) {

@@ -1,4 +1,4 @@
-// tarrow_settings.exe: prints the service's table of registry values, one per line:
+// tarrow_settings.exe: prints the service's table of administered registry values, one per line:
 // key, value, type (dword or string), default, minimum, maximum, separated by tabs.
 // The installer's test compares it with the Group Policy templates and the README.
 
@@ -8,6 +8,7 @@
 
 int wmain() {
     for (const NS_Settings::Setting& s : NS_Settings::AllSettings()) {
+        if (!s.administered) continue;
         if (s.type == NS_Settings::Type::Dword)
             std::wprintf(L"%ls\t%ls\tdword\t%lu\t%lu\t%lu\n", s.key, s.valueName, s.defaultNumber, s.minimum, s.maximum);
         else

@@ -101,10 +101,10 @@ TEST_F(CheckInTest, GlobalDataBagIsDeletedBeforeTheCheckInOnlyWhenItExists) {
 
 TEST_F(CheckInTest, InitNeedsTheScriptSupportAndAcceptsAMultithreadedThread) {
     std::wstring clsid;
-    ASSERT_EQ(NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid), ERROR_SUCCESS);
+    ASSERT_TRUE(NS_Utils::ReadRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid));
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"Software\\Classes\\BriskScriptSupport.ScriptSupport");
     EXPECT_TRUE(!m_releaser.Init() && m_releaser.IsReady());
-    ASSERT_EQ(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid), ERROR_SUCCESS);
+    ASSERT_TRUE(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kProgId, nullptr, clsid));
     std::thread([] {
         NS_Utils::ComApartment multithreaded(COINIT_MULTITHREADED);
         EXPECT_TRUE(SharedIdReleaser().Init());  // CoInitialize answers RPC_E_CHANGED_MODE here

@@ -1,6 +1,7 @@
 #include "common/Log.h"
 #include "common/LogWriter.h"
 #include "common/Registry.h"
+#include "common/Settings.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -63,9 +64,8 @@ TEST_F(LogTest, ScrambledLogHidesTextAndReadsBack) {
 
 // Two processes append 1,000 lines each at the same moment through the front end.
 TEST_F(LogTest, TwoProcessesWritingAtOnceLoseAndTearNothing) {
-    ASSERT_EQ(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kProduct,
-                                            NS_Utils::RegKeys::kProgramDirValue, folder),
-              ERROR_SUCCESS);
+    ASSERT_TRUE(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key,
+                                            NS_Settings::kProgramDir.valueName, folder));
     const std::wstring go = L"tarrow-log-go-" + std::to_wstring(::GetCurrentProcessId());
     NS_Utils::UniqueHandle start(::CreateEventW(nullptr, TRUE, FALSE, go.c_str()));
     std::map<std::wstring, ChildProcess> children;

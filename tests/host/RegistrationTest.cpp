@@ -15,7 +15,7 @@ bool KeyExists(HKEY root, const std::wstring& key) {
 
 std::wstring Value(HKEY root, const std::wstring& key, const wchar_t* name = nullptr) {
     std::wstring text;
-    return NS_Utils::ReadRegistryString(root, key.c_str(), name, text) == ERROR_SUCCESS ? text : L"<none>";
+    return NS_Utils::ReadRegistryString(root, key.c_str(), name, text) ? text : L"<none>";
 }
 
 const std::wstring kClass = L"Software\\Classes\\CLSID\\{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}";
@@ -36,7 +36,7 @@ void ExpectRegistered(HKEY root) {
         EXPECT_EQ(Value(root, key, name), value);
     EXPECT_TRUE(KeyExists(root, kClass + L"\\Programmable"));
     DWORD rotFlags = 0;
-    EXPECT_TRUE(NS_Utils::ReadRegistryDword(root, kAppId.c_str(), L"ROTFlags", rotFlags) == ERROR_SUCCESS && rotFlags == 1);
+    EXPECT_TRUE(NS_Utils::ReadRegistryDword(root, kAppId.c_str(), L"ROTFlags", rotFlags) && rotFlags == 1);
     EXPECT_TRUE(KeyExists(HKEY_CLASSES_ROOT, L"TypeLib\\{B6A57EE2-3022-44AA-9E24-04C8632479F1}"));
 }
 
