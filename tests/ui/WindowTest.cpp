@@ -3,6 +3,7 @@
 
 #include "common/ModulePath.h"
 #include "common/Registry.h"
+#include "tests/support/FailFastTest.h"
 #include "tests/support/TestSupport.h"
 #include "ui/LMMainUI.h"
 
@@ -31,15 +32,33 @@ protected:
                           DUPLICATE_SAME_ACCESS);
         return copy;
     }
-    // The dialog, found by its caption once the row has shown it.
-    HWND ShowRow(LMMainUI& ui, const wchar_t* caption) {
+    // The dialog of this process, found once the row has shown it; with its caption when given.
+    HWND ShowRow(LMMainUI& ui, const wchar_t* caption = nullptr) {
         ui.ShowProcessInfo(m_holder.Id(), NS_Utils::UniqueHandle(Duplicate()), m_credential);
         HWND dialog = nullptr;
-        EXPECT_TRUE(testsupport::WaitUntil([&] {
-            dialog = ::FindWindowW(L"#32770", caption);
-            return dialog && ::IsWindowVisible(dialog);
-        })) << "no visible window with that caption";
+        EXPECT_TRUE(testsupport::WaitUntil([&] { return (dialog = VisibleDialog(caption)) != nullptr; }))
+            << "no visible window of this process with that caption";
         return dialog;
+    }
+    static HWND VisibleDialog(const wchar_t* caption) {
+        struct Search {
+            const wchar_t* caption;
+            HWND found;
+        } search{caption, nullptr};
+        ::EnumWindows([](HWND window, LPARAM param) -> BOOL {
+            auto& wanted = *reinterpret_cast<Search*>(param);
+            DWORD process = 0;
+            wchar_t text[128] = {}, kind[16] = {};
+            ::GetWindowThreadProcessId(window, &process);
+            ::GetWindowTextW(window, text, 128);
+            ::GetClassNameW(window, kind, 16);
+            if (process != ::GetCurrentProcessId() || std::wstring(kind) != L"#32770" || !::IsWindowVisible(window) ||
+                (wanted.caption && std::wstring(text) != wanted.caption))
+                return TRUE;
+            wanted.found = window;
+            return FALSE;
+        }, reinterpret_cast<LPARAM>(&search));
+        return search.found;
     }
     static void Tick(HWND dialog) { ::SendMessageW(dialog, WM_TIMER, 0, 0); }
 
@@ -102,6 +121,17 @@ TEST_F(WindowTest, ShowsTopmostEnglishWindowCallsExpiryAtEveryTickAndSessionEndO
     ::SendMessageW(::GetWindow(dialog, GW_OWNER), WM_ENDSESSION, TRUE, 0);
     ::SendMessageW(dialog, WM_ENDSESSION, TRUE, 0);
     EXPECT_EQ(m_sessionEnds, 1);
+}
+
+// The dialog's procedure run by another thread of the process, as a careless caller could.
+TEST_F(WindowTest, ListBoxTouchedOffTheWindowsThreadEndsTheProcess) {
+    testsupport::ExpectFailFast(L"the list box touched off the window's thread", [&] {
+        LMMainUI ui(m_callbacks);
+        HWND dialog = ShowRow(ui);
+        auto procedure = reinterpret_cast<DLGPROC>(::GetWindowLongPtrW(dialog, DWLP_DLGPROC));
+        ASSERT_TRUE(procedure);
+        procedure(dialog, WM_TIMER, 0, 0);
+    });
 }
 
 }  // namespace
