@@ -188,6 +188,8 @@ private:
     void KeepForLater(std::shared_ptr<CSharedId> credential);
     // Worker only: the file is deleted, the record dropped and the lease count lowered.
     void Forget(std::shared_ptr<CSharedId> credential);
+    // The tail of both: off the status board, the record dropped, the lease count lowered.
+    void LetGo(std::shared_ptr<CSharedId> credential);
     // Asks for the agent again every retry pause while files are kept and nothing else would.
     void QueueAgentProbe();
     void ProbeAgent();

@@ -202,9 +202,7 @@ void SharedIdMonitor::KeepForLater(std::shared_ptr<CSharedId> credential) {
                                            L"start or the agent's return: ") + credential->GetFileName());
     credential->ReleaseFileClaim();
     m_keptFiles.store(true);
-    m_checkIns.Finished(*credential);
-    credential.reset();
-    LeaseDecrease();
+    LetGo(std::move(credential));
     QueueAgentProbe();
 }
 
@@ -214,7 +212,12 @@ void SharedIdMonitor::Forget(std::shared_ptr<CSharedId> credential) {
         NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
                            std::to_wstring(deleted));
     NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
+    LetGo(std::move(credential));
+}
+
+void SharedIdMonitor::LetGo(std::shared_ptr<CSharedId> credential) {
     m_checkIns.Finished(*credential);
+    // The record is gone before the count says so: whoever waits for 0 finds nothing left over.
     credential.reset();
     LeaseDecrease();
 }
