@@ -11,13 +11,13 @@ public:
     // Clears `authSvcId`, then fills it from the policy or, when local settings are on, from
     // the registry; the choice is made anew on every call. 0 on success, non-zero on failure
     // (an empty id is a failure). `runtime` may be null: only the policy needs it.
-    static int ResolveAuthSvcId(IKelStateEngineRuntime* runtime, std::wstring& authSvcId);
+    [[nodiscard]] static int ResolveAuthSvcId(IKelStateEngineRuntime* runtime, std::wstring& authSvcId);
 
     // "UseLocalKelSettings" is exactly 1; any other value, or none, means central policy.
     static bool IsUseLocalKelSettingsEnabled();
     // The first string of the policy "pid_kel_corvin_auth_svc_id"; 0, or 1 when the provider is
     // missing or the policy is not an array of strings whose first one is non-empty.
-    static int GetKelSystemPolicy(IKelStateEngineRuntime* runtime, std::wstring& value);
+    [[nodiscard]] static int GetKelSystemPolicy(IKelStateEngineRuntime* runtime, std::wstring& value);
     // "AUTH_SVC" from the settings key; the registry's result (ERROR_SUCCESS is 0).
-    static LSTATUS GetKelStringValueFromRegistry(std::wstring& value);
+    [[nodiscard]] static LSTATUS GetKelStringValueFromRegistry(std::wstring& value);
 };

@@ -60,8 +60,8 @@ bool SharedIdReleaser::Init() {
         if (!m_runtime)
             NS_Log::Log(1, L"[SharedIdMonitor::FreeSharedId]\tGetting the SE runtime object from observer failed");
     }
-    if (!m_scriptSupport) CreateScriptSupport();
-    return m_checkInAgent && m_runtime && m_scriptSupport;
+    const bool scripting = m_scriptSupport || CreateScriptSupport();
+    return m_runtime && scripting;
 }
 
 bool SharedIdReleaser::InitCom() {

@@ -55,7 +55,7 @@ public:
     // One check-in exchange for `credential`; the agent's HRESULT goes to `hrCIRes` (for the log
     // only). The agent's result code, or kUnexpectedAnswer. Call after Init made it ready.
     // Throws BstrAllocError when a BSTR cannot be allocated.
-    int ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
+    [[nodiscard]] int ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
     // The same for several credentials in one call, a row each (the wallet read once): a result
     // per row, in order. An agent that does not answer one integer per row gets the rows again
     // one per call, and single rows from then on.
@@ -76,13 +76,13 @@ public:
     void Reset();
 
 private:
-    bool InitCom();
-    bool CreateCheckInAgent();
-    bool CreateScriptSupport();
+    [[nodiscard]] bool InitCom();
+    [[nodiscard]] bool CreateCheckInAgent();
+    [[nodiscard]] bool CreateScriptSupport();
     enum class LoginWait { kLoggedOn, kCannotAsk, kStopping };
     LoginWait WaitForLogin();
     // False when the service is stopping and nothing should be sent.
-    bool RefreshAccountForCheckIn();
+    [[nodiscard]] bool RefreshAccountForCheckIn();
     void DeleteGlobalAccountDataBag(const CSharedId& credential);
     // One call for all rows; empty when the answer does not hold one integer per row of several.
     std::vector<int> Exchange(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);

@@ -18,7 +18,7 @@ public:
     ~CActiveObject() { Revoke(); }
 
     // S_FALSE when the object is already registered.
-    HRESULT Register(IUnknown* object, REFCLSID clsid) {
+    [[nodiscard]] HRESULT Register(IUnknown* object, REFCLSID clsid) {
         if (m_cookie != 0) return S_FALSE;
         return ::RegisterActiveObject(object, clsid, ACTIVEOBJECT_WEAK, &m_cookie);
     }

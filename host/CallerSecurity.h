@@ -11,8 +11,8 @@ class CCallerSecurity {
 public:
     // Main thread, after COM is initialised and before the object is published.
     // S_OK, or the HRESULT of the step that failed.
-    HRESULT Build();
-    HRESULT Apply();
+    [[nodiscard]] HRESULT Build();
+    [[nodiscard]] HRESULT Apply();
 
     // The descriptor in absolute form, as COM wants it; valid after a successful Build.
     PSECURITY_DESCRIPTOR Descriptor() { return &m_descriptor; }

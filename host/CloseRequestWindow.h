@@ -12,7 +12,7 @@
 class CCloseRequestWindow {
 public:
     // False when the window could not be made; the service runs on without it.
-    bool Create();
+    [[nodiscard]] bool Create();
 
 private:
     static LRESULT CALLBACK WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);

@@ -7,8 +7,8 @@
 
 namespace NS_Registration {
 
-HRESULT RegisterEventSource();
+[[nodiscard]] HRESULT RegisterEventSource();
 // Removing a source that is not there succeeds.
-HRESULT UnregisterEventSource();
+[[nodiscard]] HRESULT UnregisterEventSource();
 
 }  // namespace NS_Registration

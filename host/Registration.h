@@ -11,9 +11,9 @@ namespace NS_Registration {
 // The classes root a registration writes to.
 enum class Scope { AllUsers, CurrentUser };
 
-HRESULT RegisterServer(Scope scope);
+[[nodiscard]] HRESULT RegisterServer(Scope scope);
 // Removes what RegisterServer wrote, except the "AppID" key itself.
-HRESULT UnregisterServer(Scope scope);
+[[nodiscard]] HRESULT UnregisterServer(Scope scope);
 
 // The type library, which ships beside the executable.
 std::wstring TypeLibraryPath();

@@ -48,12 +48,12 @@ public:
     HRESULT STDMETHODCALLTYPE GetStatus(VARIANT* snapshot) override;
 
     // Publishes the object under "KELTARROW"; S_FALSE when it already is.
-    HRESULT RegisterInROT();
+    [[nodiscard]] HRESULT RegisterInROT();
     // RegisterInROT, again with a growing pause for up to a minute while the table is unavailable.
-    HRESULT RegisterInROTPatiently();
+    [[nodiscard]] HRESULT RegisterInROTPatiently();
     HRESULT RevokeFromROT();
     // Publishes the object as the active object of its class, weakly, for scripts.
-    HRESULT RegisterActive();
+    [[nodiscard]] HRESULT RegisterActive();
     // The end of the service, on the main thread once its message loop has ended: withdraws the
     // object from the table (the active object's entry first), then stops the lease monitor and
     // the collector (in that order, so that no warning starts while check-ins finish) and
@@ -64,7 +64,7 @@ public:
 private:
     CTarrow();
     ~CTarrow();
-    HRESULT LoadTypeInfo();
+    [[nodiscard]] HRESULT LoadTypeInfo();
 
     std::atomic<ULONG> m_refs{1};
     std::shared_ptr<SharedIdMonitor> m_monitor;

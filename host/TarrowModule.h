@@ -23,7 +23,7 @@ public:
     // or Unparsable when the line cannot be split into arguments.
     static Switch ParseCommandLine(const std::wstring& commandLine);
     // Does the switch's registry work and returns its result.
-    static HRESULT RunSwitch(Switch which);
+    [[nodiscard]] static HRESULT RunSwitch(Switch which);
 
 private:
     DWORD m_mainThreadId = 0;

@@ -73,14 +73,16 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
     // Refused by COM, calls are still checked against the defaults; the service runs all the same.
     CCallerSecurity security;
-    security.Apply();
+    (void)security.Apply();
     {
         NS_EventLog::CServiceLifetimeEvents lifetime(L"" TARROW_VERSION_TEXT);
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
-        tarrow->RegisterInROTPatiently();
-        tarrow->RegisterActive();
+        // Each failure below is logged where it happens, and the service runs on: the check-ins of
+        // the files it took up at start do not depend on them.
+        (void)tarrow->RegisterInROTPatiently();
+        (void)tarrow->RegisterActive();
         CCloseRequestWindow closeRequests;
-        closeRequests.Create();
+        (void)closeRequests.Create();
         RunMessageLoop();
         if (!tarrow->Shutdown()) EndAfterForcedStop();
     }

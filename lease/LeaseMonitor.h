@@ -46,12 +46,12 @@ public:
     // outlives the window's thread), without starting the poller: tests poll it themselves.
     void WatchFor(SharedIdMonitor& registry);
     // WatchFor, then starts the poller thread; false when it could not be started.
-    bool StartLeaseMonitor(SharedIdMonitor& registry);
+    [[nodiscard]] bool StartLeaseMonitor(SharedIdMonitor& registry);
     SharedIdMonitor* Registry() const noexcept { return m_registry.load(); }
 
     void AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& credential) override;
     void Poll(DWORD count) override;
-    bool HandleLeaseExpiration(ExpiryMap::iterator entry);
+    [[nodiscard]] bool HandleLeaseExpiration(ExpiryMap::iterator entry);
     void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
 
     void OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential);

@@ -164,9 +164,9 @@ private:
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
                                                                                const CSharedId& credential);
-    DWORD RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
+    [[nodiscard]] DWORD RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
+    [[nodiscard]] DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
+    [[nodiscard]] bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
     void PersistLocked(CSharedId& credential);
     // The credential's holders with their creation times, from the process map.
     std::vector<HolderProcess> HoldersOfLocked(const CSharedId& credential) const;
@@ -174,7 +174,7 @@ private:
     void WriteHoldersLocked(const CSharedId& credential);
     // Holds a credential read from its file again for those of its listed holders that still
     // run; false, with the record untouched, when none could be entered.
-    bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
+    [[nodiscard]] bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
     // `listed`: the files that have a holder list.
     std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
     // Worker only: one exchange with the agent, a result per row; transient when memory ran out.
@@ -209,7 +209,8 @@ private:
     std::shared_ptr<ILeaseWatcher> LeaseMonitor() const;
     // Outside the monitor lock, after the lease count may have crossed 0.
     void UpdateCredentialsHeld();
-    // Ends one holder with kTerminatedExitCode; logs a failure under `tag`.
+    // Ends one holder with kTerminatedExitCode; logs a failure under `tag`, so a caller may
+    // ignore the result.
     static bool TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag);
     void WaitForCheckIns();
     // Under the monitor lock: the live credentials, and beside each its record for matching the

@@ -91,7 +91,8 @@ void FreeWaitInfo(std::shared_ptr<WaitInfo> waitInfo) {
     }
     if (result == WAIT_TIMEOUT) {
         NS_Log::Log(4, L"FreeWaitInfo\t Trying to re-register FreeWaitInfo object.");
-        WaitInfo::QueueFree(waitInfo);
+        // False only once the monitor is gone: the service is ending, and the wait with it.
+        (void)WaitInfo::QueueFree(waitInfo);
         return;
     }
     NS_Log::Log(1, L"FreeWaitInfo\t Wait failed, not going to GC the object. nRet = " + std::to_wstring(result) +

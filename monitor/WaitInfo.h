@@ -21,16 +21,16 @@ public:
     WaitInfo& operator=(const WaitInfo&) = delete;
 
     // Registers the wait with a strong reference to `self` as the callback's context.
-    bool Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback);
+    [[nodiscard]] bool Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback);
 
     void OnWaitDone(bool timedOut);
     // Ends the wait without blocking; only the first caller does anything.
     void TerminateWait();
     void RegisterToGC();
     // Queues FreeWaitInfo for `self` on its monitor's collector; false when the monitor is gone.
-    static bool QueueFree(const std::shared_ptr<WaitInfo>& self);
+    [[nodiscard]] static bool QueueFree(const std::shared_ptr<WaitInfo>& self);
     // The event the pool signals once no callback of this wait runs any more; made on first use.
-    bool EnsureCancelEvent();
+    [[nodiscard]] bool EnsureCancelEvent();
     HANDLE CancelEvent() const { return m_hWaitCancel.get(); }
     // Drops the callback's context once the wait can no longer fire.
     void ReleaseContext();

@@ -8,7 +8,7 @@
 namespace NS_LEASE_UTILS {
 
 // False when the text is not a valid time of that form.
-bool ExpiryTextToTime(const std::wstring& text, __time64_t& time);
+[[nodiscard]] bool ExpiryTextToTime(const std::wstring& text, __time64_t& time);
 // Empty when the time cannot be broken down.
 std::wstring TimeToExpiryText(__time64_t time);
 

@@ -79,7 +79,7 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     if (file && holders) (void)WriteHolders(record, *holders);
     if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
         // A partly written file would be unreadable for good, and the name may be another's.
-        if (file) DeleteFiles(record.GetFileName(), std::move(file));
+        if (file) (void)DeleteFiles(record.GetFileName(), std::move(file));  // its failure joins the errors kept
         record.SetFileName(previous);
         KeepErrors(errors, L"PersistantStorage::Persist");
         return kWriteFailed;
@@ -88,7 +88,8 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     record.ClaimFile(std::move(file));
     // Only now that the new file is on the disk: a credential registered again is written anew,
     // and its earlier file would otherwise be found at the next start and checked in twice.
-    if (!previous.empty() && previous != record.GetFileName()) DeleteFiles(previous, std::move(earlier));
+    // A failure is kept with the errors; the registration stands on the new file.
+    if (!previous.empty() && previous != record.GetFileName()) (void)DeleteFiles(previous, std::move(earlier));
     return kOk;
 }
 
@@ -172,7 +173,7 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         // nothing to check in, and left alone it would be skipped as unreadable at every start.
         if (claim && IsEmptyFile(claim.get())) {
             NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
-            DeleteFiles(path, std::move(claim));
+            (void)DeleteFiles(path, std::move(claim));  // a failure is kept; the next start tries again
             continue;
         }
         CSharedId record;

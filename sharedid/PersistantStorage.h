@@ -73,7 +73,7 @@ private:
     static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);
     // Makes a new file under a fresh name for the record (m_fileName set to it); empty on failure.
     NS_Utils::UniqueHandle CreateNamedFile(CSharedId& record, std::list<DWORD>& errors);
-    int DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim);
+    [[nodiscard]] int DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim);
     // Holder lists left without their credential file (a crash between deleting the two).
     void RemoveOrphanHolderLists();
     // The paths of the files in the folder that match `pattern`, folders left out.

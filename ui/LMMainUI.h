@@ -74,9 +74,9 @@ private:
     int FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const;
     std::shared_ptr<ProcessInfo> FirstRowOf(const std::weak_ptr<CSharedId>& credential) const;
     void EnsureUIThread();
-    bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
-    bool CreateParentWindow(NS_Utils::UniqueWindow& parent);
-    bool CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog);
+    [[nodiscard]] bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
+    [[nodiscard]] bool CreateParentWindow(NS_Utils::UniqueWindow& parent);
+    [[nodiscard]] bool CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog);
     void SetTexts(HWND dialog);
     static void PlaceDialog(HWND dialog);
     void RunUI(HWND dialog);
