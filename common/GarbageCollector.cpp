@@ -1,5 +1,6 @@
 #include "common/GarbageCollector.h"
 
+#include "common/FailFast.h"
 #include "common/Log.h"
 
 namespace NS_Utils {
@@ -12,6 +13,12 @@ constexpr const wchar_t* kTag = L"[NS_Utils::CGarbageCollector]\t";
 CGarbageCollector::~CGarbageCollector() {
     // An owner that did not stop the worker in order ends the process before it gets here.
     (void)Stop();
+}
+
+void CGarbageCollector::SetWorkerExitHook(WorkItem hook) {
+    CritSecGuard guard(m_startStopLock);
+    FailFastUnless(!m_worker, L"[NS_Utils::CGarbageCollector::SetWorkerExitHook]\t set while the worker runs");
+    m_exitHook = std::move(hook);
 }
 
 bool CGarbageCollector::Start() {
@@ -56,10 +63,12 @@ bool CGarbageCollector::Stop() {
 void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
 
 bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
+    FailFastUnless(IsWorkerThread(), L"[NS_Utils::CGarbageCollector::WaitUnlessStopping]\t a pause off the worker thread");
     return ::WaitForSingleObject(m_queue.StopEvent(), milliseconds) == WAIT_TIMEOUT;
 }
 
 CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) {
+    FailFastUnless(IsWorkerThread(), L"[NS_Utils::CGarbageCollector::PauseUnlessWork]\t a pause off the worker thread");
     HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
     switch (::WaitForMultipleObjects(2, events, FALSE, milliseconds)) {
     case WAIT_TIMEOUT: return Pause::Elapsed;
@@ -72,7 +81,11 @@ CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) 
 }
 
 DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
-    static_cast<CGarbageCollector*>(self)->WorkerLoop();
+    auto* collector = static_cast<CGarbageCollector*>(self);
+    // Before the first item, which may check that it runs here: Start stores the id only once
+    // CreateThread has returned.
+    collector->m_workerId.store(::GetCurrentThreadId());
+    collector->WorkerLoop();
     return 0;
 }
 

@@ -3,10 +3,10 @@
 // credentials and frees of finished waits go here, so that they never run on the thread that
 // dropped the last reference, which may hold the monitor lock.
 //
-// Threads: Queue and Broken from any thread, the worker included. Start and Stop from the owner's
-// threads (serialised by the start/stop lock); Stop from the worker only marks the end, since the
-// worker cannot wait for itself.
-// WaitUnlessStopping and PauseUnlessWork from the worker, inside an item.
+// Threads: Queue, Broken and Start from any thread, the worker included (Start and Stop are
+// serialised by the start/stop lock). Stop from the owner's thread; from the worker it only marks
+// the end, since the worker cannot wait for itself. SetWorkerExitHook before the first Start.
+// WaitUnlessStopping and PauseUnlessWork from the worker, inside an item: checked.
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
@@ -26,9 +26,9 @@ public:
     CGarbageCollector& operator=(const CGarbageCollector&) = delete;
     virtual ~CGarbageCollector();
 
-    // Run by the worker as it leaves its loop in an orderly way: what lives in the worker's
-    // apartment is let go there. Set before the first Start.
-    void SetWorkerExitHook(WorkItem hook) { m_exitHook = std::move(hook); }
+    // Run by the worker as it leaves its loop, when stopped or after a failed wait: what lives in
+    // the worker's apartment is let go there. Set before the first Start (checked).
+    void SetWorkerExitHook(WorkItem hook);
 
     // Starts the worker unless it runs; false, logged, when its events or its thread could not
     // be made.

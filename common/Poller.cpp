@@ -1,5 +1,7 @@
 #include "common/Poller.h"
 
+#include "common/FailFast.h"
+
 namespace NS_THREAD_UTILS {
 
 CPoller::CPoller() : m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
@@ -12,6 +14,23 @@ CPoller::~CPoller() {
 }
 
 void CPoller::Stop() noexcept { ::SetEvent(m_stopEvent.get()); }
+
+void CPoller::ExpectNotStarted(const wchar_t* reason) const noexcept { NS_Utils::FailFastUnless(ThreadId() == 0, reason); }
+
+void CPoller::SetMaxPolls(DWORD maxPolls) noexcept {
+    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::SetMaxPolls]\t set while the poller runs");
+    m_maxPolls = maxPolls;
+}
+
+void CPoller::SetInterval(DWORD intervalMs) noexcept {
+    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::SetInterval]\t set while the poller runs");
+    m_intervalMs = intervalMs;
+}
+
+void CPoller::AddWaitHandle(HANDLE handle) {
+    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::AddWaitHandle]\t added while the poller runs");
+    m_extraHandles.push_back(handle);
+}
 
 unsigned CPoller::ThreadMain(void* args) {
     Run(args);

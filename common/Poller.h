@@ -28,16 +28,17 @@ public:
     // Ends one waiting loop (the stop event resets itself). Any thread may call it.
     void Stop() noexcept;
 
-    // Configuration; set before Start.
-    void SetMaxPolls(DWORD maxPolls) noexcept { m_maxPolls = maxPolls; }
-    void SetInterval(DWORD intervalMs) noexcept { m_intervalMs = intervalMs; }
+    // Configuration; set before Start (checked: the thread reads it unguarded).
+    void SetMaxPolls(DWORD maxPolls) noexcept;
+    void SetInterval(DWORD intervalMs) noexcept;
     // Not owned: the caller keeps the handle open while the poller runs.
-    void AddWaitHandle(HANDLE handle) { m_extraHandles.push_back(handle); }
+    void AddWaitHandle(HANDLE handle);
     // Owned; reset and closed when the loop ends.
     void SetAuxiliaryEvent(NS_Utils::UniqueHandle event) noexcept { m_auxEvent.store(event.release()); }
 
 protected:
     unsigned ThreadMain(void* args) override;
+    void ExpectNotStarted(const wchar_t* reason) const noexcept;
 
     virtual void Run(void* args);
     virtual void OnStart(void* /*args*/) {}

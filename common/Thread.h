@@ -1,8 +1,13 @@
 #pragma once
 // A thread that runs one virtual function of its owner. The owner joins it before the owner's
 // own destructor ends, since the function belongs to the derived object.
+//
+// Threads: Start, Join and Terminate from the owner's thread; ThreadId from any thread, the new
+// one included from its first instruction.
 
 #include "common/WinHandles.h"
+
+#include <atomic>
 
 namespace NS_THREAD_UTILS {
 
@@ -19,7 +24,8 @@ public:
     // WAIT_OBJECT_0 once the thread has ended (or when none was started), WAIT_TIMEOUT otherwise.
     DWORD Join(DWORD timeoutMs) const;
     bool Terminate(DWORD exitCode);
-    DWORD ThreadId() const noexcept { return m_threadId; }
+    // 0 before Start.
+    DWORD ThreadId() const noexcept { return m_threadId.load(); }
 
 protected:
     virtual unsigned ThreadMain(void* args) = 0;
@@ -28,7 +34,7 @@ private:
     static unsigned __stdcall Entry(void* context);
 
     NS_Utils::UniqueHandle m_thread;
-    DWORD m_threadId = 0;
+    std::atomic<DWORD> m_threadId{0};
 };
 
 }  // namespace NS_THREAD_UTILS

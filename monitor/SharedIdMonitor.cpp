@@ -44,6 +44,7 @@ SharedIdMonitor::~SharedIdMonitor() {
     NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
     NS_Utils::FailFastUnless(Shutdown(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed after a thread was ended by force");
     // Credentials still held are not checked in now; their files bring them back at the next start.
+    LockGuard lock(*this);
     while (!processMap.empty()) ErasePMEntry(processMap.begin());
 }
 
@@ -73,6 +74,10 @@ bool SharedIdMonitor::Shutdown() {
 void SharedIdMonitor::ExpectUnlocked(const wchar_t* call) const {
     NS_Utils::FailFastUnless(!m_lock.HeldByThisThread(), call);
 }
+
+void SharedIdMonitor::ExpectLocked(const wchar_t* call) const { NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), call); }
+
+void SharedIdMonitor::ExpectWorker(const wchar_t* call) const { NS_Utils::FailFastUnless(m_gc->IsWorkerThread(), call); }
 
 void SharedIdMonitor::TellAdded(const Listeners& listeners, DWORD pid) const {
     ExpectUnlocked(L"[SharedIdMonitor]\t a listener called under the monitor lock");
@@ -122,6 +127,7 @@ void SharedIdMonitor::QueueCheckIn(PendingCheckIn pending) {
 }
 
 void SharedIdMonitor::RunCheckIns() {
+    ExpectWorker(L"[SharedIdMonitor::RunCheckIns]\t called off the collector's worker");
     std::vector<PendingCheckIn> taken = m_checkInQueue.Take(kMaxRowsPerCall);
     if (taken.empty()) return;
     std::vector<std::shared_ptr<CSharedId>> batch;
@@ -164,6 +170,7 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
 }
 
 DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
+    ExpectLocked(L"[SharedIdMonitor::RegisterLocked]\t called without the monitor lock");
     Log(3, kRegisterTag, L" Started registering shared credential.");
     if (!credential.IsComplete()) {
         Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
@@ -212,6 +219,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
 }
 
 void SharedIdMonitor::PersistLocked(CSharedId& credential) {
+    ExpectLocked(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
     int result = m_storage.Persist(credential, &holders);
     if (result != PersistantStorage::kOk)
@@ -220,6 +228,7 @@ void SharedIdMonitor::PersistLocked(CSharedId& credential) {
 }
 
 std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {
+    ExpectLocked(L"[SharedIdMonitor::HoldersOfLocked]\t called without the monitor lock");
     std::vector<HolderProcess> holders;
     for (DWORD pid : credential.GetHolderPids()) {
         auto entry = processMap.find(pid);
@@ -230,6 +239,7 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
 }
 
 void SharedIdMonitor::WriteHoldersLocked(const CSharedId& credential) {
+    ExpectLocked(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
     // A list that cannot be written is logged there; a restart would then check the credential in.
@@ -249,6 +259,7 @@ DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const 
 }
 
 DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
+    ExpectLocked(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
     Log(3, kUnregisterTag, L" Start unregistering shared credential.");
     if (!credential.HasSignature()) {
         Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
@@ -365,6 +376,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
 
 bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered,
                                 Listeners& listeners) {
+    ExpectLocked(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
     auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
         std::shared_ptr<CSharedId> live = it->second.weak.lock();
@@ -392,6 +404,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
 }
 
 SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD pid) {
+    ExpectLocked(L"[SharedIdMonitor::InsertAndGetPMEntry]\t called without the monitor lock");
     auto existing = processMap.find(pid);
     if (existing != processMap.end()) return existing;
 

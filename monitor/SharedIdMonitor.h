@@ -127,23 +127,14 @@ private:
     // Tells each listener of the copy, outside the lock.
     void TellAdded(const Listeners& listeners, DWORD pid) const;
     void TellRemoved(const Listeners& listeners, DWORD pid) const;
-    // Enters the monitor lock and keeps the count of holders beside it.
-    class LockGuard {
+    class LockGuard : public NS_Utils::CritSecGuard {
     public:
-        explicit LockGuard(SharedIdMonitor& monitor) : m_monitor(monitor) {
-            m_monitor.m_lock.Enter();
-            ++m_monitor.m_lockHolders;
-        }
-        LockGuard(const LockGuard&) = delete;
-        LockGuard& operator=(const LockGuard&) = delete;
-        ~LockGuard() {
-            --m_monitor.m_lockHolders;
-            m_monitor.m_lock.Leave();
-        }
-
-    private:
-        SharedIdMonitor& m_monitor;
+        explicit LockGuard(SharedIdMonitor& monitor) : CritSecGuard(monitor.m_lock) {}
     };
+    // End the process, with `call` in the log, unless the caller holds the monitor lock (the
+    // "Locked" functions and the map helpers) or runs on the collector's worker.
+    void ExpectLocked(const wchar_t* call) const;
+    void ExpectWorker(const wchar_t* call) const;
 
     SharedIdMonitor();
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
@@ -175,7 +166,8 @@ private:
     // Holds a credential read from its file again for those of its listed holders that still
     // run; false, with the record untouched, when none could be entered.
     [[nodiscard]] bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
-    // `listed`: the files that have a holder list.
+    // The holders in the record's list that still run; none when it has no list (`listed`: the
+    // files that have one, from one listing of the folder).
     std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
     // Worker only: one exchange with the agent, a result per row; transient when memory ran out.
     std::vector<int> CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch);
@@ -199,7 +191,6 @@ private:
     void RefreshCorvinCredLater();
 
     mutable NS_Utils::CriticalSection m_lock;
-    std::atomic<LONG> m_lockHolders{0};
     ProcessMap processMap;
     SignatureMap m_AuthToCredMap;
     std::shared_ptr<NS_Utils::CGarbageCollector> m_gc;

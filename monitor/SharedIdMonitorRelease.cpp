@@ -57,6 +57,7 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
 }
 
 void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
+    ExpectLocked(L"[SharedIdMonitor::ErasePMEntry]\t called without the monitor lock");
     const DWORD pid = entry->first;
     NS_Log::Log(4, L"[SharedIdMonitor::ErasePMEntry]\t unregistering wait for PID (" + std::to_wstring(pid) + L")");
     entry->second.waitInfo->TerminateWait();
@@ -65,6 +66,7 @@ void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
 }
 
 void SharedIdMonitor::OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record) {
+    ExpectWorker(L"[SharedIdMonitor::OnSharedIDReadyForGC]\t called off the collector's worker");
     LockGuard lock(*this);
     auto [it, end] = m_AuthToCredMap.equal_range(signature);
     for (; it != end; ++it) {
@@ -123,6 +125,7 @@ std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& reco
 }
 
 bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running) {
+    ExpectLocked(L"[SharedIdMonitor::AdoptLocked]\t called without the monitor lock");
     std::vector<ProcessMap::iterator> entries;
     for (const HolderProcess& holder : running) {
         auto entry = InsertAndGetPMEntry(holder.pid);
@@ -157,6 +160,7 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
 }
 
 void SharedIdMonitor::FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batch) {
+    ExpectWorker(L"[SharedIdMonitor::FreeSharedIds]\t called off the collector's worker");
     for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!ReachAgent()) {
         for (std::shared_ptr<CSharedId>& credential : batch) KeepForLater(std::move(credential));
@@ -187,6 +191,8 @@ void SharedIdMonitor::FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batc
 }
 
 bool SharedIdMonitor::ReachAgent() {
+    ExpectWorker(L"[SharedIdMonitor::ReachAgent]\t called off the collector's worker");
+    ExpectUnlocked(L"[SharedIdMonitor::ReachAgent]\t the agent called under the monitor lock");
     const bool reachable = m_releaser.Init();
     m_checkIns.SetAgentReachable(reachable);
     if (reachable && m_keptFiles.exchange(false)) {
@@ -216,6 +222,7 @@ void SharedIdMonitor::Forget(std::shared_ptr<CSharedId> credential) {
 }
 
 void SharedIdMonitor::LetGo(std::shared_ptr<CSharedId> credential) {
+    ExpectWorker(L"[SharedIdMonitor::LetGo]\t called off the collector's worker");
     m_checkIns.Finished(*credential);
     // The record is gone before the count says so: whoever waits for 0 finds nothing left over.
     credential.reset();
@@ -230,6 +237,7 @@ void SharedIdMonitor::QueueAgentProbe() {
 }
 
 void SharedIdMonitor::ProbeAgent() {
+    ExpectWorker(L"[SharedIdMonitor::ProbeAgent]\t called off the collector's worker");
     const DWORD pauseMs = std::max<DWORD>(KelSettingsImpl::GetFreeSharedIdWaitTime(), kAgentProbeFloorMs);
     using Pause = NS_Utils::CGarbageCollector::Pause;
     const Pause pause = m_gc->PauseUnlessWork(pauseMs);
@@ -241,6 +249,7 @@ void SharedIdMonitor::ProbeAgent() {
 }
 
 std::vector<int> SharedIdMonitor::CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch) {
+    ExpectWorker(L"[SharedIdMonitor::CheckIn]\t called off the collector's worker");
     ExpectUnlocked(L"[SharedIdMonitor::FreeSharedId]\t the agent called under the monitor lock");
     HRESULT hrCIRes = S_OK;
     const CCheckInWatch watch(batch.front()->GetSignature() +
