@@ -46,8 +46,9 @@ bool SharedIdReleaser::IsRetryable(int code) {
 void SharedIdReleaser::CheckThread() const {
     // The agent's objects live in the worker's apartment; a call from elsewhere would use them
     // across apartments without marshaling.
-    NS_Utils::FailFastUnless(m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId(),
-                             L"[SharedIdReleaser]\t called off the collector's worker thread");
+    const bool onWorker = m_isWorker ? m_isWorker()
+                                     : m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId();
+    NS_Utils::FailFastUnless(onWorker, L"[SharedIdReleaser]\t called off the collector's worker thread");
 }
 
 bool SharedIdReleaser::Init() {

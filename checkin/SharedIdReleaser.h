@@ -39,6 +39,9 @@ public:
     explicit SharedIdReleaser(DWORD loginPollMs = kLoginPollMs) : m_loginPollMs(loginPollMs) {}
     // Before the worker starts: the login wait pauses through `pause`, so that a stop ends it.
     void SetPause(Pause pause) { m_pause = std::move(pause); }
+    // Before the worker starts: whether the calling thread is the worker. Without it, the first
+    // thread that calls Init is taken for the worker.
+    void SetWorkerRule(std::function<bool()> isWorker) { m_isWorker = std::move(isWorker); }
     SharedIdReleaser(const SharedIdReleaser&) = delete;
     SharedIdReleaser& operator=(const SharedIdReleaser&) = delete;
     ~SharedIdReleaser();
@@ -103,6 +106,7 @@ private:
     std::wstring m_corvinAuthSvcId;
     DWORD m_loginPollMs;
     Pause m_pause = [](DWORD milliseconds) { return ::Sleep(milliseconds), true; };
+    std::function<bool()> m_isWorker;
     DWORD m_workerThreadId = 0;
     bool m_singleRows = false;  // the agent answered several rows with another count once
 };

@@ -34,6 +34,7 @@ std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     monitor->m_gc->SetWorkerExitHook([raw] { raw->m_releaser.Reset(); });
     // A user who never logs on to the agent must not hold up the end of the service.
     monitor->m_releaser.SetPause([gc = monitor->m_gc.get()](DWORD ms) { return gc->WaitUnlessStopping(ms); });
+    monitor->m_releaser.SetWorkerRule([gc = monitor->m_gc.get()] { return gc->IsWorkerThread(); });
     return monitor;
 }
 
