@@ -1,4 +1,5 @@
 #include "common/Poller.h"
+#include "tests/support/FailFastTest.h"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +34,15 @@ TEST(PollerTest, StopBeforeTheFirstWaitOrAnExtraHandleEndsTheLoopAfterOnePoll) {
         ASSERT_EQ(poller.Join(30000), WAIT_OBJECT_0) << byStop;
         EXPECT_EQ(poller.polls, std::vector<DWORD>{1});
     }
+}
+
+// The thread reads its settings without a lock: one made once it runs ends the process.
+TEST(PollerTest, SettingMadeWhileItRunsEndsTheProcess) {
+    testsupport::ExpectFailFast(L"set while the poller runs", [] {
+        RecordingPoller poller;
+        ASSERT_TRUE(poller.Start(nullptr));
+        poller.SetInterval(10);
+    });
 }
 
 }  // namespace
