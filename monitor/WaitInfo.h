@@ -2,7 +2,8 @@
 // A one-shot thread-pool wait on a holder process. It owns the process handle, which is closed
 // with the WaitInfo, and that happens only once the pool can no longer run its callback.
 //
-// Threads: made by the registry under its lock (on the COM thread or the owner's at start);
+// Threads: made by the registry under its lock (on the COM thread, or where files are taken up:
+// the owner's thread at start, the worker when the agent is back);
 // OnWaitDone on a thread-pool thread; TerminateWait under the registry lock on whichever thread
 // erases the process's entry, once (an atomic flag lets only the first through); the free of a
 // wait whose callback may still run on the collector's worker.

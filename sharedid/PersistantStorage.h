@@ -2,11 +2,11 @@
 // One file per registered credential in "%APPDATA%\Kel\Tarrow\", so that a crash of a client, of
 // the service or of the machine never loses a credential that was not checked in.
 //
-// Threads: Persist and WriteHolders under the registry lock (COM thread, wait callbacks, the
-// worker at start-up adoption); EnumCreds, FilesWithHolderLists and ReadHolders on the owner's
-// thread at start or on the worker; Delete on the worker (and under the registry lock when a start
-// finds a second file of one credential); StoredFiles on the COM thread for the
-// status. The folder is fixed at construction; each file belongs to one record, which only one
+// Threads: Persist and WriteHolders under the registry lock (COM thread, wait callbacks, and
+// while files are taken up: the owner's thread at start, the worker when the agent is back);
+// EnumCreds, FilesWithHolderLists and ReadHolders where files are taken up; Delete on the worker
+// (and under the registry lock when files are taken up and one credential has two); StoredFiles
+// on the COM thread for the status. The folder is fixed at construction; each file belongs to one record, which only one
 // thread touches at a time; the error list has a lock of its own.
 
 #include "common/CriticalSection.h"
