@@ -56,7 +56,7 @@ bool SharedIdMonitor::Shutdown() {
     std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor();
     const bool pollerStopped = !leaseMonitor || leaseMonitor->Shutdown();
     // Once the worker has ended, none of the strong references it takes while it runs an item
-    // is left, so the owner's reference is the last and the monitor dies on the owner's thread.
+    // is left, so the monitor never dies on the worker.
     if (!m_gc->Stop() || !pollerStopped) {
         // A thread ended by force may have held the monitor lock: nothing more is taken down.
         (void)new std::shared_ptr<ILeaseWatcher>(std::move(leaseMonitor));

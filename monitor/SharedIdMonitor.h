@@ -51,8 +51,10 @@ public:
     using ProcessMap = std::map<DWORD, ProcessMapValue>;
 
     // The monitor lives in a shared pointer: waits and work items hold weak references to it.
-    // Its owner calls Shutdown on its own thread before dropping the last reference; it must
-    // never be destroyed on the collector's worker thread (the destructor ends the process then).
+    // Its owner calls Shutdown on its own thread before dropping its reference. A wait callback
+    // that runs meanwhile may hold the last one, so after Shutdown the destructor only lets go of
+    // the entries, which is safe on a pool thread; it must never run on the collector's worker
+    // (the destructor ends the process then).
     static std::shared_ptr<SharedIdMonitor> Create();
     SharedIdMonitor(const SharedIdMonitor&) = delete;
     SharedIdMonitor& operator=(const SharedIdMonitor&) = delete;
