@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <string>
 
 class CTarrowModule {
@@ -27,5 +28,6 @@ public:
     [[nodiscard]] static HRESULT RunSwitch(Switch which);
 
 private:
-    DWORD m_mainThreadId = 0;
+    // Set on the main thread, read on any thread that checks or unlocks.
+    std::atomic<DWORD> m_mainThreadId{0};
 };
