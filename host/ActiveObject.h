@@ -22,6 +22,7 @@ public:
         if (m_cookie != 0) return S_FALSE;
         return ::RegisterActiveObject(object, clsid, ACTIVEOBJECT_WEAK, &m_cookie);
     }
+    bool Registered() const noexcept { return m_cookie != 0; }
     HRESULT Revoke() {
         const DWORD cookie = std::exchange(m_cookie, 0);
         return cookie != 0 ? ::RevokeActiveObject(cookie, nullptr) : S_FALSE;

@@ -2,6 +2,7 @@
 
 #include "common/Log.h"
 #include "common/WinHandles.h"
+#include "host/TarrowModule.h"
 
 #include <objbase.h>
 
@@ -45,6 +46,8 @@ HRESULT CCallerSecurity::Build() {
 }
 
 HRESULT CCallerSecurity::Apply() {
+    // Only on the main thread is this known to come before the object is published.
+    CTarrowModule::Instance().ExpectMainThread(L"[CCallerSecurity::Apply]\t called off the main thread");
     HRESULT hr = Build();
     if (SUCCEEDED(hr))
         hr = ::CoInitializeSecurity(Descriptor(), -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,

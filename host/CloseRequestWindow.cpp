@@ -1,12 +1,15 @@
 #include "host/CloseRequestWindow.h"
 
 #include "common/Log.h"
+#include "host/TarrowModule.h"
 
 namespace {
 constexpr const wchar_t* kClassName = L"KEL_Tarrow_Close_Request";
 }
 
 bool CCloseRequestWindow::Create() {
+    // The window's quit goes to the thread that made it: only the main thread's ends the service.
+    CTarrowModule::Instance().ExpectMainThread(L"[CCloseRequestWindow::Create]\t called off the main thread");
     WNDCLASSEXW windowClass{};
     windowClass.cbSize = sizeof(windowClass);
     windowClass.lpfnWndProc = &CCloseRequestWindow::WindowProc;

@@ -56,6 +56,10 @@ CTarrow::~CTarrow() {
 }
 
 bool CTarrow::Shutdown() {
+    // WinMain shuts the object down before it lets go: the destructor's call, on whichever thread
+    // the last Release comes, finds nothing left to take down.
+    if (!m_monitor && m_rotCookie == 0 && !m_activeObject.Registered()) return true;
+    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::Shutdown]\t called off the main thread");
     m_activeObject.Revoke();
     RevokeFromROT();
     if (!m_monitor) return true;
@@ -89,6 +93,8 @@ ULONG CTarrow::Release() {
 }
 
 HRESULT CTarrow::LoadTypeInfo() {
+    // Here rather than in each IDispatch method: all of them come through.
+    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::LoadTypeInfo]\t called off the main thread");
     if (m_typeInfo) return S_OK;
     NS_Utils::ComPtr<ITypeLib> library;
     HRESULT hr = ::LoadTypeLibEx(NS_Registration::TypeLibraryPath().c_str(), REGKIND_NONE, library.put());
@@ -206,6 +212,7 @@ HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
 }
 
 HRESULT CTarrow::RegisterActive() {
+    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RegisterActive]\t called off the main thread");
     HRESULT hr = m_activeObject.Register(static_cast<ITarrowStatus*>(this), CLSID_Tarrow);
     NS_Log::Log(FAILED(hr) ? 1 : 3,
                 L"[CTarrow::RegisterActive]\t Registered as the active object of its class; hr = 0x" + HexResult(hr));
@@ -213,6 +220,7 @@ HRESULT CTarrow::RegisterActive() {
 }
 
 HRESULT CTarrow::RegisterInROT() {
+    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RegisterInROT]\t called off the main thread");
     if (m_rotCookie != 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());
@@ -238,6 +246,7 @@ HRESULT CTarrow::RegisterInROTPatiently() {
 }
 
 HRESULT CTarrow::RevokeFromROT() {
+    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RevokeFromROT]\t called off the main thread");
     if (m_rotCookie == 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());

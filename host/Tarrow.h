@@ -5,7 +5,8 @@
 // every method of both interfaces (a script given ITarrow's IDispatch finds GetStatus).
 //
 // Threads: everything on the main thread, the single-threaded apartment that serves all calls;
-// AddRef and Release from any thread.
+// AddRef and Release from any thread. WinMain shuts the object down on the main thread before it
+// lets its reference go, so the Release that destroys the object does no main-thread work.
 
 #include "common/ComHandles.h"
 #include "host/ActiveObject.h"

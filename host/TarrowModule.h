@@ -1,9 +1,11 @@
 #pragma once
-// The executable's COM module: its lock, which ends the message loop when it drops to zero, and
-// its command line.
+// The executable's COM module: its lock and its command line. The object holds the lock for its
+// life and WinMain holds the object until the message loop has ended, so the lock reaching zero
+// never ends the loop: a WM_QUIT does, from the close-request window or posted to the main thread.
 
 #include <windows.h>
 
+#include <atomic>
 #include <string>
 
 class CTarrowModule {
@@ -12,7 +14,7 @@ public:
 
     // Taken by every live COM object of the server.
     ULONG Lock();
-    // Posts WM_QUIT to the main thread when the last lock goes.
+    // Posts WM_QUIT to the main thread when the last lock goes (after the loop, in this server).
     ULONG Unlock();
     void SetMainThread(DWORD threadId) { m_mainThreadId = threadId; }
     // Ends the process, with `call` in the log, unless called on the main thread (once it is set).
@@ -26,5 +28,6 @@ public:
     [[nodiscard]] static HRESULT RunSwitch(Switch which);
 
 private:
-    DWORD m_mainThreadId = 0;
+    // Set on the main thread, read on any thread that checks or unlocks.
+    std::atomic<DWORD> m_mainThreadId{0};
 };

@@ -4,13 +4,14 @@
 // window, which calls back when their time is over or when the Windows session ends.
 //
 // Threads: Create, WatchFor, StartLeaseMonitor, Shutdown and destruction on the registry owner's
-// thread; AddLeaseExpirationInfo on
-// the registering thread, under the registry lock; Poll, HandleLeaseExpiration and
+// thread, never on the poller thread, which Shutdown waits for; AddLeaseExpirationInfo on the
+// registering thread, under the registry lock; Poll, HandleLeaseExpiration and
 // WaitForUserActionTimerExpiry on the poller thread; OnProcListChanged_ForSharedCredOnNotice and
-// RemoveProcessInfo on whichever thread changes a credential's holders; OnProcessWaitDone and
-// OnSessionEnd on the window's thread; UpdateCredentialsHeld on any thread; ListedRows on the COM
-// thread for the status view. The expiry map has a
-// lock of its own, never held while the registry lock is taken or the window is called.
+// RemoveProcessInfo on the COM thread, whose registrations and releases are the only changes of
+// holders that tell listeners (a holder's exit tells none); OnProcessWaitDone and OnSessionEnd on
+// the window's thread; UpdateCredentialsHeld on any thread; ListedRows on the COM thread for the
+// status view. The expiry map has a lock of its own, never held while the registry lock is taken
+// or the window is called.
 
 #include "common/CriticalSection.h"
 #include "common/Poller.h"
@@ -55,15 +56,13 @@ public:
     void WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry);
 
     void OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential);
-    void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
-        m_ui.RemoveProcessInfo(processId, credential);
-    }
+    void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential);
     void OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential);
     void OnSessionEnd();
     // Tells the window whether any lease is counted; called after the count may have crossed 0.
     void UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount) override;
     // The window's rows, for the status view; never under the registry lock.
-    std::vector<LMListedRow> ListedRows() const override { return m_ui.ListedRows(); }
+    std::vector<LMListedRow> ListedRows() const override;
 
     // Ends the poller thread (ended by force after kStopWaitMs) and asks the window to close.
     // False when the poller was ended by force: it may have held the registry lock.
@@ -74,8 +73,12 @@ public:
     __int64 DeltaTime() const noexcept { return m_deltaTime; }
     size_t PendingCount() const;
 
+protected:
+    void OnStart(void* args) override;
+
 private:
     explicit CLeaseMonitor(Clock clock);
+    void ExpectMapUnlocked() const;
     LMMainUICallbacks MakeCallbacks();
     // Moves out under the map lock, each in map order, the entries before `low` into `stale` and
     // those from `low` up to and including `high` into `due` (none when `high` is before `low`).
@@ -89,6 +92,8 @@ private:
     ExpiryMap m_expiryMap;
     std::atomic<SharedIdMonitor*> m_registry{nullptr};
     Clock m_clock;
+    // Stored by the poller thread itself, so that it never reads it unset.
+    std::atomic<DWORD> m_pollerThreadId{0};
     NS_Utils::CriticalSection m_heldLock;
     bool m_credentialsHeld = false;
     // Last: destroyed first, so that the window's thread has ended before anything its callbacks use.

@@ -30,6 +30,7 @@ constexpr UINT kMsgBlockReason = WM_APP + 3;
 constexpr int kRowHeight = 44;
 constexpr int kIconSize = 32;
 constexpr int kPadding = 6;
+constexpr const wchar_t* kListBoxOffThread = L"[LMMainUI]\t the list box touched off the window's thread";
 
 void Log(unsigned short level, const wchar_t* function, const std::wstring& text) {
     NS_Log::Log(level, L"[LMMainUI::" + std::wstring(function) + L"]" + text);
@@ -54,6 +55,8 @@ LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
 }
 
 LMMainUI::~LMMainUI() {
+    NS_Utils::FailFastUnless(::GetCurrentThreadId() != m_threadId,
+                             L"[LMMainUI::~LMMainUI]\t destroyed on the window's thread, which would wait for itself");
     IssueStop();
     if (!m_thread) return;
     // The stop is posted again in case the thread had not made its queue when it was asked.
@@ -72,7 +75,7 @@ void LMMainUI::EnsureUIThread() {
     if (m_thread && ::WaitForSingleObject(m_thread.get(), 0) == WAIT_TIMEOUT) return;
     Log(3, L"EnsureUIThread", L"\tStarting the UI thread");
     ::ResetEvent(m_startedEvent.get());
-    m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, &m_threadId)));
+    m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, nullptr)));
     // A thread that could not make its windows ends at once; its caller need not wait the full time.
     HANDLE started[] = {m_startedEvent.get(), m_thread.get()};
     DWORD result = m_thread ? ::WaitForMultipleObjects(2, started, FALSE, kStartWaitMs) : WAIT_FAILED;
@@ -82,6 +85,8 @@ void LMMainUI::EnsureUIThread() {
 
 unsigned __stdcall LMMainUI::ThreadProc(void* param) {
     auto* self = static_cast<LMMainUI*>(param);
+    // Stored here, before the thread's first check reads it; its creator's copy could come later.
+    self->m_threadId = ::GetCurrentThreadId();
     // Declared in this order so that the dialog goes before the window that owns it.
     NS_Utils::UniqueWindow parent;
     NS_Utils::UniqueWindow dialog;
@@ -242,23 +247,25 @@ void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, 
 __time64_t LMMainUI::Now() const { return m_callbacks.now ? m_callbacks.now() : _time64(nullptr); }
 
 int LMMainUI::FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const {
+    NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), L"[LMMainUI::FindRowKey]\t the rows read without the row lock");
     for (const auto& [key, row] : m_rows.Rows())
         if (row->GetProcessId() == processId && row->IsFor(credential)) return key;
     return -1;
 }
 
 std::shared_ptr<ProcessInfo> LMMainUI::FirstRowOf(const std::weak_ptr<CSharedId>& credential) const {
+    NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), L"[LMMainUI::FirstRowOf]\t the rows read without the row lock");
     for (const auto& [key, row] : m_rows.Rows())
         if (row->IsFor(credential)) return row;
     return nullptr;
 }
 
-void LMMainUI::ExpectUIThread() const {
-    NS_Utils::FailFastUnless(::GetCurrentThreadId() == m_threadId, L"[LMMainUI]\t the list box touched off the window's thread");
+void LMMainUI::ExpectUIThread(const wchar_t* reason) const {
+    NS_Utils::FailFastUnless(::GetCurrentThreadId() == m_threadId, reason);
 }
 
 void LMMainUI::ListRow(int key) {
-    ExpectUIThread();
+    ExpectUIThread(kListBoxOffThread);
     NS_Utils::CritSecGuard guard(m_lock);
     if (!m_rows.Find(key)) return;
     m_rows.Append(key);
@@ -289,7 +296,7 @@ void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>
 }
 
 void LMMainUI::UnlistRow(int key, DWORD processId) {
-    ExpectUIThread();
+    ExpectUIThread(kListBoxOffThread);
     NS_Utils::CritSecGuard guard(m_lock);
     LRESULT index = m_rows.IndexOf(key);
     if (index == LB_ERR) {
@@ -305,7 +312,7 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
 }
 
 void LMMainUI::CheckItemsOnList() {
-    ExpectUIThread();
+    ExpectUIThread(kListBoxOffThread);
     std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -387,7 +394,7 @@ void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
 }
 
 void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
-    ExpectUIThread();
+    ExpectUIThread(kListBoxOffThread);
     if (item.itemID == static_cast<UINT>(-1)) return;
     std::shared_ptr<ProcessInfo> row;
     {
@@ -430,6 +437,8 @@ void LMMainUI::SetCredentialsHeld(bool held) {
 }
 
 void LMMainUI::ApplyShutdownBlockReason(bool held) {
+    // The reason belongs to a window, and only its own thread may change it.
+    ExpectUIThread(L"[LMMainUI::ApplyShutdownBlockReason]\t the block reason set off the window's thread");
     HWND window = m_dialog ? m_dialog.load() : m_parent.load();
     // Wine answers FALSE to both: the reason is a courtesy to the user, never a condition.
     BOOL ok = held ? ::ShutdownBlockReasonCreate(window, kBlockReason) : ::ShutdownBlockReasonDestroy(window);

@@ -4,11 +4,13 @@
 // countdown each, and reports back through the lease monitor's callbacks when a row's time is
 // over or when the Windows session ends.
 //
-// Threads: construction, destruction, ShowProcessInfo, RemoveProcessInfo and SetCredentialsHeld
-// from the lease monitor's threads (poller, COM thread, wait callbacks); ListedRows from the COM
-// thread for the status view; the window, its timer
-// and the callbacks onExpiryPassed and onSessionEnd on the UI thread. The row list is guarded by
-// the controller's lock; no lock of the registry is held while the window is called.
+// Threads: construction and destruction on the owner's thread, never on the UI thread, which the
+// destructor waits for; ShowProcessInfo from the lease monitor's poller and the COM thread;
+// RemoveProcessInfo from the COM thread; SetCredentialsHeld from the COM thread and the
+// collector's worker (the registry's wait callbacks never reach the window); ListedRows from the
+// COM thread for the status view; the window, its timer and the callbacks onExpiryPassed and
+// onSessionEnd on the UI thread. The row list is guarded by the controller's lock; no lock of the
+// registry is held while the window is called.
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
@@ -51,7 +53,6 @@ public:
     void ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential);
     // Removes the row of that process for that credential; its other credentials keep theirs.
     void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential);
-    void OnSessionEnd();
     void IssueStop();
     // While any credential is registered the window keeps a shutdown block reason, so that
     // Windows lists the service at logoff with a reason instead of ending it unasked.
@@ -82,8 +83,9 @@ private:
     void RunUI(HWND dialog);
     bool OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
-    // Ends the process unless called on the window's thread, the one that may touch the list box.
-    void ExpectUIThread() const;
+    // Ends the process, with `reason` in the log, unless called on the window's thread: the list
+    // box and the windows' shutdown block reason are that thread's alone.
+    void ExpectUIThread(const wchar_t* reason) const;
     void ListRow(int key);
     void UnlistRow(int key, DWORD processId);
     void CheckItemsOnList();
@@ -95,13 +97,15 @@ private:
     std::wstring RowText(const ProcessInfo& row) const;
     void ApplyShutdownBlockReason(bool held);
     void ReportSessionEnd();
+    void OnSessionEnd();
 
     LMMainUICallbacks m_callbacks;
     unsigned m_graceSeconds;
     NS_Utils::UniqueHandle m_startedEvent;
     NS_Utils::CriticalSection m_threadLock;
     NS_Utils::UniqueHandle m_thread;
-    unsigned m_threadId = 0;
+    // Stored by the UI thread itself, so that its own checks never read it before it is set.
+    std::atomic<DWORD> m_threadId{0};
     std::atomic<HWND> m_parent{nullptr};
     std::atomic<HWND> m_dialog{nullptr};
     mutable NS_Utils::CriticalSection m_lock;
