@@ -63,8 +63,6 @@ bool CLeaseMonitor::StartLeaseMonitor(SharedIdMonitor& registry) {
     return Start(this);
 }
 
-void CLeaseMonitor::OnStart(void*) { m_pollerThreadId = ::GetCurrentThreadId(); }
-
 // Taken inside the registry lock (AddLeaseExpirationInfo), so never held on the way back into the
 // registry; nor while the window, which can wait seconds for its thread, is called.
 void CLeaseMonitor::ExpectMapUnlocked() const {
@@ -73,7 +71,7 @@ void CLeaseMonitor::ExpectMapUnlocked() const {
 }
 
 bool CLeaseMonitor::Shutdown() {
-    NS_Utils::FailFastUnless(::GetCurrentThreadId() != m_pollerThreadId,
+    NS_Utils::FailFastUnless(::GetCurrentThreadId() != ThreadId(),
                              L"[CLeaseMonitor::Shutdown]\t called on the poller thread, which would wait for itself");
     CPoller::Stop();
     const bool orderly = Join(kStopWaitMs) != WAIT_TIMEOUT;

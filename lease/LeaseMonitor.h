@@ -73,9 +73,6 @@ public:
     __int64 DeltaTime() const noexcept { return m_deltaTime; }
     size_t PendingCount() const;
 
-protected:
-    void OnStart(void* args) override;
-
 private:
     explicit CLeaseMonitor(Clock clock);
     void ExpectMapUnlocked() const;
@@ -92,8 +89,6 @@ private:
     ExpiryMap m_expiryMap;
     std::atomic<SharedIdMonitor*> m_registry{nullptr};
     Clock m_clock;
-    // Stored by the poller thread itself, so that it never reads it unset.
-    std::atomic<DWORD> m_pollerThreadId{0};
     NS_Utils::CriticalSection m_heldLock;
     bool m_credentialsHeld = false;
     // Last: destroyed first, so that the window's thread has ended before anything its callbacks use.
