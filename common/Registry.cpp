@@ -74,6 +74,12 @@ bool DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueN
     return Succeeded(::RegDeleteKeyValueW(root, subKey, valueName));
 }
 
+bool DeleteRegistryKey(HKEY root, const wchar_t* subKey) {
+    LSTATUS status = ::RegDeleteTreeW(root, subKey);
+    if (status == ERROR_SUCCESS) status = ::RegDeleteKeyW(root, subKey);
+    return status == ERROR_FILE_NOT_FOUND || Succeeded(status);
+}
+
 HRESULT LastRegistryError() { return HRESULT_FROM_WIN32(::GetLastError()); }
 
 }  // namespace NS_Utils

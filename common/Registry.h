@@ -32,6 +32,8 @@ bool WriteRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueN
 // Makes the key (and its parents) when missing.
 bool CreateRegistryKey(HKEY root, const wchar_t* subKey);
 bool DeleteRegistryValue(HKEY root, const wchar_t* subKey, const wchar_t* valueName);
+// Deletes the key with everything under it; true also when it was never there.
+bool DeleteRegistryKey(HKEY root, const wchar_t* subKey);
 // The last error of a failed call above, as the HRESULT a registration switch answers.
 HRESULT LastRegistryError();
 

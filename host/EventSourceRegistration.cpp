@@ -20,8 +20,7 @@ HRESULT RegisterEventSource() {
 }
 
 HRESULT UnregisterEventSource() {
-    LSTATUS status = ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey);
-    return status == ERROR_FILE_NOT_FOUND ? S_OK : HRESULT_FROM_WIN32(status);
+    return NS_Utils::DeleteRegistryKey(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey) ? S_OK : NS_Utils::LastRegistryError();
 }
 
 }  // namespace NS_Registration

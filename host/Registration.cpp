@@ -73,15 +73,6 @@ bool Write(HKEY root, const Entry& entry) {
     return NS_Utils::WriteRegistryString(root, key, entry.valueName, entry.text);
 }
 
-// True when the key is gone, also when it was never there.
-bool DeleteTree(HKEY root, const std::wstring& key) {
-    LSTATUS status = ::RegDeleteTreeW(root, key.c_str());
-    if (status == ERROR_SUCCESS) status = ::RegDeleteKeyW(root, key.c_str());
-    if (status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND) return true;
-    ::SetLastError(static_cast<DWORD>(status));
-    return false;
-}
-
 HRESULT RegisterTypeLibrary(Scope scope) {
     std::wstring path = TypeLibraryPath();
     NS_Utils::ComPtr<ITypeLib> library;
@@ -109,7 +100,7 @@ HRESULT RegisterServer(Scope scope) {
     HKEY root = ClassesRoot(scope, owner);
     if (!root) return E_ACCESSDENIED;
     // The class key is written afresh: nothing of an earlier registration lingers in it.
-    if (!DeleteTree(root, kClassKey)) return NS_Utils::LastRegistryError();
+    if (!NS_Utils::DeleteRegistryKey(root, kClassKey.c_str())) return NS_Utils::LastRegistryError();
     for (const Entry& entry : Entries())
         if (!Write(root, entry)) return NS_Utils::LastRegistryError();
     return RegisterTypeLibrary(scope);
@@ -121,7 +112,7 @@ HRESULT UnregisterServer(Scope scope) {
     if (!root) return E_ACCESSDENIED;
     HRESULT result = UnregisterTypeLibrary(scope);
     for (const std::wstring& key : OwnedKeys()) {
-        if (!DeleteTree(root, key) && SUCCEEDED(result)) result = NS_Utils::LastRegistryError();
+        if (!NS_Utils::DeleteRegistryKey(root, key.c_str()) && SUCCEEDED(result)) result = NS_Utils::LastRegistryError();
     }
     return result;
 }
