@@ -5,9 +5,10 @@
 //
 // Threads: Queued on whichever thread lets a credential go (the COM thread and thread-pool wait
 // callbacks under the registry lock, the lease monitor's and the window's threads without it) and
-// on the owner's thread at start, or on the worker when the agent is back; CheckingIn, Attempted, Finished and SetAgentReachable on the collector's
-// worker; Copy and AgentState on the COM thread for the status. The board's lock is a leaf:
-// nothing is taken or called under it, so it may be taken with the registry lock held.
+// on the owner's thread at start, or on the worker when the agent is back; CheckingIn,
+// Attempted, Finished and SetAgentReachable on the collector's worker; Copy and AgentState on the
+// COM thread for the status. The board's lock is a leaf: nothing is taken or called under it, so
+// it may be taken with the registry lock held.
 
 #include "common/CriticalSection.h"
 #include "monitor/StatusSnapshot.h"

@@ -233,7 +233,6 @@ void PersistantStorage::RemoveOrphanHolderLists() {
 
 std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstring>& known) const {
     std::vector<CSharedId> files;
-    if (m_folder.empty()) return files;
     for (const std::wstring& path : FilePaths(L"*.dat")) {
         if (known.count(path.substr(m_folder.size()))) continue;
         CSharedId record;

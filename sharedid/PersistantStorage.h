@@ -6,8 +6,8 @@
 // while files are taken up: the owner's thread at start, the worker when the agent is back);
 // EnumCreds, FilesWithHolderLists and ReadHolders where files are taken up; Delete on the worker
 // (and under the registry lock when files are taken up and one credential has two); StoredFiles
-// on the COM thread for the status. The folder is fixed at construction; each file belongs to one record, which only one
-// thread touches at a time; the error list has a lock of its own.
+// on the COM thread for the status. The folder is fixed at construction; each file belongs to
+// one record, which only one thread touches at a time; the error list has a lock of its own.
 
 #include "common/CriticalSection.h"
 #include "common/WinHandles.h"
