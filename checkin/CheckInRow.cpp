@@ -56,15 +56,19 @@ void MakeInput(std::span<const CSharedId* const> credentials, NS_Utils::UniqueVa
     target->vt = kVariantArray;
 }
 
-std::vector<LONG> ReadResults(const VARIANT& output) {
+std::vector<LONG> ReadResults(const VARIANT& output, size_t most) {
     SAFEARRAY* array = ResultArray(output);
     LONG lower = 0;
     LONG upper = -1;
     if (!array || ::SafeArrayGetDim(array) != 1 || FAILED(::SafeArrayGetLBound(array, 1, &lower)) ||
         FAILED(::SafeArrayGetUBound(array, 1, &upper)))
         return {};
+    // In 64 bits: an upper bound of LONG_MAX would never end a 32-bit count.
+    const long long count = static_cast<long long>(upper) - lower + 1;
+    if (count <= 0 || static_cast<unsigned long long>(count) > most) return {};
     std::vector<LONG> results;
-    for (LONG i = lower; i <= upper; ++i) {
+    for (long long at = lower; at <= upper; ++at) {
+        LONG i = static_cast<LONG>(at);
         NS_Utils::UniqueVariant element;
         if (FAILED(::SafeArrayGetElement(array, &i, element.put())) ||
             FAILED(::VariantChangeType(element.get(), element.get(), 0, VT_I4)))

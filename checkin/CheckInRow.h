@@ -24,7 +24,8 @@ std::array<std::wstring, 5> MakeRow(const CSharedId& credential);
 void MakeInput(std::span<const CSharedId* const> credentials, NS_Utils::UniqueVariant& input);
 
 // Every element of a one-dimensional array of VARIANTs, each as a 32-bit integer. Empty when
-// the output holds no such array or an element is not a number.
-std::vector<LONG> ReadResults(const VARIANT& output);
+// the output holds no such array, an element is not a number, or it holds more than `most`: an
+// agent's bounds are not trusted to be small.
+std::vector<LONG> ReadResults(const VARIANT& output, size_t most);
 
 }  // namespace NS_CheckInRow

@@ -34,15 +34,6 @@ VARIANT BoolScope(VARIANT_BOOL value) {
 
 SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); }
 
-bool SharedIdReleaser::IsRetryable(int code) {
-    switch (code) {
-    case 5: case 7: case 8: case 37: case 41: case 43: case kStopped: case kAgentGone:
-        return true;
-    default:
-        return false;
-    }
-}
-
 void SharedIdReleaser::CheckThread() const {
     // The agent's objects live in the worker's apartment; a call from elsewhere would use them
     // across apartments without marshaling.
@@ -108,33 +99,35 @@ bool SharedIdReleaser::CreateScriptSupport() {
     return true;
 }
 
-int SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes) {
+NS_CheckIn::RowOutcome SharedIdReleaser::ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes) {
     const CSharedId* const one[] = {&credential};
-    const std::vector<int> results = Exchange(one, hrCIRes);
-    // One row is always answered, with kUnexpectedAnswer when the count was not one.
-    return results.empty() ? kUnexpectedAnswer : results.front();
+    NS_CheckIn::RowOutcome outcome;
+    (void)Exchange(one, {&outcome, 1}, hrCIRes);  // one row is always answered or not at all
+    return outcome;
 }
 
-std::vector<int> SharedIdReleaser::ReleaseCredsInternal(std::span<const CSharedId* const> credentials,
-                                                        HRESULT* hrCIRes) {
-    if (credentials.size() == 1 || m_singleRows) return OnePerCall(credentials, hrCIRes);
-    std::vector<int> results = Exchange(credentials, hrCIRes);
-    if (!results.empty()) return results;
+void SharedIdReleaser::ReleaseCreds(std::span<const CSharedId* const> credentials,
+                                    std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
+    if (credentials.size() == 1 || m_singleRows) return OnePerCall(credentials, outcomes, hrCIRes);
+    if (Exchange(credentials, outcomes, hrCIRes)) return;
     Log(2, kReleaseTag, L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
                             L" rows: they are sent again one per call, and single rows from now on.");
     m_singleRows = true;
-    return OnePerCall(credentials, hrCIRes);
+    for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {};
+    OnePerCall(credentials, outcomes, hrCIRes);
 }
 
-std::vector<int> SharedIdReleaser::OnePerCall(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes) {
-    std::vector<int> results;
-    for (const CSharedId* credential : credentials) results.push_back(ReleaseCredInternal(*credential, hrCIRes));
-    return results;
+void SharedIdReleaser::OnePerCall(std::span<const CSharedId* const> credentials,
+                                  std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
+    // Once the server has gone its objects are dropped: the rows after it wait for new ones.
+    for (size_t i = 0; i < credentials.size() && IsReady(); ++i)
+        (void)Exchange(credentials.subspan(i, 1), outcomes.subspan(i, 1), hrCIRes);
 }
 
-std::vector<int> SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes) {
+bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
+                                std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
     CheckThread();
-    if (!RefreshAccountForCheckIn()) return std::vector<int>(credentials.size(), kStopped);
+    if (!m_checkInAgent || !RefreshAccountForCheckIn()) return true;  // nothing is sent
     // The call's own texts come from the first row: a batch holds rows of one identity server.
     const CSharedId& first = *credentials.front();
     const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(first.GetCorvinAuthSvcUrl());
@@ -149,30 +142,19 @@ std::vector<int> SharedIdReleaser::Exchange(std::span<const CSharedId* const> cr
     const NS_Utils::SecretBstr password(m_corvinPassword);
     NS_Utils::UniqueVariant output;
     LONG nRet = 0;
-    HRESULT hr = E_POINTER;
-    if (m_checkInAgent)
-        hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
-                                     output.get(), &nRet);
+    // From here the rows are on their way: whatever the call does, none of them is unsent.
+    for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {NS_CheckIn::Reply::kNoAnswer, 0};
+    const HRESULT hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
+                                               output.get(), &nRet);
     if (hrCIRes) *hrCIRes = hr;
-    if (IsServerGone(hr, nRet, *output.get())) {
+    const bool unanswered = nRet == 0 && NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty();
+    if (NS_CheckIn::IsServerGone(hr) && unanswered) {
         Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
                                 L"; its objects are made anew for the next attempt.");
         DropAgentObjects();
-        return std::vector<int>(credentials.size(), kAgentGone);
+        return true;
     }
-    return DecideResults(hr, nRet, *output.get(), credentials.size());
-}
-
-bool SharedIdReleaser::IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output) {
-    switch (hr) {
-    case RPC_E_DISCONNECTED:
-    case CO_E_OBJNOTCONNECTED:
-    case __HRESULT_FROM_WIN32(RPC_S_SERVER_UNAVAILABLE):
-    case __HRESULT_FROM_WIN32(RPC_S_CALL_FAILED):
-        return nRet == 0 && NS_CheckInRow::ReadResults(output).empty();
-    default:
-        return false;
-    }
+    return DecideResults(hr, nRet, *output.get(), outcomes);
 }
 
 void SharedIdReleaser::DropAgentObjects() {
@@ -213,20 +195,26 @@ void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
     Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
 }
 
-std::vector<int> SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& output, size_t rows) {
+bool SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& output,
+                                     std::span<NS_CheckIn::RowOutcome> outcomes) {
     if (nRet != 0) {
         Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", nRet = " + std::to_wstring(nRet));
-        return std::vector<int>(rows, nRet);
+        for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {NS_CheckIn::Reply::kAnswered, nRet};
+        return true;
     }
     // A failed call that says nothing else ends here too: without one answer a row is final.
-    const std::vector<LONG> results = NS_CheckInRow::ReadResults(output);
-    if (results.size() != rows) {
-        if (rows > 1) return {};
+    const std::vector<LONG> results = NS_CheckInRow::ReadResults(output, outcomes.size());
+    if (results.size() != outcomes.size()) {
+        if (outcomes.size() > 1) return false;
         Log(2, kReleaseTag, L"]\t The size of  CheckIn result vector is not 1. ");
-        return {kUnexpectedAnswer};
+        outcomes.front() = {NS_CheckIn::Reply::kAnswered, NS_CheckIn::kNoSingleAnswer};
+        return true;
     }
-    for (LONG result : results) Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(result));
-    return std::vector<int>(results.begin(), results.end());
+    for (size_t i = 0; i < results.size(); ++i) {
+        Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(results[i]));
+        outcomes[i] = {NS_CheckIn::Reply::kAnswered, results[i]};
+    }
+    return true;
 }
 
 bool SharedIdReleaser::UpdateCorvinCred() {

@@ -10,10 +10,10 @@
 // Every method checks it, in every build: a call from another thread ends the process.
 
 #include "checkin/AgentInterfaces.h"
+#include "checkin/CheckInDecision.h"
 #include "common/ComHandles.h"
 #include "sharedid/SharedId.h"
 
-#include <climits>
 #include <functional>
 #include <span>
 #include <string>
@@ -21,16 +21,7 @@
 
 class SharedIdReleaser {
 public:
-    // Result of the agent's check-in when the answer did not hold exactly one integer.
-    static constexpr int kUnexpectedAnswer = 1;
-    // The credential was checked out by another identity-server user: give up, forget it.
-    static constexpr int kDifferentUser = 42;
     static constexpr DWORD kLoginPollMs = 5000;
-    // Not sent: the service stopped while the check-in waited for the agent's logon. Retried like
-    // a transient answer, so the credential's file stays for the next start.
-    static constexpr int kStopped = INT_MIN;
-    // Not answered: the agent's server went away during the call. Retried with objects made anew.
-    static constexpr int kAgentGone = INT_MIN + 1;
 
     // Pauses the worker; false when the service is stopping and the caller should give up.
     using Pause = std::function<bool(DWORD milliseconds)>;
@@ -46,9 +37,6 @@ public:
     SharedIdReleaser& operator=(const SharedIdReleaser&) = delete;
     ~SharedIdReleaser();
 
-    // Transient results after which the check-in is tried again later.
-    static bool IsRetryable(int code);
-
     // Initialises COM on this thread and gets whatever of the check-in agent, the state-engine
     // runtime and the script support is not yet held. True only when all three are held.
     [[nodiscard]] bool Init();
@@ -56,13 +44,18 @@ public:
     bool IsReady() const { return m_checkInAgent && m_runtime; }
 
     // One check-in exchange for `credential`; the agent's HRESULT goes to `hrCIRes` (for the log
-    // only). The agent's result code, or kUnexpectedAnswer. Call after Init made it ready.
-    // Throws BstrAllocError when a BSTR cannot be allocated.
-    [[nodiscard]] int ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
-    // The same for several credentials in one call, a row each (the wallet read once): a result
-    // per row, in order. An agent that does not answer one integer per row gets the rows again
-    // one per call, and single rows from then on.
-    std::vector<int> ReleaseCredsInternal(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
+    // only). Answered with the agent's result code, or kNoSingleAnswer when the answer did not hold
+    // one integer. Call after Init made it ready. Throws BstrAllocError when a BSTR cannot be
+    // allocated, and whatever the agent's call throws.
+    [[nodiscard]] NS_CheckIn::RowOutcome ReleaseCredInternal(const CSharedId& credential, HRESULT* hrCIRes);
+    // The same for several credentials in one call, a row each (the wallet read once): an outcome
+    // per row into `outcomes`, in order, written as soon as it is known, so that what a throw
+    // leaves there is still true. A row that no call carried stays kNotSent; one a call carried
+    // that got no answer is kNoAnswer. An agent that does not answer one integer per row gets the
+    // rows again one per call, and single rows from then on; after the server went away, the rows
+    // after it are not sent.
+    void ReleaseCreds(std::span<const CSharedId* const> credentials, std::span<NS_CheckIn::RowOutcome> outcomes,
+                      HRESULT* hrCIRes);
     bool WantsSingleRows() const { return m_singleRows; }
 
     // Refreshes the cached account from the wallet; false, with the cache left as it was, when
@@ -87,12 +80,14 @@ private:
     // False when the service is stopping and nothing should be sent.
     [[nodiscard]] bool RefreshAccountForCheckIn();
     void DeleteGlobalAccountDataBag(const CSharedId& credential);
-    // One call for all rows; empty when the answer does not hold one integer per row of several.
-    std::vector<int> Exchange(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
-    std::vector<int> DecideResults(HRESULT hr, LONG nRet, const VARIANT& output, size_t rows);
-    std::vector<int> OnePerCall(std::span<const CSharedId* const> credentials, HRESULT* hrCIRes);
-    // The call failed because the agent's server is gone: nothing was answered.
-    static bool IsServerGone(HRESULT hr, LONG nRet, const VARIANT& output);
+    // One call for all rows; false, with the rows kNoAnswer, when the agent answered several
+    // rows with another number of results.
+    bool Exchange(std::span<const CSharedId* const> credentials, std::span<NS_CheckIn::RowOutcome> outcomes,
+                  HRESULT* hrCIRes);
+    // False when the answer does not hold one integer per row of several.
+    bool DecideResults(HRESULT hr, LONG nRet, const VARIANT& output, std::span<NS_CheckIn::RowOutcome> outcomes);
+    void OnePerCall(std::span<const CSharedId* const> credentials, std::span<NS_CheckIn::RowOutcome> outcomes,
+                    HRESULT* hrCIRes);
     void DropAgentObjects();
     void CheckThread() const;
 

@@ -17,14 +17,24 @@ void CCheckInBoard::CheckingIn(const CSharedId& credential, __time64_t since) {
     found->second.status.checkingInSince = since;
 }
 
-void CCheckInBoard::Attempted(const CSharedId& credential, int result, __time64_t nextAttempt) {
+void CCheckInBoard::NotSent(const CSharedId& credential) {
+    NS_Utils::CritSecGuard lock(m_lock);
+    auto found = m_pending.find(&credential);
+    if (found == m_pending.end()) return;
+    CredentialStatus& status = found->second.status;
+    status.state = status.attempts ? CredentialStatus::State::Retrying : CredentialStatus::State::WaitingForCheckIn;
+    status.checkingInSince = 0;
+}
+
+void CCheckInBoard::Attempted(const CSharedId& credential, const NS_CheckIn::RowOutcome& outcome,
+                              __time64_t nextAttempt) {
     NS_Utils::CritSecGuard lock(m_lock);
     auto found = m_pending.find(&credential);
     if (found == m_pending.end()) return;
     CredentialStatus& status = found->second.status;
     status.state = CredentialStatus::State::Retrying;
     status.checkingInSince = 0;
-    status.lastResult = result;
+    if (outcome.reply == NS_CheckIn::Reply::kAnswered) status.lastResult = outcome.result;
     ++status.attempts;
     status.nextAttempt = nextAttempt;
 }

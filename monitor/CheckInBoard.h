@@ -5,11 +5,12 @@
 //
 // Threads: Queued on whichever thread lets a credential go (the COM thread and thread-pool wait
 // callbacks under the registry lock, the lease monitor's and the window's threads without it) and
-// on the owner's thread at start, or on the worker when the agent is back; CheckingIn,
+// on the owner's thread at start, or on the worker when the agent is back; CheckingIn, NotSent,
 // Attempted, Finished and SetAgentReachable on the collector's worker; Copy and AgentState on the
 // COM thread for the status. The board's lock is a leaf: nothing is taken or called under it, so
 // it may be taken with the registry lock held.
 
+#include "checkin/CheckInDecision.h"
 #include "common/CriticalSection.h"
 #include "monitor/StatusSnapshot.h"
 #include "sharedid/SharedId.h"
@@ -25,8 +26,10 @@ public:
     void Queued(const CSharedId& credential);
     // The call to the agent began at `since`.
     void CheckingIn(const CSharedId& credential, __time64_t since);
-    // The agent answered with `result`, which is retried at `nextAttempt` at the earliest.
-    void Attempted(const CSharedId& credential, int result, __time64_t nextAttempt);
+    // No call carried it after all: it waits as it did before.
+    void NotSent(const CSharedId& credential);
+    // An attempt that is retried at `nextAttempt` at the earliest; an answer's result is kept.
+    void Attempted(const CSharedId& credential, const NS_CheckIn::RowOutcome& outcome, __time64_t nextAttempt);
     void Finished(const CSharedId& credential);
     // Oldest first.
     std::vector<CredentialStatus> Copy() const;

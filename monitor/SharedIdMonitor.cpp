@@ -28,13 +28,7 @@ bool IsHolder(const CSharedId& credential, DWORD pid) {
 std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     std::shared_ptr<SharedIdMonitor> monitor(new SharedIdMonitor());
     monitor->m_simGC = std::make_unique<SimGC>(monitor);
-    // The agent's objects live in the worker's apartment and are let go there. The worker has
-    // ended before the monitor is destroyed, so the hook never outlives it.
-    SharedIdMonitor* raw = monitor.get();
-    monitor->m_gc->SetWorkerExitHook([raw] { raw->m_releaser.Reset(); });
-    // A user who never logs on to the agent must not hold up the end of the service.
-    monitor->m_releaser.SetPause([gc = monitor->m_gc.get()](DWORD ms) { return gc->WaitUnlessStopping(ms); });
-    monitor->m_releaser.SetWorkerRule([gc = monitor->m_gc.get()] { return gc->IsWorkerThread(); });
+    monitor->m_pipeline.Bind(monitor);
     return monitor;
 }
 
@@ -106,40 +100,13 @@ std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(CSharedId record) {
     // gone is only freed; its file brings it back at the next start.
     return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), [weak = weak_from_this()](CSharedId* raw) {
         std::shared_ptr<CSharedId> released(raw);
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->QueueRelease(std::move(released));
+        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->m_pipeline.Release(std::move(released));
     });
 }
 
-void SharedIdMonitor::QueueRelease(std::shared_ptr<CSharedId> credential) {
-    m_checkIns.Queued(*credential);
-    QueueCheckIn({std::move(credential), true});
-}
-
-void SharedIdMonitor::QueueFreeSharedId(std::shared_ptr<CSharedId> credential) {
-    QueueCheckIn({std::move(credential), false});
-}
-
-void SharedIdMonitor::QueueCheckIn(PendingCheckIn pending) {
-    m_checkInQueue.Push(std::move(pending));
-    // An item per credential: the first to run takes as many as wait, the others find fewer or none.
-    m_gc->Queue([weak = weak_from_this()] {
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->RunCheckIns();
-    });
-}
-
-void SharedIdMonitor::RunCheckIns() {
-    ExpectWorker(L"[SharedIdMonitor::RunCheckIns]\t called off the collector's worker");
-    std::vector<PendingCheckIn> taken = m_checkInQueue.Take(kMaxRowsPerCall);
-    if (taken.empty()) return;
-    std::vector<std::shared_ptr<CSharedId>> batch;
-    for (PendingCheckIn& pending : taken) {
-        if (pending.released) {
-            ShrId_GCVisitor visitor(pending.credential);
-            m_simGC->AcceptVisitor(&visitor);
-        }
-        batch.push_back(std::move(pending.credential));
-    }
-    FreeSharedIds(std::move(batch));
+void SharedIdMonitor::OnCheckInTaken(const std::shared_ptr<CSharedId>& released) {
+    ShrId_GCVisitor visitor(released);
+    m_simGC->AcceptVisitor(&visitor);
 }
 
 DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
@@ -214,7 +181,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
         LeaseIncrease();
     }
-    RefreshCorvinCredLater();
+    m_pipeline.RefreshAccountLater();
     Log(3, kRegisterTag, L" Completed successfully.");
     return kOk;
 }

@@ -4,19 +4,17 @@
 // collector, which checks it in on its own thread. One lock guards both maps.
 //
 // Threads: Register/Unregister/IsCredsRegistered/GetCredsRegistered, AttachLeaseMonitor and Shutdown
-// on the COM thread; OnProcessExit on thread-pool wait callbacks; OnSharedIDReadyForGC, RunCheckIns,
-// FreeSharedIds and every call into the releaser on the collector's worker; GCUncheckedInCredentials on the
-// owner's thread at start and on the worker when the agent is back; LeaseIncrease/LeaseDecrease from any
-// of them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
+// on the COM thread; OnProcessExit on thread-pool wait callbacks; OnCheckInTaken, OnSharedIDReadyForGC
+// and LeaseDecrease from the check-in pipeline on the collector's worker; GCUncheckedInCredentials
+// on the owner's thread at start and on the worker when the agent is back; LeaseIncrease from any of
+// them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
 // OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread; TakeStatusSnapshot on the
 // COM thread. Each takes the monitor lock for the maps and never calls listeners, the window or
-// the agent under it. The check-in board (released credentials) has a leaf lock of its own.
+// the agent under it. Everything on the way back to the identity server is the pipeline's.
 
-#include "checkin/SharedIdReleaser.h"
 #include "common/CriticalSection.h"
 #include "common/GarbageCollector.h"
-#include "monitor/CheckInBoard.h"
-#include "monitor/CheckInQueue.h"
+#include "monitor/CheckInPipeline.h"
 #include "monitor/LeaseWatcher.h"
 #include "monitor/SimGC.h"
 #include "monitor/StatusSnapshot.h"
@@ -31,7 +29,7 @@
 #include <vector>
 
 
-class SharedIdMonitor : public std::enable_shared_from_this<SharedIdMonitor> {
+class SharedIdMonitor final : public std::enable_shared_from_this<SharedIdMonitor>, public ICheckInRegistry {
 public:
     // Results of RegisterSharedCreds and UnregisterSharedCreds, passed to clients unchanged.
     enum Result : DWORD {
@@ -75,17 +73,16 @@ public:
     static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
     void OnProcessExit(const DWORD* pid);
 
+    void OnCheckInTaken(const std::shared_ptr<CSharedId>& released) override;
     void OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record);
     // Takes up every credential file that no live instance claims: a credential whose holder
     // list names a process still running is held again for those processes; the others are
     // queued for check-in. At start (owner's thread), and on the worker when the agent can be
     // reached again after files were kept.
-    [[nodiscard]] bool GCUncheckedInCredentials();
-    // Up to this many credentials go to the agent in one call.
-    static constexpr size_t kMaxRowsPerCall = 64;
+    [[nodiscard]] bool GCUncheckedInCredentials() override;
 
     void LeaseIncrease();
-    void LeaseDecrease();
+    void LeaseDecrease() override;
     LONG LeaseCount() const { return m_leaseCount.load(); }
 
     NS_Utils::CGarbageCollector& Collector() { return *m_gc; }
@@ -113,7 +110,7 @@ public:
 
     // Ends the process, with `call` in the log, when the calling thread holds the monitor lock:
     // listeners, the window and the agent are never called under it.
-    void ExpectUnlocked(const wchar_t* call) const;
+    void ExpectUnlocked(const wchar_t* call) const override;
 
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;
@@ -142,17 +139,6 @@ private:
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
     void ErasePMEntry(ProcessMap::iterator entry);
     std::shared_ptr<CSharedId> MakeCredential(CSharedId record);
-    // Work items hold the monitor weakly: an item that outlives it does nothing.
-    void QueueRelease(std::shared_ptr<CSharedId> credential);
-    void QueueFreeSharedId(std::shared_ptr<CSharedId> credential);
-    void QueueCheckIn(PendingCheckIn pending);
-    // Worker: the collector's work item for credentials waiting for check-in. Takes those at the
-    // front of the check-in queue (one call's worth) and frees them; nothing when an earlier item
-    // took them already.
-    void RunCheckIns();
-    // Worker: one check-in call for the batch (re-queued after a transient failure, one pause
-    // for the call), then each final row's file and the lease count.
-    void FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batch);
     std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
@@ -171,34 +157,13 @@ private:
     // The holders in the record's list that still run; none when it has no list (`listed`: the
     // files that have one, from one listing of the folder).
     std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
-    // Worker only: one exchange with the agent, a result per row; transient when memory ran out.
-    std::vector<int> CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch);
-    static constexpr int kRetryAfterNoMemory = 5;
-    // Worker only: makes what is missing of the agent's objects; true when a check-in can be
-    // tried. The first success after files were kept takes them up.
-    bool ReachAgent();
-    // Worker only: the agent cannot be reached, so the credential is forgotten here and its file
-    // stays for the next start or the agent's return.
-    void KeepForLater(std::shared_ptr<CSharedId> credential);
-    // Worker only: the file is deleted, the record dropped and the lease count lowered.
-    void Forget(std::shared_ptr<CSharedId> credential);
-    // The tail of both: off the status board, the record dropped, the lease count lowered.
-    void LetGo(std::shared_ptr<CSharedId> credential);
-    // Asks for the agent again every retry pause while files are kept and nothing else would.
-    void QueueAgentProbe();
-    void ProbeAgent();
-    static constexpr DWORD kAgentProbeFloorMs = 1000;
-    // Any thread: the identity-server account is read on the worker, never under the monitor
-    // lock on the caller's thread (a call into the agent could let another call in mid-way).
-    void RefreshCorvinCredLater();
-
     mutable NS_Utils::CriticalSection m_lock;
     ProcessMap processMap;
     SignatureMap m_AuthToCredMap;
     std::shared_ptr<NS_Utils::CGarbageCollector> m_gc;
     std::unique_ptr<SimGC> m_simGC;
     PersistantStorage m_storage;
-    SharedIdReleaser m_releaser;
+    CCheckInPipeline m_pipeline{*m_gc, m_storage};
     std::shared_ptr<ILeaseWatcher> LeaseMonitor() const;
     // Outside the monitor lock, after the lease count may have crossed 0.
     void UpdateCredentialsHeld();
@@ -211,13 +176,7 @@ private:
     void CopyHeldLocked(std::vector<CredentialStatus>& held, std::vector<std::weak_ptr<CSharedId>>& records) const;
 
     std::shared_ptr<ILeaseWatcher> m_leaseMonitor;
-    CCheckInBoard m_checkIns;
-    CCheckInQueue m_checkInQueue;
     std::atomic<LONG> m_leaseCount{0};
-    std::atomic<bool> m_corvinRefreshQueued{false};
-    // Files were kept while the agent could not be reached; taken up when it can be again.
-    std::atomic<bool> m_keptFiles{false};
-    std::atomic<bool> m_agentProbeQueued{false};
     // Set when the service stops: ends the logoff's wait for check-ins at once.
     NS_Utils::UniqueHandle m_stopping{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     // Set when the lease count falls: the logoff's wait looks again at once, not at its next pause.

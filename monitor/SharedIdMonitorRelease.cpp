@@ -1,8 +1,7 @@
-// The monitor's release paths: process-exit waits, the collector's callbacks, and the lease count.
+// The monitor's release paths: process-exit waits, the pipeline's callbacks, taking files up, and
+// the lease count.
 
-#include "checkin/KelSettingsImpl.h"
 #include "common/Log.h"
-#include "monitor/CheckInWatch.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -10,7 +9,6 @@
 
 namespace {
 constexpr const wchar_t* kExitTag = L"[SharedIdMonitor::OnProcessExit]\t";
-constexpr const wchar_t* kFreeTag = L"[SharedIdMonitor::FreeSharedId]\t";
 constexpr const wchar_t* kGcTag = L"[SharedIdMonitor::GCUncheckedInCredentials]\t";
 constexpr const wchar_t* kReadyTag = L"[SharedIdMonitor::OnSharedIDReadyForGC]\t";
 }  // namespace
@@ -101,8 +99,7 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
         LeaseIncrease();
         auto credential = std::make_shared<CSharedId>(std::move(record));
-        m_checkIns.Queued(*credential);
-        QueueFreeSharedId(std::move(credential));
+        m_pipeline.CheckInFromFile(std::move(credential));
         ++count;
     }
     NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
@@ -157,125 +154,6 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
     NS_Log::Log(3, kGcTag + std::wstring(L" Held again for its running holders: the shared id with leaseDN = ") +
                        credential->GetLeaseDN());
     return true;
-}
-
-void SharedIdMonitor::FreeSharedIds(std::vector<std::shared_ptr<CSharedId>> batch) {
-    ExpectWorker(L"[SharedIdMonitor::FreeSharedIds]\t called off the collector's worker");
-    for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
-    if (!ReachAgent()) {
-        for (std::shared_ptr<CSharedId>& credential : batch) KeepForLater(std::move(credential));
-        return;
-    }
-    const __time64_t started = ::_time64(nullptr);
-    for (const auto& credential : batch) m_checkIns.CheckingIn(*credential, started);
-    const std::vector<int> results = CheckIn(batch);
-    const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
-    bool retrying = false;
-    for (size_t i = 0; i < batch.size(); ++i) {
-        const int result = i < results.size() ? results[i] : SharedIdReleaser::kUnexpectedAnswer;
-        if (SharedIdReleaser::IsRetryable(result)) {
-            NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit retrying. "
-                                                   L"Will retry checkin. Error code : ") + std::to_wstring(result));
-            m_checkIns.Attempted(*batch[i], result, ::_time64(nullptr) + (pauseMs + 999) / 1000);
-            QueueFreeSharedId(std::move(batch[i]));
-            retrying = true;
-            continue;
-        }
-        if (result == SharedIdReleaser::kDifferentUser)
-            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
-                                                   L"Error code : ") + std::to_wstring(result));
-        Forget(std::move(batch[i]));
-    }
-    // One pause for the call, however many of its rows wait for another attempt.
-    if (retrying) m_gc->WaitUnlessStopping(pauseMs);
-}
-
-bool SharedIdMonitor::ReachAgent() {
-    ExpectWorker(L"[SharedIdMonitor::ReachAgent]\t called off the collector's worker");
-    ExpectUnlocked(L"[SharedIdMonitor::ReachAgent]\t the agent called under the monitor lock");
-    const bool reachable = m_releaser.Init();
-    m_checkIns.SetAgentReachable(reachable);
-    if (reachable && m_keptFiles.exchange(false)) {
-        NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
-        (void)GCUncheckedInCredentials();  // a failure is logged; the next start tries again
-    }
-    return reachable;
-}
-
-void SharedIdMonitor::KeepForLater(std::shared_ptr<CSharedId> credential) {
-    // Not reaching the agent is no answer from it: a deleted file would be a check-in lost.
-    NS_Log::Log(2, kFreeTag + std::wstring(L" The agent cannot be reached; the credential file stays for the next "
-                                           L"start or the agent's return: ") + credential->GetFileName());
-    credential->ReleaseFileClaim();
-    m_keptFiles.store(true);
-    LetGo(std::move(credential));
-    QueueAgentProbe();
-}
-
-void SharedIdMonitor::Forget(std::shared_ptr<CSharedId> credential) {
-    int deleted = m_storage.Delete(*credential);
-    if (deleted != PersistantStorage::kOk)
-        NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
-                           std::to_wstring(deleted));
-    NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
-    LetGo(std::move(credential));
-}
-
-void SharedIdMonitor::LetGo(std::shared_ptr<CSharedId> credential) {
-    ExpectWorker(L"[SharedIdMonitor::LetGo]\t called off the collector's worker");
-    m_checkIns.Finished(*credential);
-    // The record is gone before the count says so: whoever waits for 0 finds nothing left over.
-    credential.reset();
-    LeaseDecrease();
-}
-
-void SharedIdMonitor::QueueAgentProbe() {
-    if (m_agentProbeQueued.exchange(true)) return;
-    m_gc->Queue([weak = weak_from_this()] {
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->ProbeAgent();
-    });
-}
-
-void SharedIdMonitor::ProbeAgent() {
-    ExpectWorker(L"[SharedIdMonitor::ProbeAgent]\t called off the collector's worker");
-    const DWORD pauseMs = std::max<DWORD>(KelSettingsImpl::GetFreeSharedIdWaitTime(), kAgentProbeFloorMs);
-    using Pause = NS_Utils::CGarbageCollector::Pause;
-    const Pause pause = m_gc->PauseUnlessWork(pauseMs);
-    if (pause == Pause::Stopping) return;
-    // Work that came meanwhile goes first (it reaches for the agent itself); the probe follows it.
-    if (pause == Pause::Elapsed) ReachAgent();
-    m_agentProbeQueued.store(false);
-    if (m_keptFiles.load()) QueueAgentProbe();
-}
-
-std::vector<int> SharedIdMonitor::CheckIn(const std::vector<std::shared_ptr<CSharedId>>& batch) {
-    ExpectWorker(L"[SharedIdMonitor::CheckIn]\t called off the collector's worker");
-    ExpectUnlocked(L"[SharedIdMonitor::FreeSharedId]\t the agent called under the monitor lock");
-    HRESULT hrCIRes = S_OK;
-    const CCheckInWatch watch(batch.front()->GetSignature() +
-                              (batch.size() > 1 ? L" and " + std::to_wstring(batch.size() - 1) + L" more" : L""));
-    try {
-        std::vector<const CSharedId*> rows;
-        for (const auto& credential : batch) rows.push_back(credential.get());
-        return m_releaser.ReleaseCredsInternal(rows, &hrCIRes);
-    } catch (const std::bad_alloc&) {
-        // Out of memory for the call's texts: nothing was sent, so the credentials are kept for
-        // another attempt rather than forgotten.
-        NS_Log::Log(1, kFreeTag + std::wstring(L" Out of memory while building the check-in."));
-        return std::vector<int>(batch.size(), kRetryAfterNoMemory);
-    }
-}
-
-void SharedIdMonitor::RefreshCorvinCredLater() {
-    // One refresh waiting is enough however many registrations ask for it.
-    if (m_corvinRefreshQueued.exchange(true)) return;
-    m_gc->Queue([weak = weak_from_this()] {
-        std::shared_ptr<SharedIdMonitor> monitor = weak.lock();
-        if (!monitor) return;
-        monitor->m_corvinRefreshQueued.store(false);
-        monitor->ReachAgent();
-        (void)monitor->m_releaser.UpdateCorvinCred();  // the cache stays as it was
-    });
 }
 
 void SharedIdMonitor::LeaseIncrease() {

@@ -72,7 +72,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     {
         LockGuard lock(*this);
         CopyHeldLocked(snapshot.credentials, records);
-        pending = m_checkIns.Copy();
+        pending = m_pipeline.Board();
         leaseMonitor = m_leaseMonitor;
     }
     ExpectUnlocked(L"[SharedIdMonitor::TakeStatusSnapshot]\t the window asked under the monitor lock");
@@ -82,7 +82,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
     AddFilesOnDisk(snapshot.credentials, m_storage);
     snapshot.service.leaseCount = m_leaseCount.load();
     snapshot.service.queuedWorkItems = m_gc->QueuedCount();
-    snapshot.service.agent = m_checkIns.AgentState();
+    snapshot.service.agent = m_pipeline.AgentState();
     snapshot.service.workerRunning = !m_gc->Broken();
     return snapshot;
 }

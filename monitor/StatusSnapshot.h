@@ -23,7 +23,8 @@ struct CredentialStatus {
     std::wstring fileName;     // the credential file's name, without its folder
     std::vector<HolderStatus> holders;
     State state = State::Held;
-    // Retrying: the agent's last result, the attempts answered with a result that is retried,
+    // Retrying: the agent's last result, the attempts that are to be tried again (answered with a
+    // transient result, or not answered),
     // and the earliest moment of the next one (UTC).
     int lastResult = 0;
     unsigned attempts = 0;

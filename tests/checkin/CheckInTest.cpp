@@ -1,6 +1,7 @@
 // The check-in client against the stand-in agent, over real COM in the test's own prefix.
 
 #include "checkin/AgentRuntime.h"
+#include "checkin/CheckInRow.h"
 #include "checkin/CorvinUrlResolver.h"
 #include "checkin/KelUtils.h"
 #include "checkin/SharedIdReleaser.h"
@@ -61,7 +62,7 @@ protected:
         m_journalStart = standin::JournalLines().size();
         HRESULT hr = E_UNEXPECTED;
         EXPECT_TRUE(m_releaser.Init());
-        return m_releaser.ReleaseCredInternal(record, &hr);
+        return m_releaser.ReleaseCredInternal(record, &hr).result;
     }
 
     static inline std::unique_ptr<NS_Utils::ComApartment> s_com;
@@ -176,6 +177,38 @@ TEST(ThreadRuleDeathTest, ACallUnderTheLockEndsTheProcessAndOnlyTheHolderIsUnder
     testsupport::ExpectFailFast(L"called under the lock, as a test", [&] {
         NS_Utils::FailFastUnless(!lock.HeldByThisThread(), L"called under the lock, as a test");
     });
+}
+
+}  // namespace
+
+namespace {
+
+// An answer of `count` integers whose lower bound is `lower`.
+void Answer(NS_Utils::UniqueVariant& output, LONG lower, ULONG count) {
+    SAFEARRAYBOUND bound{count, lower};
+    NS_Utils::UniqueSafeArray array(::SafeArrayCreate(VT_VARIANT, 1, &bound));
+    ASSERT_NE(array.get(), nullptr);
+    for (ULONG i = 0; i < count; ++i) {
+        LONG at = static_cast<LONG>(static_cast<long long>(lower) + i);
+        VARIANT value{};
+        value.vt = VT_I4;
+        value.lVal = 7;
+        ASSERT_EQ(::SafeArrayPutElement(array.get(), &at, &value), S_OK);
+    }
+    output.get()->parray = array.release();
+    output.get()->vt = VT_ARRAY | VT_VARIANT;
+}
+
+// The agent's answer is read without trusting its shape: any lower bound is read, and more
+// results than rows, or none of the expected type, are no results at all.
+TEST(CheckInRowTest, AnswersOfAnyShapeAreReadOnlyAsFarAsTheRowsGo) {
+    NS_Utils::UniqueVariant three, text;
+    Answer(three, -1, 3);
+    EXPECT_TRUE(NS_CheckInRow::ReadResults(*three.get(), 2).empty());
+    EXPECT_EQ(NS_CheckInRow::ReadResults(*three.get(), 3).size(), 3u);
+    text.get()->vt = VT_BSTR;
+    text.get()->bstrVal = ::SysAllocString(L"0");
+    EXPECT_TRUE(NS_CheckInRow::ReadResults(*text.get(), 1).empty());
 }
 
 }  // namespace

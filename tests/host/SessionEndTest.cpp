@@ -17,13 +17,15 @@ protected:
     }
 };
 
-// Twenty holders, and an agent that takes 300 ms a call: their check-ins meet in the queue and
-// travel together, within the few seconds Windows gives a session's programs.
+// Twenty holders of credentials of two identity servers, and an agent that takes 300 ms a call:
+// their check-ins meet in the queue and travel together, a call per server, within the few
+// seconds Windows gives a session's programs.
 TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
     std::vector<ChildProcess> holders;
     for (int i = 0; i < 20; ++i) {
         holders.push_back(StartHolder());
-        ASSERT_EQ(Register(holders.back().Id(), Credential(L"role-" + std::to_wstring(i))), 0u);
+        const std::wstring role = L"role-" + std::to_wstring(i);
+        ASSERT_EQ(Register(holders.back().Id(), Credential(role, L"acct", i % 2 ? kOtherUrl : kUrl)), 0u);
     }
     standin::SetScript(L"CheckInDelayMs", 300);
     tarrow.reset();

@@ -92,6 +92,42 @@ TEST_F(ReleaseTest, AnAgentThatAnswersOneRowOnlyGetsSingleRows) {
     EXPECT_EQ(CheckIns(), 6u);
 }
 
+// Rows of two identity servers that wait interleaved go in one call per server.
+TEST_F(ReleaseTest, WaitingRowsGoInOneCallPerServer) {
+    NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
+    std::vector<CSharedId> credentials;
+    for (int i = 0; i < 6; ++i)
+        credentials.push_back(Credential(L"mixed-" + std::to_wstring(i), L"acct", i % 2 ? kOtherUrl : kUrl));
+    ReleaseAfter(release.get(), credentials);
+    const std::vector<std::string> calls = standin::JournalLines("CheckIn ");
+    ASSERT_EQ(calls.size(), 2u);
+    for (const std::string& call : calls) EXPECT_NE(call.find(" rows=3 "), std::string::npos) << call;
+}
+
+// However the agent's server went away, a call it did not answer is no answer: the row goes
+// again, with the agent's objects made anew.
+TEST_F(ReleaseTest, EveryWayOfTheServerGoingAwayIsAskedAgain) {
+    // Died, died without executing, call failed without executing, server stopping.
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0x80010007,0x80010012,0x800706BF,0x80080008,0"));
+    ReleaseByExit({Credential(L"gone")});
+    EXPECT_EQ(Calls(), 5u);
+    EXPECT_EQ(CheckIns(), 1u);
+}
+
+// An agent that answers single rows only meets a disconnect on the first of three rows: the two
+// that no call carried go again, each alone, like the one that met it; none is taken as answered.
+TEST_F(ReleaseTest, RowsThatNoCallCarriedAreSentAgain) {
+    standin::SetScript(L"CheckInOutputCount", 1);
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0,0x80010108,0"));
+    NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
+    ReleaseAfter(release.get(), {Credential(L"drop-a"), Credential(L"drop-b"), Credential(L"drop-c")});
+    for (const char* role : {"drop-a", "drop-b", "drop-c"})
+        EXPECT_EQ(standin::JournalLines(std::string("Row cn=") + role).size(), 2u) << role << ": in the batch, then alone";
+    EXPECT_EQ(Calls(), 5u);
+}
+
 // Not reaching the agent is no answer: the credentials are forgotten here and their files kept,
 // until the agent can be reached again.
 TEST_F(ReleaseTest, WithoutTheCheckInObjectFilesAreKeptUntilItIsBack) {

@@ -1,0 +1,207 @@
+#include "monitor/CheckInPipeline.h"
+
+#include "checkin/KelSettingsImpl.h"
+#include "common/FailFast.h"
+#include "common/Log.h"
+#include "monitor/CheckInWatch.h"
+
+#include <algorithm>
+
+namespace {
+constexpr const wchar_t* kFreeTag = L"[SharedIdMonitor::FreeSharedId]\t";
+
+__time64_t SecondsFromNow(DWORD milliseconds) { return ::_time64(nullptr) + (milliseconds + 999) / 1000; }
+}  // namespace
+
+CCheckInPipeline::CCheckInPipeline(NS_Utils::CGarbageCollector& collector, PersistantStorage& storage)
+    : m_collector(collector), m_storage(storage) {
+    // The agent's objects live in the worker's apartment and are let go there. The worker has
+    // ended before the pipeline is destroyed, so the hook never outlives it.
+    m_collector.SetWorkerExitHook([this] { m_releaser.Reset(); });
+    // A user who never logs on to the agent must not hold up the end of the service.
+    m_releaser.SetPause([&collector](DWORD ms) { return collector.WaitUnlessStopping(ms); });
+    m_releaser.SetWorkerRule([&collector] { return collector.IsWorkerThread(); });
+}
+
+template <typename Work>
+void CCheckInPipeline::QueueWork(Work work) {
+    m_collector.Queue([this, weak = m_registry, work = std::move(work)] {
+        if (std::shared_ptr<ICheckInRegistry> registry = weak.lock()) work(*registry);
+    });
+}
+
+void CCheckInPipeline::ExpectWorker(const wchar_t* call) const {
+    NS_Utils::FailFastUnless(m_collector.IsWorkerThread(), call);
+}
+
+void CCheckInPipeline::ExpectUnlocked(const wchar_t* call) const {
+    if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock()) registry->ExpectUnlocked(call);
+}
+
+void CCheckInPipeline::Release(std::shared_ptr<CSharedId> credential) {
+    m_board.Queued(*credential);
+    Enqueue({std::move(credential), true});
+}
+
+void CCheckInPipeline::CheckInFromFile(std::shared_ptr<CSharedId> credential) {
+    m_board.Queued(*credential);
+    Enqueue({std::move(credential), false});
+}
+
+void CCheckInPipeline::Enqueue(PendingCheckIn pending) {
+    m_queue.Push(std::move(pending));
+    QueueRun();
+}
+
+void CCheckInPipeline::QueueRun() {
+    // An item per row queued: the first to run takes as many as wait, the others find fewer or none.
+    QueueWork([this](ICheckInRegistry&) { RunCheckIns(); });
+}
+
+void CCheckInPipeline::RunCheckIns() {
+    ExpectWorker(L"[CCheckInPipeline::RunCheckIns]\t called off the collector's worker");
+    std::vector<PendingCheckIn> taken = m_queue.Take(kMaxRowsPerCall);
+    if (taken.empty()) return;
+    if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
+        for (PendingCheckIn& pending : taken)
+            if (std::exchange(pending.released, false)) registry->OnCheckInTaken(pending.credential);
+    FreeSharedIds(std::move(taken));
+}
+
+void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
+    ExpectWorker(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
+    for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
+    if (!ReachAgent()) {
+        for (PendingCheckIn& pending : batch) KeepForLater(std::move(pending.credential));
+        return;
+    }
+    const __time64_t started = ::_time64(nullptr);
+    for (const PendingCheckIn& pending : batch) m_board.CheckingIn(*pending.credential, started);
+    const std::vector<NS_CheckIn::RowOutcome> outcomes = CheckIn(batch);
+    const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
+    bool pause = std::none_of(outcomes.begin(), outcomes.end(), [](const NS_CheckIn::RowOutcome& outcome) {
+        return outcome.reply != NS_CheckIn::Reply::kNotSent;  // nothing went out: no hurry to try again
+    });
+    std::vector<PendingCheckIn> unsent;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        const NS_CheckIn::RowOutcome& outcome = outcomes[i];
+        std::shared_ptr<CSharedId>& credential = batch[i].credential;
+        switch (NS_CheckIn::Decide(outcome)) {
+        case NS_CheckIn::Action::kSendAgain:
+            m_board.NotSent(*credential);
+            unsent.push_back(std::move(batch[i]));
+            break;
+        case NS_CheckIn::Action::kRetryLater:
+            if (outcome.reply == NS_CheckIn::Reply::kAnswered)
+                NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit "
+                                                       L"retrying. Will retry checkin. Error code : ") +
+                                   std::to_wstring(outcome.result));
+            else
+                NS_Log::Log(2, kFreeTag + std::wstring(L" The agent did not answer the check-in. Will retry checkin."));
+            m_board.Attempted(*credential, outcome, SecondsFromNow(pauseMs));
+            Enqueue(std::move(batch[i]));
+            pause = true;
+            break;
+        case NS_CheckIn::Action::kGiveUp:
+            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
+                                                   L"Error code : ") + std::to_wstring(outcome.result));
+            Forget(std::move(credential));
+            break;
+        case NS_CheckIn::Action::kForget:
+            Forget(std::move(credential));
+            break;
+        }
+    }
+    if (!unsent.empty()) {
+        m_queue.PutBack(std::move(unsent));
+        QueueRun();
+    }
+    // One pause for the call, however many of its rows wait for another attempt.
+    if (pause) (void)m_collector.WaitUnlessStopping(pauseMs);  // a stop ends it: nothing more is sent
+}
+
+std::vector<NS_CheckIn::RowOutcome> CCheckInPipeline::CheckIn(const std::vector<PendingCheckIn>& batch) {
+    ExpectWorker(L"[CCheckInPipeline::CheckIn]\t called off the collector's worker");
+    ExpectUnlocked(L"[CCheckInPipeline::CheckIn]\t the agent called under the monitor lock");
+    std::vector<NS_CheckIn::RowOutcome> outcomes(batch.size());
+    HRESULT hrCIRes = S_OK;
+    try {
+        const CCheckInWatch watch(batch.front().credential->GetSignature() +
+                                  (batch.size() > 1 ? L" and " + std::to_wstring(batch.size() - 1) + L" more" : L""));
+        std::vector<const CSharedId*> rows;
+        for (const PendingCheckIn& pending : batch) rows.push_back(pending.credential.get());
+        m_releaser.ReleaseCreds(rows, outcomes, &hrCIRes);
+    } catch (const std::bad_alloc&) {
+        // Whatever was answered stands; the rest was not sent, or got no answer.
+        NS_Log::Log(1, kFreeTag + std::wstring(L" Out of memory while building the check-in."));
+    } catch (...) {
+        NS_Log::Log(1, kFreeTag + std::wstring(L" The agent's check-in ended with an exception; the rows it did not "
+                                               L"answer are tried again."));
+    }
+    return outcomes;
+}
+
+bool CCheckInPipeline::ReachAgent() {
+    ExpectWorker(L"[CCheckInPipeline::ReachAgent]\t called off the collector's worker");
+    ExpectUnlocked(L"[CCheckInPipeline::ReachAgent]\t the agent called under the monitor lock");
+    const bool reachable = m_releaser.Init();
+    m_board.SetAgentReachable(reachable);
+    if (reachable && m_keptFiles.exchange(false)) {
+        NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
+        if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
+            (void)registry->GCUncheckedInCredentials();  // a failure is logged; the next start tries again
+    }
+    return reachable;
+}
+
+void CCheckInPipeline::KeepForLater(std::shared_ptr<CSharedId> credential) {
+    NS_Log::Log(2, kFreeTag + std::wstring(L" The agent cannot be reached; the credential file stays for the next "
+                                           L"start or the agent's return: ") + credential->GetFileName());
+    credential->ReleaseFileClaim();
+    m_keptFiles.store(true);
+    LetGo(std::move(credential));
+    QueueAgentProbe();
+}
+
+void CCheckInPipeline::Forget(std::shared_ptr<CSharedId> credential) {
+    const int deleted = m_storage.Delete(*credential);
+    if (deleted != PersistantStorage::kOk)
+        NS_Log::Log(1, kFreeTag + std::wstring(L"Failed to delete from persistent storage, return value = ") +
+                           std::to_wstring(deleted));
+    NS_Log::Log(3, kFreeTag + std::wstring(L" Deleting SharedCred."));
+    LetGo(std::move(credential));
+}
+
+void CCheckInPipeline::LetGo(std::shared_ptr<CSharedId> credential) {
+    ExpectWorker(L"[CCheckInPipeline::LetGo]\t called off the collector's worker");
+    m_board.Finished(*credential);
+    // The record is gone before the count says so: whoever waits for 0 finds nothing left over.
+    credential.reset();
+    if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock()) registry->LeaseDecrease();
+}
+
+void CCheckInPipeline::QueueAgentProbe() {
+    if (m_agentProbeQueued.exchange(true)) return;
+    QueueWork([this](ICheckInRegistry&) { ProbeAgent(); });
+}
+
+void CCheckInPipeline::ProbeAgent() {
+    ExpectWorker(L"[CCheckInPipeline::ProbeAgent]\t called off the collector's worker");
+    const DWORD pauseMs = std::max<DWORD>(KelSettingsImpl::GetFreeSharedIdWaitTime(), kAgentProbeFloorMs);
+    using Pause = NS_Utils::CGarbageCollector::Pause;
+    const Pause pause = m_collector.PauseUnlessWork(pauseMs);
+    if (pause == Pause::Stopping) return;
+    // Work that came meanwhile goes first (it reaches for the agent itself); the probe follows it.
+    if (pause == Pause::Elapsed) (void)ReachAgent();
+    m_agentProbeQueued.store(false);
+    if (m_keptFiles.load()) QueueAgentProbe();
+}
+
+void CCheckInPipeline::RefreshAccountLater() {
+    if (m_accountRefreshQueued.exchange(true)) return;
+    QueueWork([this](ICheckInRegistry&) {
+        m_accountRefreshQueued.store(false);
+        (void)ReachAgent();
+        (void)m_releaser.UpdateCorvinCred();  // the cache stays as it was
+    });
+}

@@ -1,0 +1,106 @@
+#pragma once
+// The way back to the identity server. Credentials let go by their holders, or found on disk,
+// wait in a queue; the collector's worker takes a call's worth of one identity server's rows at a
+// time, sends them through the releaser, and decides each row by one table: forgotten (answered
+// finally), given up (another user's), tried again after the pause (a transient answer, or none),
+// or put back untouched (no call carried it). A row is final only when the agent answered it.
+// When the agent cannot be reached at all, credentials are let go here with their files kept,
+// and the agent is asked for again until it answers; then the registry takes the files up.
+//
+// Threads: Release and CheckInFromFile on whichever thread lets a credential go or takes a file
+// up (the COM thread and thread-pool wait callbacks, often under the registry lock; the owner's
+// thread at start; the worker when the agent is back); RefreshAccountLater on any thread; Board
+// and AgentState on the COM thread for the status. Everything else runs on the collector's worker
+// and checks it; the agent is never called under the registry's lock (checked through it). The
+// queue's and the board's locks are leaves, so the first two may be called under the registry's.
+
+#include "checkin/CheckInDecision.h"
+#include "checkin/SharedIdReleaser.h"
+#include "common/GarbageCollector.h"
+#include "monitor/CheckInBoard.h"
+#include "monitor/CheckInQueue.h"
+#include "sharedid/PersistantStorage.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+// What the pipeline tells the registry that owns it; every call on the collector's worker.
+class ICheckInRegistry {
+public:
+    // A credential let go by its holders is taken for check-in: its signature entry goes.
+    virtual void OnCheckInTaken(const std::shared_ptr<CSharedId>& released) = 0;
+    // A credential is no longer the service's to answer for: checked in, given up, or kept on disk.
+    virtual void LeaseDecrease() = 0;
+    // The agent answers again after files were kept: they are taken up.
+    virtual bool GCUncheckedInCredentials() = 0;
+    // Ends the process, with `call` in the log, when the calling thread holds the registry's lock.
+    virtual void ExpectUnlocked(const wchar_t* call) const = 0;
+
+protected:
+    ~ICheckInRegistry() = default;
+};
+
+class CCheckInPipeline {
+public:
+    // Up to this many credentials go to the agent in one call.
+    static constexpr size_t kMaxRowsPerCall = 64;
+    static constexpr DWORD kAgentProbeFloorMs = 1000;
+
+    // `collector` and `storage` outlive the pipeline; its work runs on the collector's worker.
+    CCheckInPipeline(NS_Utils::CGarbageCollector& collector, PersistantStorage& storage);
+    CCheckInPipeline(const CCheckInPipeline&) = delete;
+    CCheckInPipeline& operator=(const CCheckInPipeline&) = delete;
+    // Before any work is queued. The pipeline is a part of the registry: a work item that cannot
+    // lock it does nothing, and one that can keeps the pipeline alive while it runs.
+    void Bind(std::weak_ptr<ICheckInRegistry> registry) { m_registry = std::move(registry); }
+
+    // Let go by its holders: checked in once the worker gets to it.
+    void Release(std::shared_ptr<CSharedId> credential);
+    // Read from a file that nobody holds: checked in, its file deleted once the agent answers.
+    void CheckInFromFile(std::shared_ptr<CSharedId> credential);
+    // The identity-server account is read on the worker (one refresh waiting is enough).
+    void RefreshAccountLater();
+
+    std::vector<CredentialStatus> Board() const { return m_board.Copy(); }
+    ServiceStatus::Agent AgentState() const { return m_board.AgentState(); }
+
+private:
+    void Enqueue(PendingCheckIn pending);
+    void QueueRun();
+    // Worker: one call's worth from the queue; nothing when an earlier item took them already.
+    void RunCheckIns();
+    // Worker: one attempt for the batch, then what the table says for each row, and one pause
+    // for the call when a row waits for another attempt.
+    void FreeSharedIds(std::vector<PendingCheckIn> batch);
+    // Worker: the outcome of each row; rows no call carried stay unsent, whatever went wrong.
+    std::vector<NS_CheckIn::RowOutcome> CheckIn(const std::vector<PendingCheckIn>& batch);
+    // Worker: true when a check-in can be tried. The first success after files were kept has
+    // them taken up.
+    bool ReachAgent();
+    // Worker: not reaching the agent is no answer from it, so the file stays for the next start
+    // or the agent's return.
+    void KeepForLater(std::shared_ptr<CSharedId> credential);
+    void Forget(std::shared_ptr<CSharedId> credential);
+    void LetGo(std::shared_ptr<CSharedId> credential);
+    // Asks for the agent again every retry pause while files are kept and nothing else would.
+    void QueueAgentProbe();
+    void ProbeAgent();
+    void ExpectWorker(const wchar_t* call) const;
+    void ExpectUnlocked(const wchar_t* call) const;
+    // Queues `work` for the worker, run only while the registry lives.
+    template <typename Work>
+    void QueueWork(Work work);
+
+    NS_Utils::CGarbageCollector& m_collector;
+    PersistantStorage& m_storage;
+    std::weak_ptr<ICheckInRegistry> m_registry;
+    SharedIdReleaser m_releaser;
+    CCheckInBoard m_board;
+    CCheckInQueue m_queue;
+    std::atomic<bool> m_accountRefreshQueued{false};
+    // Files were kept while the agent could not be reached; taken up when it can be again.
+    std::atomic<bool> m_keptFiles{false};
+    std::atomic<bool> m_agentProbeQueued{false};
+};
