@@ -7,8 +7,9 @@
 //  3. the median time from a holder's exit to the agent's check-in call beside the same floor,
 //     the time to check in 1,000 credentials left on disk at start (and the part of it that
 //     comes before the service can publish its object), and the end of the session with 20
-//     credentials held against an agent that takes 300 ms a call (time until all are checked
-//     in, and the calls and rows the agent saw).
+//     credentials held against an agent that takes 300 ms a call, of one identity server and of
+//     two whose credentials alternate (time until all are checked in, and the calls and rows the
+//     agent saw).
 //   monitor_bench [exit samples] [holder counts...]
 
 #include "common/Registry.h"
@@ -32,9 +33,9 @@ namespace {
 using bench::Median;
 using bench::Now;
 
-CSharedId Credential(const std::wstring& role) {
+CSharedId Credential(const std::wstring& role, const std::wstring& url = L"https://corvin/auth") {
     CSharedId r;
-    r.SetCorvinAuthSvcUrl(L"https://corvin/auth");
+    r.SetCorvinAuthSvcUrl(url);
     r.SetCorvinAuthSrvId(L"srv");
     r.SetAuthSvcId(L"svc");
     r.SetSharedId(L"acct");
@@ -184,13 +185,14 @@ void MeasureStartUp(int credentials) {
     (void)monitor->Shutdown();
 }
 
-void MeasureLogoff(int credentials, DWORD callMs) {
+void MeasureLogoff(int credentials, DWORD callMs, int servers) {
     std::shared_ptr<SharedIdMonitor> monitor = SharedIdMonitor::Create();
     std::vector<ChildProcess> holders;
     for (int i = 0; i < credentials; ++i) {
         holders.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
         DWORD pid = holders.back().Id();
-        (void)monitor->RegisterSharedCreds(Credential(L"logoff-" + std::to_wstring(i)), &pid);
+        const std::wstring url = i % servers ? L"https://corvin-b/auth" : L"https://corvin/auth";
+        (void)monitor->RegisterSharedCreds(Credential(L"logoff-" + std::to_wstring(i), url), &pid);
     }
     ::Sleep(kSettleMs);
     standin::SetScript(L"CheckInDelayMs", callMs);
@@ -198,9 +200,9 @@ void MeasureLogoff(int credentials, DWORD callMs) {
     double start = Now();
     monitor->OnWndSessionEnd();
     double done = Now() - start;
-    std::printf("end of the session, %d credentials, %lu ms a call: all checked in after %8.1f ms, in %zu calls "
-                "(%zu rows)\n", credentials, static_cast<unsigned long>(callMs), done, CheckInsJournaled() - calls,
-                RowsJournaled() - rows);
+    std::printf("end of the session, %d credentials of %d server(s), %lu ms a call: all checked in after %8.1f ms, "
+                "in %zu calls (%zu rows)\n", credentials, servers, static_cast<unsigned long>(callMs), done,
+                CheckInsJournaled() - calls, RowsJournaled() - rows);
     standin::SetScript(L"CheckInDelayMs", DWORD{0});
     (void)monitor->Shutdown();
 }
@@ -234,6 +236,7 @@ int wmain(int argc, wchar_t** argv) {
     (void)monitor->Shutdown();
     monitor.reset();
     MeasureStartUp(1000);
-    MeasureLogoff(20, 300);
+    MeasureLogoff(20, 300, 1);
+    MeasureLogoff(20, 300, 2);
     return 0;
 }

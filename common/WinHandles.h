@@ -57,6 +57,13 @@ struct FindHandleTraits {
     static void Close(HANDLE h) noexcept { ::FindClose(h); }
 };
 
+struct ChangeNotificationTraits {
+    using type = HANDLE;
+    static HANDLE Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+    static bool IsValid(HANDLE h) noexcept { return h != nullptr && h != INVALID_HANDLE_VALUE; }
+    static void Close(HANDLE h) noexcept { ::FindCloseChangeNotification(h); }
+};
+
 struct RegKeyTraits {
     using type = HKEY;
     static HKEY Invalid() noexcept { return nullptr; }
@@ -84,6 +91,8 @@ using UniqueArgv = UniqueResource<ArgvTraits>;
 // A library loaded with LoadLibrary(Ex), freed with it.
 using UniqueModule = UniqueResource<ModuleTraits>;
 using UniqueFindHandle = UniqueResource<FindHandleTraits>;
+// A folder's change notification, from FindFirstChangeNotification.
+using UniqueChangeNotification = UniqueResource<ChangeNotificationTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 
 // Holds a named mutex between a successful wait and the end of the scope.

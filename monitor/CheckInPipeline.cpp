@@ -58,8 +58,14 @@ void CCheckInPipeline::QueueRun() {
     QueueWork([this](ICheckInRegistry&) { RunCheckIns(); });
 }
 
+void CCheckInPipeline::ResumeCheckIns() {
+    m_held.store(false);
+    QueueRun();
+}
+
 void CCheckInPipeline::RunCheckIns() {
     ExpectWorker(L"[CCheckInPipeline::RunCheckIns]\t called off the collector's worker");
+    if (m_held.load()) return;  // the resume queues a run of its own
     std::vector<PendingCheckIn> taken = m_queue.Take(kMaxRowsPerCall);
     if (taken.empty()) return;
     if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())

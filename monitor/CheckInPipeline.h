@@ -62,6 +62,11 @@ public:
     void CheckInFromFile(std::shared_ptr<CSharedId> credential);
     // The identity-server account is read on the worker (one refresh waiting is enough).
     void RefreshAccountLater();
+    // Any thread: while held, waiting rows are not sent, so that rows let go together (the end of
+    // the session ends every holder at once) gather into one call per server instead of the first
+    // going alone. Resuming sends what waits.
+    void HoldCheckIns() { m_held.store(true); }
+    void ResumeCheckIns();
 
     std::vector<CredentialStatus> Board() const { return m_board.Copy(); }
     ServiceStatus::Agent AgentState() const { return m_board.AgentState(); }
@@ -103,4 +108,5 @@ private:
     // Files were kept while the agent could not be reached; taken up when it can be again.
     std::atomic<bool> m_keptFiles{false};
     std::atomic<bool> m_agentProbeQueued{false};
+    std::atomic<bool> m_held{false};
 };

@@ -99,6 +99,9 @@ public:
     static constexpr UINT kTerminatedExitCode = 8976;
     static constexpr DWORD kLogoffPauseMs = 2000;
     static constexpr DWORD kLogoffWaitMs = 120000;
+    // How long the end of the session waits for the holders it ended to be gone before their
+    // check-ins are sent, so that they go together.
+    static constexpr DWORD kLogoffGatherMs = 1000;
     // Ends every holder of the credential; their exits release it.
     void OnLeaseExpired(const std::weak_ptr<CSharedId>& expired);
     // The session ends: ends every holder, then waits (bounded) until every lease is checked in.
@@ -171,6 +174,8 @@ private:
     // ignore the result.
     static bool TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag);
     void WaitForCheckIns();
+    // Until every registered process is gone (its exit handled), the deadline, or a stop.
+    void WaitForHoldersGone(DWORD milliseconds);
     // Under the monitor lock: the live credentials, and beside each its record for matching the
     // window's rows once the lock is left.
     void CopyHeldLocked(std::vector<CredentialStatus>& held, std::vector<std::weak_ptr<CSharedId>>& records) const;

@@ -91,10 +91,21 @@ void SharedIdMonitor::OnWndSessionEnd() {
         LockGuard lock(*this);
         for (const auto& entry : processMap) pids.push_back(entry.first);
     }
-    // Each look-up takes the lock on its own: exit callbacks and check-ins go on meanwhile.
+    // Each look-up takes the lock on its own: exit callbacks go on meanwhile, and their
+    // check-ins wait until all have come, then go a call per server.
+    m_pipeline.HoldCheckIns();
     for (DWORD pid : pids) TerminateHolder(pid, DuplicateProcessHandle(pid).get(), kSessionEndTag);
+    WaitForHoldersGone(kLogoffGatherMs);
+    m_pipeline.ResumeCheckIns();
     WaitForCheckIns();
     NS_Log::Log(3, kSessionEndTag + std::wstring(L" OnEndSession ended."));
+}
+
+void SharedIdMonitor::WaitForHoldersGone(DWORD milliseconds) {
+    constexpr DWORD kLookEveryMs = 5;
+    const ULONGLONG deadline = ::GetTickCount64() + milliseconds;
+    while (ProcessCount() > 0 && ::GetTickCount64() < deadline)
+        if (::WaitForSingleObject(m_stopping.get(), kLookEveryMs) == WAIT_OBJECT_0) return;
 }
 
 void SharedIdMonitor::WaitForCheckIns() {
