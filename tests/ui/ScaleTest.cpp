@@ -7,6 +7,7 @@
 #include "common/ModulePath.h"
 #include "common/Registry.h"
 #include "tests/support/TestSupport.h"
+#include "tests/ui/VisibleWindow.h"
 #include "ui/UiHandles.h"
 
 #include <gtest/gtest.h>
@@ -21,27 +22,6 @@ namespace {
 
 constexpr int kListId = 201;
 constexpr int kTextId = 202;
-
-HWND VisibleWindowOf(DWORD pid, const wchar_t* windowClass) {
-    struct Search {
-        DWORD pid;
-        const wchar_t* windowClass;
-        HWND found;
-    } search{pid, windowClass, nullptr};
-    ::EnumWindows([](HWND window, LPARAM param) -> BOOL {
-        auto& wanted = *reinterpret_cast<Search*>(param);
-        DWORD process = 0;
-        wchar_t kind[64] = {};
-        ::GetWindowThreadProcessId(window, &process);
-        ::GetClassNameW(window, kind, 64);
-        if (process != wanted.pid || !::IsWindowVisible(window) ||
-            (wanted.windowClass && std::wstring(kind) != wanted.windowClass))
-            return TRUE;
-        wanted.found = window;
-        return FALSE;
-    }, reinterpret_cast<LPARAM>(&search));
-    return search.found;
-}
 
 // The item's text as another process reads it.
 std::wstring ItemText(HWND list, int index) {
@@ -175,7 +155,7 @@ protected:
         m_window = testsupport::ChildProcess::Start(L"tarrow_windowchild.exe", arguments);
         HWND dialog = nullptr;
         EXPECT_TRUE(testsupport::WaitUntil([&] {
-            dialog = VisibleWindowOf(m_window.Id(), L"#32770");
+            dialog = testsupport::VisibleWindowOf(m_window.Id(), L"#32770");
             return dialog && ::SendMessageW(::GetDlgItem(dialog, kListId), LB_GETCOUNT, 0, 0) == rows;
         })) << "the window child showed no rows";
         return dialog;
@@ -188,7 +168,7 @@ protected:
 TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
     testsupport::ChildProcess notepad = testsupport::ChildProcess::Start(L"C:\\windows\\system32\\notepad.exe", L"");
     ASSERT_TRUE(notepad.Valid());
-    ASSERT_TRUE(testsupport::WaitUntil([&] { return VisibleWindowOf(notepad.Id(), nullptr) != nullptr; }));
+    ASSERT_TRUE(testsupport::WaitUntil([&] { return testsupport::VisibleWindowOf(notepad.Id(), nullptr) != nullptr; }));
     const std::wstring folder = NS_Utils::ExecutableFolder() + L"..\\screenshots\\";
     ::CreateDirectoryW(folder.c_str(), nullptr);
     std::vector<LRESULT> heights;

@@ -5,6 +5,7 @@
 // --dpi-change: once the window shows, it hears WM_DPICHANGED with a suggested place that runs
 // off the bottom right of the work area, as when it is dragged onto a monitor of another scale.
 
+#include "tests/ui/VisibleWindow.h"
 #include "ui/LMMainUI.h"
 
 #include <cwchar>
@@ -21,20 +22,6 @@ HANDLE Duplicate(HANDLE process) {
     HANDLE copy = nullptr;
     ::DuplicateHandle(::GetCurrentProcess(), process, ::GetCurrentProcess(), &copy, 0, FALSE, DUPLICATE_SAME_ACCESS);
     return copy;
-}
-
-HWND OwnVisibleDialog() {
-    HWND found = nullptr;
-    ::EnumWindows([](HWND window, LPARAM param) -> BOOL {
-        DWORD process = 0;
-        wchar_t kind[16] = {};
-        ::GetWindowThreadProcessId(window, &process);
-        ::GetClassNameW(window, kind, 16);
-        if (process != ::GetCurrentProcessId() || std::wstring(kind) != L"#32770" || !::IsWindowVisible(window)) return TRUE;
-        *reinterpret_cast<HWND*>(param) = window;
-        return FALSE;
-    }, reinterpret_cast<LPARAM>(&found));
-    return found;
 }
 
 }  // namespace
@@ -68,7 +55,10 @@ int wmain(int argc, wchar_t** argv) {
         ui.ShowProcessInfo(holder.pid, NS_Utils::UniqueHandle(Duplicate(holder.process.get())), credential);
     if (dpiChange) {
         HWND dialog = nullptr;
-        for (int tries = 0; tries < 300 && !(dialog = OwnVisibleDialog()); ++tries) ::Sleep(100);
+        for (int tries = 0; tries < 300 && !dialog; ++tries) {
+            dialog = testsupport::VisibleWindowOf(::GetCurrentProcessId(), L"#32770");
+            if (!dialog) ::Sleep(100);
+        }
         if (!dialog) return 3;
         RECT window{}, work{};
         ::GetWindowRect(dialog, &window);
