@@ -146,6 +146,8 @@ void LMMainUI::RunUI(HWND dialog) {
     Log(3, L"ThreadProc", L"\t Signalled the started event. ");
     MSG msg;
     while (::GetMessageW(&msg, nullptr, 0, 0) > 0) {
+        // A modeless dialog gets its keyboard interface (tab order, focus, the list's keys) here.
+        if (::IsDialogMessageW(dialog, &msg)) continue;
         ::TranslateMessage(&msg);
         ::DispatchMessageW(&msg);
     }

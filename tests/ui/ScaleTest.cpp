@@ -219,7 +219,15 @@ TEST_F(ScaleTest, KeyboardAndScreenReadersReachTheRowsAndTheirCountdown) {
     HWND list = ::GetDlgItem(dialog, kListId);
     LONG_PTR style = ::GetWindowLongPtrW(list, GWL_STYLE);
     EXPECT_NE(style & LBS_HASSTRINGS, 0);
-    EXPECT_EQ(::GetNextDlgTabItem(dialog, nullptr, FALSE), list) << "the keyboard lands on the list";
+    EXPECT_EQ(::GetNextDlgTabItem(dialog, nullptr, FALSE), list) << "the list is the first tab stop";
+    GUITHREADINFO gui{};
+    gui.cbSize = sizeof(gui);
+    EXPECT_TRUE(testsupport::WaitUntil([&] {
+        return ::GetGUIThreadInfo(::GetWindowThreadProcessId(dialog, nullptr), &gui) && gui.hwndFocus == list;
+    }, 5000)) << "the keyboard lands on the list";
+    ::PostMessageW(list, WM_KEYDOWN, VK_DOWN, 0);
+    EXPECT_TRUE(testsupport::WaitUntil([&] { return ::SendMessageW(list, LB_GETCURSEL, 0, 0) == 0; }, 5000))
+        << "the arrow keys walk the rows";
     EXPECT_EQ(::GetWindow(list, GW_HWNDPREV), ::GetDlgItem(dialog, kTextId)) << "the explanation labels the list";
 
     // A screen reader names a list after the static text before it; Wine 8 cannot be asked
