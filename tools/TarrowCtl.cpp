@@ -1,18 +1,5 @@
-// tarrowctl: talks to the running Tarrow service of this session.
-//
-//   tarrowctl register (--pid N | --hold | --hold-for MS) [text options] [--flag true|false|N]
-//   tarrowctl release --pid N --url U --auth-svc-id A --role R
-//   tarrowctl query [--pid N] --url U --auth-svc-id A --role R [--own-only] [--show-aux2]
-//   tarrowctl status [--csv]
-//   tarrowctl --version
-//
-// Text options of register: --url --srv-id --aux1 --auth-svc-id --shared-id --aux2 --role --aux4
-// --lease-dn --lease-expiry --aux3 --aux6. --hold starts a holder process, leaves it running and
-// prints its id; --hold-for does the same with a holder that exits after MS milliseconds. The exit code is the service's result (query: 0 found, 1 not found); 100 means
-// bad arguments, 101 that the service is not running, 102 that the call failed. The record's
-// memory-only text (auxText2) is printed only with --show-aux2: it is not for a shared screen.
-// status prints what the service holds and what waits for check-in, as a table, or with --csv as
-// one line per credential under a header (exit 0; 101 when the service is not running).
+// tarrowctl: talks to the running Tarrow service of this session. `tarrowctl help` prints the
+// commands, options and exit codes (kHelp below is the one description of them).
 
 #include "common/ComHandles.h"
 #include "common/ModulePath.h"
@@ -210,10 +197,45 @@ int Status(ITarrow* tarrow, const Options& options) {
     return 0;
 }
 
-int Usage() {
-    return Fail(kBadArguments,
-                L"usage: tarrowctl register|release|query|status [options] | --version (see the program's header)");
+constexpr wchar_t kHelp[] =
+    L"usage: tarrowctl COMMAND [options]\n"
+    L"\n"
+    L"Talks to the Tarrow service running in this session.\n"
+    L"\n"
+    L"Commands:\n"
+    L"  register (--pid N | --hold | --hold-for MS) [text options] [--flag true|false|N]\n"
+    L"      registers a credential for process N. --hold starts a holder process that stays until\n"
+    L"      it is ended and prints its id; --hold-for starts one that exits after MS milliseconds.\n"
+    L"      Text options: --url --srv-id --aux1 --auth-svc-id --shared-id --aux2 --role --aux4\n"
+    L"      --lease-dn --lease-expiry (UTC, YYYYMMDDThhmmssZ) --aux3 --aux6.\n"
+    L"  release --pid N --url U --auth-svc-id A --role R\n"
+    L"      process N lets go of the credential.\n"
+    L"  query [--pid N] --url U --auth-svc-id A --role R [--own-only] [--show-aux2]\n"
+    L"      prints the credential's record; with --own-only only when process N (this process\n"
+    L"      without --pid) holds it. The memory-only text (auxText2) is printed only with\n"
+    L"      --show-aux2: it is not for a shared screen.\n"
+    L"  status [--csv]\n"
+    L"      prints what the service holds and what waits for check-in, as a table, or with\n"
+    L"      --csv as one line per credential under a header.\n"
+    L"  --version\n"
+    L"      prints the version.\n"
+    L"  help, --help, -h, /?\n"
+    L"      prints this text.\n"
+    L"\n"
+    L"Exit codes:\n"
+    L"  register, release: the service's result (0 success, 1 process entry failed, 2 process id 0,\n"
+    L"      4 record incomplete, 5 no live credential, 7 process not registered, 8 empty signature)\n"
+    L"  query: 0 found, 1 not found\n"
+    L"  status, --version, help: 0\n"
+    L"  100 bad arguments\n"
+    L"  101 the service is not running in this session\n"
+    L"  102 the call to the service failed\n";
+
+bool IsHelp(const std::wstring& command) {
+    return command == L"help" || command == L"--help" || command == L"-h" || command == L"/?";
 }
+
+int Usage() { return Fail(kBadArguments, L"usage: tarrowctl register|release|query|status [options]; tarrowctl help explains"); }
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
@@ -221,6 +243,10 @@ int wmain(int argc, wchar_t** argv) {
     std::wstring command = argv[1];
     if (command == L"hold") {
         ::Sleep(argc > 2 ? static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)) : INFINITE);
+        return 0;
+    }
+    if (IsHelp(command)) {
+        Write(stdout, kHelp);
         return 0;
     }
     if (command == L"--version") {

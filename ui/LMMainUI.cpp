@@ -11,6 +11,7 @@
 #include <process.h>
 
 #include <algorithm>
+#include <map>
 
 namespace {
 
@@ -27,9 +28,12 @@ constexpr UINT kTickMs = 5000;
 constexpr UINT kMsgRowAdded = WM_APP + 1;
 constexpr UINT kMsgRowRemoved = WM_APP + 2;
 constexpr UINT kMsgBlockReason = WM_APP + 3;
-constexpr int kRowHeight = 44;
-constexpr int kIconSize = 32;
-constexpr int kPadding = 6;
+// Posted to itself on a DPI change: the dialog manager rescales the font and the controls after
+// WM_DPICHANGED has been handled, and the rows are measured from the new font.
+constexpr UINT kMsgDpiChanged = WM_APP + 4;
+// Sizes at 96 DPI, scaled to the window's DPI.
+constexpr int kIconSizeAt96 = 32;
+constexpr int kMarginAt96 = 6;
 constexpr const wchar_t* kListBoxOffThread = L"[LMMainUI]\t the list box touched off the window's thread";
 
 void Log(unsigned short level, const wchar_t* function, const std::wstring& text) {
@@ -44,6 +48,36 @@ std::wstring Message(const wchar_t* key) {
 
 std::wstring Labelled(const std::wstring& label, const std::wstring& value) {
     return label.empty() ? value : label + L": " + value;
+}
+
+// The window's DPI: GetDpiForWindow where the system has it (Windows 10 1607 and later), looked up
+// at run time so that the program still starts where it is missing; the DPI of the window's
+// screen otherwise.
+int WindowDpi(HWND window) {
+    using GetDpiForWindowFunction = UINT(WINAPI*)(HWND);
+    static const auto getDpiForWindow = reinterpret_cast<GetDpiForWindowFunction>(
+        reinterpret_cast<void (*)()>(::GetProcAddress(::GetModuleHandleW(L"user32.dll"), "GetDpiForWindow")));
+    if (getDpiForWindow)
+        if (UINT dpi = getDpiForWindow(window)) return static_cast<int>(dpi);
+    NS_Utils::WindowDC dc(window);
+    int dpi = dc.get() ? ::GetDeviceCaps(dc.get(), LOGPIXELSY) : 0;
+    return dpi > 0 ? dpi : USER_DEFAULT_SCREEN_DPI;
+}
+
+// Moves the dialog's top-left corner to `corner`, pulled back as far as needed to keep the whole
+// dialog inside the work area of `monitor`.
+void MoveIntoWorkArea(HWND dialog, POINT corner, HMONITOR monitor, HWND insertAfter, UINT flags) {
+    MONITORINFO info{};
+    info.cbSize = sizeof(info);
+    RECT window{};
+    ::GetWindowRect(dialog, &window);
+    int x = corner.x, y = corner.y;
+    if (::GetMonitorInfoW(monitor, &info)) {
+        const RECT& work = info.rcWork;
+        x = std::max<int>(work.left, std::min<int>(x, work.right - (window.right - window.left)));
+        y = std::max<int>(work.top, std::min<int>(y, work.bottom - (window.bottom - window.top)));
+    }
+    ::SetWindowPos(dialog, insertAfter, x, y, 0, 0, flags | SWP_NOSIZE | SWP_NOACTIVATE);
 }
 
 }  // namespace
@@ -112,6 +146,8 @@ void LMMainUI::RunUI(HWND dialog) {
     Log(3, L"ThreadProc", L"\t Signalled the started event. ");
     MSG msg;
     while (::GetMessageW(&msg, nullptr, 0, 0) > 0) {
+        // A modeless dialog gets its keyboard interface (tab order, focus, the list's keys) here.
+        if (::IsDialogMessageW(dialog, &msg)) continue;
         ::TranslateMessage(&msg);
         ::DispatchMessageW(&msg);
     }
@@ -123,6 +159,9 @@ bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWind
         NS_Utils::CritSecGuard guard(m_lock);
         m_rows.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
     }
+    m_layout = MeasureRowLayout(m_rows.ListBox());
+    Log(3, L"InitInstance", L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
+                                std::to_wstring(m_layout.height) + L" px");
     SetTexts(dialog.get());
     PlaceDialog(dialog.get());
     m_parent = parent.get();
@@ -171,17 +210,41 @@ void LMMainUI::SetTexts(HWND dialog) {
 // dialog inside the work area of the monitor nearest to that point.
 void LMMainUI::PlaceDialog(HWND dialog) {
     POINT anchor{500, 700};
-    MONITORINFO info{};
-    info.cbSize = sizeof(info);
+    MoveIntoWorkArea(dialog, anchor, ::MonitorFromPoint(anchor, MONITOR_DEFAULTTONEAREST), HWND_TOPMOST, 0);
+}
+
+// The dialog went to another monitor's DPI (moved, or the user changed the scale): it stays
+// inside that monitor's work area, and its rows take the size of the rescaled font.
+void LMMainUI::OnDpiChanged(HWND dialog) {
     RECT window{};
     ::GetWindowRect(dialog, &window);
-    int x = anchor.x, y = anchor.y;
-    if (::GetMonitorInfoW(::MonitorFromPoint(anchor, MONITOR_DEFAULTTONEAREST), &info)) {
-        const RECT& work = info.rcWork;
-        x = std::max<int>(work.left, std::min<int>(x, work.right - (window.right - window.left)));
-        y = std::max<int>(work.top, std::min<int>(y, work.bottom - (window.bottom - window.top)));
+    MoveIntoWorkArea(dialog, {window.left, window.top}, ::MonitorFromWindow(dialog, MONITOR_DEFAULTTONEAREST), nullptr,
+                     SWP_NOZORDER);
+    HWND list = m_rows.ListBox();
+    m_layout = MeasureRowLayout(list);
+    m_rows.SetItemHeights(m_layout.height);
+    ::InvalidateRect(list, nullptr, TRUE);
+    Log(3, L"OnDpiChanged", L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " +
+                                std::to_wstring(m_layout.height) + L" px");
+}
+
+// Two lines of text beside the program's icon, with a margin all round: every size follows the
+// list's own DPI and font, so no line is cut at any scale.
+LMMainUI::RowLayout LMMainUI::MeasureRowLayout(HWND listBox) {
+    RowLayout layout;
+    int dpi = WindowDpi(listBox);
+    layout.margin = ::MulDiv(kMarginAt96, dpi, USER_DEFAULT_SCREEN_DPI);
+    layout.icon = ::MulDiv(kIconSizeAt96, dpi, USER_DEFAULT_SCREEN_DPI);
+    TEXTMETRICW metrics{};
+    {
+        NS_Utils::WindowDC dc(listBox);
+        NS_Utils::SelectedObject font(dc.get(), reinterpret_cast<HGDIOBJ>(::SendMessageW(listBox, WM_GETFONT, 0, 0)));
+        if (!dc.get() || !::GetTextMetricsW(dc.get(), &metrics))
+            metrics.tmHeight = ::MulDiv(16, dpi, USER_DEFAULT_SCREEN_DPI);
     }
-    ::SetWindowPos(dialog, HWND_TOPMOST, x, y, 0, 0, SWP_NOSIZE | SWP_NOACTIVATE);
+    layout.lineHeight = metrics.tmHeight + metrics.tmExternalLeading;
+    layout.height = std::max(layout.icon, 2 * layout.lineHeight) + 2 * layout.margin;
+    return layout;
 }
 
 LRESULT CALLBACK LMMainUI::ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -215,6 +278,15 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
     case kMsgRowAdded: ListRow(static_cast<int>(wParam)); return true;
     case kMsgRowRemoved: UnlistRow(static_cast<int>(wParam), static_cast<DWORD>(lParam)); return true;
     case kMsgBlockReason: ApplyShutdownBlockReason(wParam != 0); return true;
+    case WM_DPICHANGED: {
+        const RECT& suggested = *reinterpret_cast<const RECT*>(lParam);
+        ::SetWindowPos(dialog, nullptr, suggested.left, suggested.top, suggested.right - suggested.left,
+                       suggested.bottom - suggested.top, SWP_NOZORDER | SWP_NOACTIVATE);
+        ::PostMessageW(dialog, kMsgDpiChanged, 0, 0);
+        // Not handled, so that the dialog manager rescales the font and the controls.
+        return false;
+    }
+    case kMsgDpiChanged: OnDpiChanged(dialog); return true;
     case WM_QUERYENDSESSION: ::SetWindowLongPtrW(dialog, DWLP_MSGRESULT, TRUE); return true;
     case WM_ENDSESSION:
         if (wParam && !IsCloseRequest(lParam)) ReportSessionEnd();
@@ -266,9 +338,18 @@ void LMMainUI::ExpectUIThread(const wchar_t* reason) const {
 
 void LMMainUI::ListRow(int key) {
     ExpectUIThread(kListBoxOffThread);
+    std::shared_ptr<ProcessInfo> row;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        row = m_rows.Find(key);
+    }
+    if (!row) return;
+    // The text is made without the row lock: it asks the lease monitor's clock.
+    std::wstring text = RowText(*row);
     NS_Utils::CritSecGuard guard(m_lock);
+    // Removed meanwhile: its removal, posted after this, finds nothing to take off the list.
     if (!m_rows.Find(key)) return;
-    m_rows.Append(key);
+    m_rows.Append(key, text);
     if (m_rows.Count() != 1) return;
     Log(3, L"ListRow", L"\t Showing the window ");
     ::ShowWindow(m_dialog, SW_SHOWNORMAL);
@@ -338,6 +419,7 @@ void LMMainUI::CheckItemsOnList() {
             // The handler ends every holder of the credential: once a tick is enough.
             expired.push_back(row->GetCredential());
     }
+    UpdateRowTexts();
     RefreshList();
     // The handler ends processes, whose exits come back to remove rows.
     for (const auto& credential : expired) {
@@ -390,27 +472,64 @@ bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
 }
 
 void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
-    item.itemHeight = kRowHeight;
+    item.itemHeight = static_cast<UINT>(m_layout.height);
+}
+
+// Each item's string is its row's text, kept current as the countdown moves (or the program's
+// title changes), so that what a screen reader reads is what the row shows.
+void LMMainUI::UpdateRowTexts() {
+    ExpectUIThread(kListBoxOffThread);
+    std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        rows = m_rows.Rows();
+    }
+    std::map<int, std::wstring> texts;
+    for (const auto& [key, row] : rows) texts.emplace(key, RowText(*row));
+    for (LRESULT index = 0, count = m_rows.Count(); index < count; ++index) {
+        auto text = texts.find(m_rows.KeyAt(index));
+        if (text != texts.end() && m_rows.TextAt(index) != text->second) m_rows.SetText(index, text->second);
+    }
 }
 
 void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
     ExpectUIThread(kListBoxOffThread);
     if (item.itemID == static_cast<UINT>(-1)) return;
+    // Only the keyboard focus moved: the dotted frame is drawn over the row as it stands.
+    if (item.itemAction == ODA_FOCUS) {
+        ::DrawFocusRect(item.hDC, &item.rcItem);
+        return;
+    }
     std::shared_ptr<ProcessInfo> row;
     {
         NS_Utils::CritSecGuard guard(m_lock);
         row = m_rows.Find(static_cast<int>(item.itemData));
     }
-    ::FillRect(item.hDC, &item.rcItem, ::GetSysColorBrush(COLOR_WINDOW));
+    const bool selected = (item.itemState & ODS_SELECTED) != 0;
+    ::FillRect(item.hDC, &item.rcItem, ::GetSysColorBrush(selected ? COLOR_HIGHLIGHT : COLOR_WINDOW));
     if (!row) return;
+    const RowLayout& layout = m_layout;
     RECT rc = item.rcItem;
-    if (HICON icon = row->Icon()) ::DrawIcon(item.hDC, rc.left + kPadding, rc.top + (kRowHeight - kIconSize) / 2, icon);
-    rc.left += kIconSize + 2 * kPadding;
-    rc.top += kPadding / 2;
-    std::wstring text = RowText(*row);
+    const int rowHeight = rc.bottom - rc.top;
+    if (HICON icon = row->Icon(layout.icon))
+        ::DrawIconEx(item.hDC, rc.left + layout.margin, rc.top + (rowHeight - layout.icon) / 2, icon, layout.icon,
+                     layout.icon, 0, nullptr, DI_NORMAL);
+    rc.left += layout.icon + 2 * layout.margin;
+    rc.right -= layout.margin;
+    rc.top += std::max(0, (rowHeight - 2 * layout.lineHeight) / 2);
+    // The item's own string: what is drawn is what a screen reader reads.
+    std::wstring text = m_rows.TextAt(static_cast<LRESULT>(item.itemID));
     ::SetBkMode(item.hDC, TRANSPARENT);
-    ::SetTextColor(item.hDC, ::GetSysColor(COLOR_WINDOWTEXT));
-    ::DrawTextW(item.hDC, text.c_str(), -1, &rc, DT_WORDBREAK | DT_WORD_ELLIPSIS | DT_HIDEPREFIX);
+    ::SetTextColor(item.hDC, ::GetSysColor(selected ? COLOR_HIGHLIGHTTEXT : COLOR_WINDOWTEXT));
+    // A line at a time, each cut with an ellipsis: a long window title wrapped onto a second line
+    // would push the time left out of the row.
+    for (size_t start = 0; start <= text.size() && rc.top < rc.bottom; rc.top += layout.lineHeight) {
+        size_t end = std::min(text.find(L'\n', start), text.size());
+        ::DrawTextW(item.hDC, text.c_str() + start, static_cast<int>(end - start), &rc,
+                    DT_SINGLELINE | DT_END_ELLIPSIS | DT_HIDEPREFIX);
+        start = end + 1;
+    }
+    if (item.itemState & ODS_FOCUS) ::DrawFocusRect(item.hDC, &item.rcItem);
     Log(4, L"DrawItem", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
                             L". Text content: " + text);
 }

@@ -80,6 +80,7 @@ private:
     [[nodiscard]] bool CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog);
     void SetTexts(HWND dialog);
     static void PlaceDialog(HWND dialog);
+    void OnDpiChanged(HWND dialog);
     void RunUI(HWND dialog);
     bool OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
@@ -95,6 +96,7 @@ private:
     void MeasureItem(MEASUREITEMSTRUCT& item) const;
     void DrawItem(const DRAWITEMSTRUCT& item);
     std::wstring RowText(const ProcessInfo& row) const;
+    void UpdateRowTexts();
     void ApplyShutdownBlockReason(bool held);
     void ReportSessionEnd();
     void OnSessionEnd();
@@ -112,6 +114,15 @@ private:
     Rows m_rows;
     std::atomic<bool> m_credentialsHeld{false};
     std::atomic<bool> m_sessionEndReported{false};
+    // Sizes of a row in pixels, measured from the list's DPI and font; UI thread only.
+    struct RowLayout {
+        int margin = 0;
+        int icon = 0;
+        int lineHeight = 0;
+        int height = 0;
+    };
+    static RowLayout MeasureRowLayout(HWND listBox);
+    RowLayout m_layout;
     // Read on the UI thread when the windows are made.
     std::wstring m_processLabel;
     std::wstring m_timeLabel;

@@ -4,7 +4,7 @@
 #include "common/ModulePath.h"
 #include "sharedid/ExpiryTime.h"
 
-#include <shellapi.h>
+#include <shlobj.h>
 
 #include <algorithm>
 #include <cwchar>
@@ -77,10 +77,19 @@ std::wstring ProcessInfo::DisplayName() const {
     return NS_Utils::FileNameOf(m_exePath);
 }
 
-HICON ProcessInfo::Icon() {
-    if (!m_iconTried && !m_exePath.empty()) m_icon.reset(::ExtractIconW(nullptr, m_exePath.c_str(), 0));
-    m_iconTried = true;
-    return m_icon.valid() ? m_icon.get() : nullptr;
+HICON ProcessInfo::Icon(int size) {
+    if (size != m_iconSize) {
+        m_iconSize = size;
+        m_icon.reset();
+        HICON extracted = nullptr;
+        if (!m_exePath.empty() &&
+            ::SHDefExtractIconW(m_exePath.c_str(), 0, 0, &extracted, nullptr, static_cast<UINT>(size)) == S_OK)
+            m_icon.reset(extracted);
+    }
+    if (m_icon.valid()) return m_icon.get();
+    // Shared by the system: never destroyed, so it is not owned here.
+    HICON generic = static_cast<HICON>(::LoadImageW(nullptr, IDI_APPLICATION, IMAGE_ICON, size, size, LR_SHARED));
+    return generic ? generic : ::LoadIconW(nullptr, IDI_APPLICATION);
 }
 
 __time64_t ProcessInfo::ParseExpiry(const std::wstring& text) {

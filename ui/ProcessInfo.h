@@ -39,8 +39,9 @@ public:
     bool IsProcessAppWindowTitleLatest();
     // The root window's title, or the executable's name for a process without one.
     std::wstring DisplayName() const;
-    // The executable's first icon, extracted on first use; may be empty. UI thread only.
-    HICON Icon();
+    // The executable's first icon at `size` pixels square, extracted again when the size changes
+    // (the window's DPI did); the generic program icon for an executable without one. UI thread only.
+    HICON Icon(int size);
 
     // "%04d%02d%02dT%02d%02d%02dZ" in UTC; -1 when the text is not one.
     static __time64_t ParseExpiry(const std::wstring& text);
@@ -58,5 +59,5 @@ private:
     HWND m_rootWindow = nullptr;
     std::wstring m_title;
     NS_Utils::UniqueIcon m_icon;
-    bool m_iconTried = false;
+    int m_iconSize = 0;
 };

@@ -23,7 +23,56 @@ struct IconTraits {
     static void Close(HICON i) noexcept { ::DestroyIcon(i); }
 };
 
+struct GdiObjectTraits {
+    using type = HGDIOBJ;
+    static HGDIOBJ Invalid() noexcept { return nullptr; }
+    static bool IsValid(HGDIOBJ o) noexcept { return o != nullptr; }
+    static void Close(HGDIOBJ o) noexcept { ::DeleteObject(o); }
+};
+
+// A device context of CreateCompatibleDC's.
+struct MemoryDCTraits {
+    using type = HDC;
+    static HDC Invalid() noexcept { return nullptr; }
+    static bool IsValid(HDC dc) noexcept { return dc != nullptr; }
+    static void Close(HDC dc) noexcept { ::DeleteDC(dc); }
+};
+
 using UniqueWindow = UniqueResource<WindowTraits>;
 using UniqueIcon = UniqueResource<IconTraits>;
+using UniqueGdiObject = UniqueResource<GdiObjectTraits>;
+using UniqueMemoryDC = UniqueResource<MemoryDCTraits>;
+
+// A window's device context, given back to that window when the owner goes.
+class WindowDC {
+public:
+    explicit WindowDC(HWND window) noexcept : m_window(window), m_dc(::GetDC(window)) {}
+    WindowDC(const WindowDC&) = delete;
+    WindowDC& operator=(const WindowDC&) = delete;
+    ~WindowDC() {
+        if (m_dc) ::ReleaseDC(m_window, m_dc);
+    }
+    HDC get() const noexcept { return m_dc; }
+
+private:
+    HWND m_window;
+    HDC m_dc;
+};
+
+// A GDI object selected into a device context for the owner's scope; the one it replaced goes
+// back, so that the object can be deleted afterwards and the context is left as it was found.
+class SelectedObject {
+public:
+    SelectedObject(HDC dc, HGDIOBJ object) noexcept : m_dc(dc), m_old(dc && object ? ::SelectObject(dc, object) : nullptr) {}
+    SelectedObject(const SelectedObject&) = delete;
+    SelectedObject& operator=(const SelectedObject&) = delete;
+    ~SelectedObject() {
+        if (m_old) ::SelectObject(m_dc, m_old);
+    }
+
+private:
+    HDC m_dc;
+    HGDIOBJ m_old;
+};
 
 }  // namespace NS_Utils

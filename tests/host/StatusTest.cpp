@@ -1,7 +1,7 @@
 // The status view from another process, reached the way scripts reach it (ProgID, active object,
 // IDispatch by name): a held credential with its holder, one whose check-in keeps failing as
 // retrying with its code and count, no memory-only text anywhere; tarrowctl prints the same as
-// CSV, and answers 101 once the service has gone.
+// CSV, and answers 101 once the service has gone; its help needs no service.
 
 #include "common/ModulePath.h"
 #include "common/Registry.h"
@@ -117,6 +117,21 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     ::GetEnvironmentVariableW(L"appdata", appData, MAX_PATH);
     for (const auto& row : text.credentials)
         ::DeleteFileW((std::wstring(appData) + L"\\Kel\\Tarrow\\" + row.at(5)).c_str());
+}
+
+// Help needs no service: each spelling prints the commands and the exit codes and ends with 0,
+// where anything unknown is a usage error.
+TEST(TarrowCtlHelpTest, EverySpellingPrintsCommandsAndExitCodes) {
+    for (const wchar_t* spelling : {L"help", L"--help", L"-h", L"/?"}) {
+        std::string help;
+        EXPECT_EQ(RunCtl(spelling, help), 0u) << help;
+        for (const char* part : {"register", "release", "query", "status", "--version", "Exit codes", "100 bad arguments",
+                                 "101 the service is not running"})
+            EXPECT_NE(help.find(part), std::string::npos) << part;
+    }
+    std::string usage;
+    EXPECT_EQ(RunCtl(L"--helpme", usage), 100u);
+    EXPECT_NE(usage.find("tarrowctl help"), std::string::npos) << usage;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "common/Registry.h"
 #include "tests/support/FailFastTest.h"
 #include "tests/support/TestSupport.h"
+#include "tests/ui/VisibleWindow.h"
 #include "ui/LMMainUI.h"
 
 #include <gtest/gtest.h>
@@ -41,24 +42,7 @@ protected:
         return dialog;
     }
     static HWND VisibleDialog(const wchar_t* caption) {
-        struct Search {
-            const wchar_t* caption;
-            HWND found;
-        } search{caption, nullptr};
-        ::EnumWindows([](HWND window, LPARAM param) -> BOOL {
-            auto& wanted = *reinterpret_cast<Search*>(param);
-            DWORD process = 0;
-            wchar_t text[128] = {}, kind[16] = {};
-            ::GetWindowThreadProcessId(window, &process);
-            ::GetWindowTextW(window, text, 128);
-            ::GetClassNameW(window, kind, 16);
-            if (process != ::GetCurrentProcessId() || std::wstring(kind) != L"#32770" || !::IsWindowVisible(window) ||
-                (wanted.caption && std::wstring(text) != wanted.caption))
-                return TRUE;
-            wanted.found = window;
-            return FALSE;
-        }, reinterpret_cast<LPARAM>(&search));
-        return search.found;
+        return testsupport::VisibleWindowOf(::GetCurrentProcessId(), L"#32770", caption);
     }
     static void Tick(HWND dialog) { ::SendMessageW(dialog, WM_TIMER, 0, 0); }
 
