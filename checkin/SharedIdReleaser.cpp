@@ -37,13 +37,10 @@ SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); 
 void SharedIdReleaser::CheckThread() const {
     // The agent's objects live in the worker's apartment; a call from elsewhere would use them
     // across apartments without marshaling.
-    const bool onWorker = m_isWorker ? m_isWorker()
-                                     : m_workerThreadId == 0 || m_workerThreadId == ::GetCurrentThreadId();
-    NS_Utils::FailFastUnless(onWorker, L"[SharedIdReleaser]\t called off the collector's worker thread");
+    m_worker->Check(L"[SharedIdReleaser]\t called off the collector's worker thread");
 }
 
 bool SharedIdReleaser::Init() {
-    if (m_workerThreadId == 0) m_workerThreadId = ::GetCurrentThreadId();
     CheckThread();
     if (!InitCom()) return false;
     if (!m_checkInAgent && !CreateCheckInAgent()) return false;

@@ -12,6 +12,7 @@
 #include "checkin/AgentInterfaces.h"
 #include "checkin/CheckInDecision.h"
 #include "common/ComHandles.h"
+#include "common/ThreadRule.h"
 #include "sharedid/SharedId.h"
 
 #include <functional>
@@ -27,12 +28,14 @@ public:
     using Pause = std::function<bool(DWORD milliseconds)>;
 
     // `loginPollMs`: the pause between two questions while waiting for the agent's logon.
-    explicit SharedIdReleaser(DWORD loginPollMs = kLoginPollMs) : m_loginPollMs(loginPollMs) {}
+    explicit SharedIdReleaser(DWORD loginPollMs = kLoginPollMs) : m_loginPollMs(loginPollMs) {
+        m_creator.BindToCurrentThread();
+    }
     // Before the worker starts: the login wait pauses through `pause`, so that a stop ends it.
     void SetPause(Pause pause) { m_pause = std::move(pause); }
-    // Before the worker starts: whether the calling thread is the worker. Without it, the first
-    // thread that calls Init is taken for the worker.
-    void SetWorkerRule(std::function<bool()> isWorker) { m_isWorker = std::move(isWorker); }
+    // Before the worker starts: the rule that names the worker, which outlives the releaser.
+    // Without it, the thread that made the releaser is its worker.
+    void SetWorkerRule(const NS_Utils::ThreadRule& worker) { m_worker = &worker; }
     SharedIdReleaser(const SharedIdReleaser&) = delete;
     SharedIdReleaser& operator=(const SharedIdReleaser&) = delete;
     ~SharedIdReleaser();
@@ -101,7 +104,7 @@ private:
     std::wstring m_corvinAuthSvcId;
     DWORD m_loginPollMs;
     Pause m_pause = [](DWORD milliseconds) { return ::Sleep(milliseconds), true; };
-    std::function<bool()> m_isWorker;
-    DWORD m_workerThreadId = 0;
+    NS_Utils::ThreadRule m_creator;
+    const NS_Utils::ThreadRule* m_worker = &m_creator;
     bool m_singleRows = false;  // the agent answered several rows with another count once
 };

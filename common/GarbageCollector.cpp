@@ -31,8 +31,7 @@ bool CGarbageCollector::Start() {
     }
     m_running.store(1);
     ::ResetEvent(m_queue.StopEvent());
-    DWORD id = 0;
-    m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, &id));
+    m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, nullptr));
     if (!m_worker) {
         m_running.store(0);
         m_broken.store(true);
@@ -40,7 +39,6 @@ bool CGarbageCollector::Start() {
                            std::to_wstring(::GetLastError()));
         return false;
     }
-    m_workerId.store(id);
     return true;
 }
 
@@ -56,19 +54,19 @@ bool CGarbageCollector::Stop() {
         orderly = false;
     }
     m_worker.reset();
-    m_workerId.store(0);
+    m_workerRule.Unbind();
     return orderly;
 }
 
 void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
 
 bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
-    FailFastUnless(IsWorkerThread(), L"[NS_Utils::CGarbageCollector::WaitUnlessStopping]\t a pause off the worker thread");
+    m_workerRule.Check(L"[NS_Utils::CGarbageCollector::WaitUnlessStopping]\t a pause off the worker thread");
     return ::WaitForSingleObject(m_queue.StopEvent(), milliseconds) == WAIT_TIMEOUT;
 }
 
 CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) {
-    FailFastUnless(IsWorkerThread(), L"[NS_Utils::CGarbageCollector::PauseUnlessWork]\t a pause off the worker thread");
+    m_workerRule.Check(L"[NS_Utils::CGarbageCollector::PauseUnlessWork]\t a pause off the worker thread");
     HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
     switch (::WaitForMultipleObjects(2, events, FALSE, milliseconds)) {
     case WAIT_TIMEOUT: return Pause::Elapsed;
@@ -82,9 +80,8 @@ CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) 
 
 DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
     auto* collector = static_cast<CGarbageCollector*>(self);
-    // Before the first item, which may check that it runs here: Start stores the id only once
-    // CreateThread has returned.
-    collector->m_workerId.store(::GetCurrentThreadId());
+    // Before the first item, which may check that it runs here.
+    collector->m_workerRule.BindToCurrentThread();
     collector->WorkerLoop();
     return 0;
 }

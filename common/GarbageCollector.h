@@ -9,6 +9,7 @@
 // WaitUnlessStopping and PauseUnlessWork from the worker, inside an item: checked.
 
 #include "common/CriticalSection.h"
+#include "common/ThreadRule.h"
 #include "common/WinHandles.h"
 #include "common/ConcurrentQueue.h"
 
@@ -51,7 +52,9 @@ public:
     // once this item returns) or the collector stops.
     Pause PauseUnlessWork(DWORD milliseconds);
     size_t QueuedCount() const { return m_queue.Count(); }
-    bool IsWorkerThread() const { return ::GetCurrentThreadId() == m_workerId.load(); }
+    bool IsWorkerThread() const { return m_workerRule.IsCurrentThread(); }
+    // Bound to the worker while it runs: the rule of whatever must run there.
+    const ThreadRule& WorkerRule() const noexcept { return m_workerRule; }
 
 private:
     static DWORD WINAPI WorkerEntry(void* self);
@@ -60,7 +63,7 @@ private:
     CriticalSection m_startStopLock;
     UniqueHandle m_worker;
     std::atomic<LONG> m_running{0};
-    std::atomic<DWORD> m_workerId{0};
+    ThreadRule m_workerRule;
     std::atomic<bool> m_broken{false};
     CConcurrentQueue<WorkItem> m_queue;
     WorkItem m_exitHook;

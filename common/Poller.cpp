@@ -15,20 +15,18 @@ CPoller::~CPoller() {
 
 void CPoller::Stop() noexcept { ::SetEvent(m_stopEvent.get()); }
 
-void CPoller::ExpectNotStarted(const wchar_t* reason) const noexcept { NS_Utils::FailFastUnless(ThreadId() == 0, reason); }
-
 void CPoller::SetMaxPolls(DWORD maxPolls) noexcept {
-    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::SetMaxPolls]\t set while the poller runs");
+    Rule().CheckUnbound(L"[NS_THREAD_UTILS::CPoller::SetMaxPolls]\t set while the poller runs");
     m_maxPolls = maxPolls;
 }
 
 void CPoller::SetInterval(DWORD intervalMs) noexcept {
-    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::SetInterval]\t set while the poller runs");
+    Rule().CheckUnbound(L"[NS_THREAD_UTILS::CPoller::SetInterval]\t set while the poller runs");
     m_intervalMs = intervalMs;
 }
 
 void CPoller::AddWaitHandle(HANDLE handle) {
-    ExpectNotStarted(L"[NS_THREAD_UTILS::CPoller::AddWaitHandle]\t added while the poller runs");
+    Rule().CheckUnbound(L"[NS_THREAD_UTILS::CPoller::AddWaitHandle]\t added while the poller runs");
     m_extraHandles.push_back(handle);
 }
 

@@ -38,7 +38,6 @@ public:
 
 protected:
     unsigned ThreadMain(void* args) override;
-    void ExpectNotStarted(const wchar_t* reason) const noexcept;
 
     virtual void Run(void* args);
     virtual void OnStart(void* /*args*/) {}

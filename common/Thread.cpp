@@ -15,8 +15,7 @@ struct StartContext {
 
 unsigned __stdcall CThread::Entry(void* context) {
     std::unique_ptr<StartContext> start(static_cast<StartContext*>(context));
-    // The creator stores it too, but only once _beginthreadex has returned.
-    start->thread->m_threadId.store(::GetCurrentThreadId());
+    start->thread->m_rule.BindToCurrentThread();
     unsigned result = start->thread->ThreadMain(start->args);
     ::OutputDebugStringA("[CThread] reached business logic end point");
     ::OutputDebugStringA("[CThread] exiting");
@@ -31,7 +30,7 @@ bool CThread::Start(void* args) {
     if (handle == 0) return false;
     context.release();
     m_thread.reset(reinterpret_cast<HANDLE>(handle));
-    m_threadId.store(id);
+    m_rule.Bind(id);
     return true;
 }
 

@@ -2,12 +2,11 @@
 // A thread that runs one virtual function of its owner. The owner joins it before the owner's
 // own destructor ends, since the function belongs to the derived object.
 //
-// Threads: Start, Join and Terminate from the owner's thread; ThreadId from any thread, the new
-// one included from its first instruction.
+// Threads: Start, Join and Terminate from the owner's thread; Rule from any thread, the new one
+// included from its first instruction (it binds the rule itself before anything else).
 
+#include "common/ThreadRule.h"
 #include "common/WinHandles.h"
-
-#include <atomic>
 
 namespace NS_THREAD_UTILS {
 
@@ -24,8 +23,8 @@ public:
     // WAIT_OBJECT_0 once the thread has ended (or when none was started), WAIT_TIMEOUT otherwise.
     DWORD Join(DWORD timeoutMs) const;
     bool Terminate(DWORD exitCode);
-    // 0 before Start.
-    DWORD ThreadId() const noexcept { return m_threadId.load(); }
+    // Bound to the new thread while it runs.
+    const NS_Utils::ThreadRule& Rule() const noexcept { return m_rule; }
 
 protected:
     virtual unsigned ThreadMain(void* args) = 0;
@@ -34,7 +33,7 @@ private:
     static unsigned __stdcall Entry(void* context);
 
     NS_Utils::UniqueHandle m_thread;
-    std::atomic<DWORD> m_threadId{0};
+    NS_Utils::ThreadRule m_rule;
 };
 
 }  // namespace NS_THREAD_UTILS

@@ -47,7 +47,7 @@ HRESULT CCallerSecurity::Build() {
 
 HRESULT CCallerSecurity::Apply() {
     // Only on the main thread is this known to come before the object is published.
-    CTarrowModule::Instance().ExpectMainThread(L"[CCallerSecurity::Apply]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CCallerSecurity::Apply]\t called off the main thread");
     HRESULT hr = Build();
     if (SUCCEEDED(hr))
         hr = ::CoInitializeSecurity(Descriptor(), -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_PKT_PRIVACY,

@@ -9,7 +9,7 @@ constexpr const wchar_t* kClassName = L"KEL_Tarrow_Close_Request";
 
 bool CCloseRequestWindow::Create() {
     // The window's quit goes to the thread that made it: only the main thread's ends the service.
-    CTarrowModule::Instance().ExpectMainThread(L"[CCloseRequestWindow::Create]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CCloseRequestWindow::Create]\t called off the main thread");
     WNDCLASSEXW windowClass{};
     windowClass.cbSize = sizeof(windowClass);
     windowClass.lpfnWndProc = &CCloseRequestWindow::WindowProc;

@@ -59,7 +59,7 @@ bool CTarrow::Shutdown() {
     // WinMain shuts the object down before it lets go: the destructor's call, on whichever thread
     // the last Release comes, finds nothing left to take down.
     if (!m_monitor && m_rotCookie == 0 && !m_activeObject.Registered()) return true;
-    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::Shutdown]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CTarrow::Shutdown]\t called off the main thread");
     m_activeObject.Revoke();
     RevokeFromROT();
     if (!m_monitor) return true;
@@ -94,7 +94,7 @@ ULONG CTarrow::Release() {
 
 HRESULT CTarrow::LoadTypeInfo() {
     // Here rather than in each IDispatch method: all of them come through.
-    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::LoadTypeInfo]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CTarrow::LoadTypeInfo]\t called off the main thread");
     if (m_typeInfo) return S_OK;
     NS_Utils::ComPtr<ITypeLib> library;
     HRESULT hr = ::LoadTypeLibEx(NS_Registration::TypeLibraryPath().c_str(), REGKIND_NONE, library.put());
@@ -139,7 +139,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
                                   BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6,
                                   DWORD* result) {
     return Guarded(L"RegisterSharedId", [&]() -> HRESULT {
-        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        CTarrowModule::Instance().MainThread().Check(kOffMainThread);
         if (!result) return E_POINTER;
         if (!m_monitor) return CO_E_OBJNOTCONNECTED;
         CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
@@ -158,7 +158,7 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
 
 HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId, DWORD* result) {
     return Guarded(L"ReleaseSharedId", [&]() -> HRESULT {
-        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        CTarrowModule::Instance().MainThread().Check(kOffMainThread);
         if (!result) return E_POINTER;
         if (!m_monitor) return CO_E_OBJNOTCONNECTED;
         CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
@@ -175,7 +175,7 @@ HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcI
 HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                        VARIANT_BOOL ownOnly, BSTR* serialized) {
     return Guarded(L"GetRegisteredSharedId", [&]() -> HRESULT {
-        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        CTarrowModule::Instance().MainThread().Check(kOffMainThread);
         if (!serialized) return E_POINTER;
         if (!m_monitor) return CO_E_OBJNOTCONNECTED;
         CSharedId key = CSharedId::SignatureKey(Text(authSvcUrl), Text(authSvcId), Text(roleId));
@@ -197,7 +197,7 @@ HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR au
 
 HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
     return Guarded(L"GetStatus", [&]() -> HRESULT {
-        CTarrowModule::Instance().ExpectMainThread(kOffMainThread);
+        CTarrowModule::Instance().MainThread().Check(kOffMainThread);
         if (!snapshot) return E_POINTER;
         ::VariantInit(snapshot);
         if (!m_monitor) return CO_E_OBJNOTCONNECTED;
@@ -212,7 +212,7 @@ HRESULT CTarrow::GetStatus(VARIANT* snapshot) {
 }
 
 HRESULT CTarrow::RegisterActive() {
-    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RegisterActive]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CTarrow::RegisterActive]\t called off the main thread");
     HRESULT hr = m_activeObject.Register(static_cast<ITarrowStatus*>(this), CLSID_Tarrow);
     NS_Log::Log(FAILED(hr) ? 1 : 3,
                 L"[CTarrow::RegisterActive]\t Registered as the active object of its class; hr = 0x" + HexResult(hr));
@@ -220,7 +220,7 @@ HRESULT CTarrow::RegisterActive() {
 }
 
 HRESULT CTarrow::RegisterInROT() {
-    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RegisterInROT]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CTarrow::RegisterInROT]\t called off the main thread");
     if (m_rotCookie != 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());
@@ -246,7 +246,7 @@ HRESULT CTarrow::RegisterInROTPatiently() {
 }
 
 HRESULT CTarrow::RevokeFromROT() {
-    CTarrowModule::Instance().ExpectMainThread(L"[CTarrow::RevokeFromROT]\t called off the main thread");
+    CTarrowModule::Instance().MainThread().Check(L"[CTarrow::RevokeFromROT]\t called off the main thread");
     if (m_rotCookie == 0) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());

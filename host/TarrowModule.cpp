@@ -16,7 +16,7 @@ ULONG CTarrowModule::Lock() { return ::CoAddRefServerProcess(); }
 
 ULONG CTarrowModule::Unlock() {
     ULONG count = ::CoReleaseServerProcess();
-    if (count == 0 && m_mainThreadId != 0) ::PostThreadMessageW(m_mainThreadId, WM_QUIT, 0, 0);
+    if (count == 0 && m_mainThread.IsBound()) ::PostThreadMessageW(m_mainThread.ThreadId(), WM_QUIT, 0, 0);
     return count;
 }
 
@@ -34,10 +34,6 @@ HRESULT UnregisterForAllUsers() {
     return FAILED(hr) ? hr : source;
 }
 }  // namespace
-
-void CTarrowModule::ExpectMainThread(const wchar_t* call) const {
-    NS_Utils::FailFastUnless(m_mainThreadId == 0 || m_mainThreadId == ::GetCurrentThreadId(), call);
-}
 
 CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& commandLine) {
     int count = 0;

@@ -3,9 +3,9 @@
 // life and WinMain holds the object until the message loop has ended, so the lock reaching zero
 // never ends the loop: a WM_QUIT does, from the close-request window or posted to the main thread.
 
-#include <windows.h>
+#include "common/ThreadRule.h"
 
-#include <atomic>
+#include <windows.h>
 #include <string>
 
 class CTarrowModule {
@@ -16,9 +16,8 @@ public:
     ULONG Lock();
     // Posts WM_QUIT to the main thread when the last lock goes (after the loop, in this server).
     ULONG Unlock();
-    void SetMainThread(DWORD threadId) { m_mainThreadId = threadId; }
-    // Ends the process, with `call` in the log, unless called on the main thread (once it is set).
-    void ExpectMainThread(const wchar_t* call) const;
+    // The thread that runs the message loop and every call on the object: bound by WinMain.
+    NS_Utils::ThreadRule& MainThread() noexcept { return m_mainThread; }
 
     enum class Switch { None, RegServer, UnregServer, RegServerPerUser, UnregServerPerUser, Unparsable };
     // The registration switch of a command line ("-" or "/" then the name, in any case), None,
@@ -28,6 +27,5 @@ public:
     [[nodiscard]] static HRESULT RunSwitch(Switch which);
 
 private:
-    // Set on the main thread, read on any thread that checks or unlocks.
-    std::atomic<DWORD> m_mainThreadId{0};
+    NS_Utils::ThreadRule m_mainThread;
 };

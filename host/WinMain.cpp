@@ -70,7 +70,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
 
     const NS_Utils::ComApartment com;
     if (FAILED(com.Result())) return static_cast<int>(com.Result());
-    CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
+    CTarrowModule::Instance().MainThread().BindToCurrentThread();
     // Refused by COM, calls are still checked against the defaults; the service runs all the same.
     CCallerSecurity security;
     (void)security.Apply();

@@ -8,6 +8,10 @@
 #include "monitor/SharedIdMonitor.h"
 
 namespace {
+// The map lock is taken inside the registry lock (AddLeaseExpirationInfo), so it is never held on
+// the way back into the registry; nor while the window, which can wait seconds for its thread, is
+// called.
+constexpr const wchar_t* kMapLockedRule = L"[CLeaseMonitor]\t the registry or the window called under the expiry map lock";
 constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
 constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
 constexpr const wchar_t* kUnderRegistryLock = L"[CLeaseMonitor]\t the window called under the monitor lock";
@@ -63,15 +67,8 @@ bool CLeaseMonitor::StartLeaseMonitor(SharedIdMonitor& registry) {
     return Start(this);
 }
 
-// Taken inside the registry lock (AddLeaseExpirationInfo), so never held on the way back into the
-// registry; nor while the window, which can wait seconds for its thread, is called.
-void CLeaseMonitor::ExpectMapUnlocked() const {
-    NS_Utils::FailFastUnless(!m_mapLock.HeldByThisThread(),
-                             L"[CLeaseMonitor]\t the registry or the window called under the expiry map lock");
-}
-
 bool CLeaseMonitor::Shutdown() {
-    NS_Utils::FailFastUnless(::GetCurrentThreadId() != ThreadId(),
+    NS_Utils::FailFastUnless(!Rule().IsCurrentThread(),
                              L"[CLeaseMonitor::Shutdown]\t called on the poller thread, which would wait for itself");
     CPoller::Stop();
     const bool orderly = Join(kStopWaitMs) != WAIT_TIMEOUT;
@@ -156,7 +153,7 @@ bool CLeaseMonitor::HandleLeaseExpiration(ExpiryMap::iterator entry) {
 }
 
 void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry) {
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     std::shared_ptr<CSharedId> live = credential.lock();
     if (!live || !registry) {
         NS_Log::Log(3, kWaitTag + std::wstring(L"Weak pointer already expired."));
@@ -168,13 +165,13 @@ void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>&
     live.reset();
     for (DWORD pid : holders) {
         NS_Log::Log(3, kWaitTag + std::wstring(L" Adding to UI process with Id = ") + std::to_wstring(pid));
-        registry->ExpectUnlocked(kUnderRegistryLock);
+        registry->RegistryLock().CheckNotHeld(kUnderRegistryLock);
         m_ui.ShowProcessInfo(pid, registry->DuplicateProcessHandle(pid), credential);
     }
 }
 
 void CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     SharedIdMonitor* registry = Registry();
     NS_Utils::UniqueHandle process = registry ? registry->DuplicateProcessHandle(processId) : NS_Utils::UniqueHandle();
     if (!process) {
@@ -182,24 +179,24 @@ void CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice(DWORD processId, con
                        L"SharedIdMonitor for PID = " + std::to_wstring(processId));
         return;
     }
-    registry->ExpectUnlocked(kUnderRegistryLock);
+    registry->RegistryLock().CheckNotHeld(kUnderRegistryLock);
     m_ui.ShowProcessInfo(processId, std::move(process), credential);
 }
 
 void CLeaseMonitor::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
-    ExpectMapUnlocked();
-    if (SharedIdMonitor* registry = Registry()) registry->ExpectUnlocked(kUnderRegistryLock);
+    m_mapLock.CheckNotHeld(kMapLockedRule);
+    if (SharedIdMonitor* registry = Registry()) registry->RegistryLock().CheckNotHeld(kUnderRegistryLock);
     m_ui.RemoveProcessInfo(processId, credential);
 }
 
 void CLeaseMonitor::OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential) {
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     NS_Log::Log(3, L"[CLeaseMonitor::OnProcessWaitDone]\tRelease the process.");
     if (SharedIdMonitor* registry = Registry()) registry->OnLeaseExpired(credential);
 }
 
 void CLeaseMonitor::OnSessionEnd() {
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     NS_Log::Log(3, L"[CLeaseMonitor::OnSessionEnd]\tRelease all shared ids on session end.");
     if (SharedIdMonitor* registry = Registry()) registry->OnWndSessionEnd();
 }
@@ -207,7 +204,7 @@ void CLeaseMonitor::OnSessionEnd() {
 void CLeaseMonitor::UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount) {
     // The count is read under this lock, so the last call made tells the window the latest state
     // even when two threads cross 0 in opposite directions at once.
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     NS_Utils::CritSecGuard lock(m_heldLock);
     const bool held = leaseCount.load() > 0;
     if (held == m_credentialsHeld) return;
@@ -216,6 +213,6 @@ void CLeaseMonitor::UpdateCredentialsHeld(const std::atomic<LONG>& leaseCount) {
 }
 
 std::vector<LMListedRow> CLeaseMonitor::ListedRows() const {
-    ExpectMapUnlocked();
+    m_mapLock.CheckNotHeld(kMapLockedRule);
     return m_ui.ListedRows();
 }

@@ -75,7 +75,6 @@ public:
 
 private:
     explicit CLeaseMonitor(Clock clock);
-    void ExpectMapUnlocked() const;
     LMMainUICallbacks MakeCallbacks();
     // Moves out under the map lock, each in map order, the entries before `low` into `stale` and
     // those from `low` up to and including `high` into `due` (none when `high` is before `low`).

@@ -20,7 +20,7 @@ CCheckInPipeline::CCheckInPipeline(NS_Utils::CGarbageCollector& collector, Persi
     m_collector.SetWorkerExitHook([this] { m_releaser.Reset(); });
     // A user who never logs on to the agent must not hold up the end of the service.
     m_releaser.SetPause([&collector](DWORD ms) { return collector.WaitUnlessStopping(ms); });
-    m_releaser.SetWorkerRule([&collector] { return collector.IsWorkerThread(); });
+    m_releaser.SetWorkerRule(collector.WorkerRule());
 }
 
 template <typename Work>
@@ -30,12 +30,9 @@ void CCheckInPipeline::QueueWork(Work work) {
     });
 }
 
-void CCheckInPipeline::ExpectWorker(const wchar_t* call) const {
-    NS_Utils::FailFastUnless(m_collector.IsWorkerThread(), call);
-}
-
-void CCheckInPipeline::ExpectUnlocked(const wchar_t* call) const {
-    if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock()) registry->ExpectUnlocked(call);
+void CCheckInPipeline::ExpectAgentCallable(const wchar_t* call) const {
+    m_collector.WorkerRule().Check(call);
+    if (m_registryLock) m_registryLock->CheckNotHeld(call);
 }
 
 void CCheckInPipeline::Release(std::shared_ptr<CSharedId> credential) {
@@ -64,7 +61,7 @@ void CCheckInPipeline::ResumeCheckIns() {
 }
 
 void CCheckInPipeline::RunCheckIns() {
-    ExpectWorker(L"[CCheckInPipeline::RunCheckIns]\t called off the collector's worker");
+    m_collector.WorkerRule().Check(L"[CCheckInPipeline::RunCheckIns]\t called off the collector's worker");
     if (m_held.load()) return;  // the resume queues a run of its own
     std::vector<PendingCheckIn> taken = m_queue.Take(kMaxRowsPerCall);
     if (taken.empty()) return;
@@ -75,7 +72,7 @@ void CCheckInPipeline::RunCheckIns() {
 }
 
 void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
-    ExpectWorker(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
+    m_collector.WorkerRule().Check(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
     for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!ReachAgent()) {
         for (PendingCheckIn& pending : batch) KeepForLater(std::move(pending.credential));
@@ -127,8 +124,7 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
 }
 
 std::vector<NS_CheckIn::RowOutcome> CCheckInPipeline::CheckIn(const std::vector<PendingCheckIn>& batch) {
-    ExpectWorker(L"[CCheckInPipeline::CheckIn]\t called off the collector's worker");
-    ExpectUnlocked(L"[CCheckInPipeline::CheckIn]\t the agent called under the monitor lock");
+    ExpectAgentCallable(L"[CCheckInPipeline::CheckIn]\t the agent called off the worker or under the monitor lock");
     std::vector<NS_CheckIn::RowOutcome> outcomes(batch.size());
     HRESULT hrCIRes = S_OK;
     try {
@@ -148,8 +144,7 @@ std::vector<NS_CheckIn::RowOutcome> CCheckInPipeline::CheckIn(const std::vector<
 }
 
 bool CCheckInPipeline::ReachAgent() {
-    ExpectWorker(L"[CCheckInPipeline::ReachAgent]\t called off the collector's worker");
-    ExpectUnlocked(L"[CCheckInPipeline::ReachAgent]\t the agent called under the monitor lock");
+    ExpectAgentCallable(L"[CCheckInPipeline::ReachAgent]\t the agent called off the worker or under the monitor lock");
     const bool reachable = m_releaser.Init();
     m_board.SetAgentReachable(reachable);
     if (reachable && m_keptFiles.exchange(false)) {
@@ -179,7 +174,7 @@ void CCheckInPipeline::Forget(std::shared_ptr<CSharedId> credential) {
 }
 
 void CCheckInPipeline::LetGo(std::shared_ptr<CSharedId> credential) {
-    ExpectWorker(L"[CCheckInPipeline::LetGo]\t called off the collector's worker");
+    m_collector.WorkerRule().Check(L"[CCheckInPipeline::LetGo]\t called off the collector's worker");
     m_board.Finished(*credential);
     // The record is gone before the count says so: whoever waits for 0 finds nothing left over.
     credential.reset();
@@ -192,7 +187,7 @@ void CCheckInPipeline::QueueAgentProbe() {
 }
 
 void CCheckInPipeline::ProbeAgent() {
-    ExpectWorker(L"[CCheckInPipeline::ProbeAgent]\t called off the collector's worker");
+    m_collector.WorkerRule().Check(L"[CCheckInPipeline::ProbeAgent]\t called off the collector's worker");
     const DWORD pauseMs = std::max<DWORD>(KelSettingsImpl::GetFreeSharedIdWaitTime(), kAgentProbeFloorMs);
     using Pause = NS_Utils::CGarbageCollector::Pause;
     const Pause pause = m_collector.PauseUnlessWork(pauseMs);

@@ -35,8 +35,6 @@ public:
     virtual void LeaseDecrease() = 0;
     // The agent answers again after files were kept: they are taken up.
     virtual bool GCUncheckedInCredentials() = 0;
-    // Ends the process, with `call` in the log, when the calling thread holds the registry's lock.
-    virtual void ExpectUnlocked(const wchar_t* call) const = 0;
 
 protected:
     ~ICheckInRegistry() = default;
@@ -53,8 +51,12 @@ public:
     CCheckInPipeline(const CCheckInPipeline&) = delete;
     CCheckInPipeline& operator=(const CCheckInPipeline&) = delete;
     // Before any work is queued. The pipeline is a part of the registry: a work item that cannot
-    // lock it does nothing, and one that can keeps the pipeline alive while it runs.
-    void Bind(std::weak_ptr<ICheckInRegistry> registry) { m_registry = std::move(registry); }
+    // lock it does nothing, and one that can keeps the pipeline alive while it runs. The agent is
+    // never called under `registryLock`.
+    void Bind(std::weak_ptr<ICheckInRegistry> registry, const NS_Utils::CriticalSection& registryLock) {
+        m_registry = std::move(registry);
+        m_registryLock = &registryLock;
+    }
 
     // Let go by its holders: checked in once the worker gets to it.
     void Release(std::shared_ptr<CSharedId> credential);
@@ -92,8 +94,7 @@ private:
     // Asks for the agent again every retry pause while files are kept and nothing else would.
     void QueueAgentProbe();
     void ProbeAgent();
-    void ExpectWorker(const wchar_t* call) const;
-    void ExpectUnlocked(const wchar_t* call) const;
+    void ExpectAgentCallable(const wchar_t* call) const;
     // Queues `work` for the worker, run only while the registry lives.
     template <typename Work>
     void QueueWork(Work work);
@@ -101,6 +102,7 @@ private:
     NS_Utils::CGarbageCollector& m_collector;
     PersistantStorage& m_storage;
     std::weak_ptr<ICheckInRegistry> m_registry;
+    const NS_Utils::CriticalSection* m_registryLock = nullptr;
     SharedIdReleaser m_releaser;
     CCheckInBoard m_board;
     CCheckInQueue m_queue;

@@ -28,7 +28,7 @@ bool IsHolder(const CSharedId& credential, DWORD pid) {
 std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     std::shared_ptr<SharedIdMonitor> monitor(new SharedIdMonitor());
     monitor->m_simGC = std::make_unique<SimGC>(monitor);
-    monitor->m_pipeline.Bind(monitor);
+    monitor->m_pipeline.Bind(monitor, monitor->m_lock);
     return monitor;
 }
 
@@ -66,21 +66,13 @@ bool SharedIdMonitor::Shutdown() {
     return true;
 }
 
-void SharedIdMonitor::ExpectUnlocked(const wchar_t* call) const {
-    NS_Utils::FailFastUnless(!m_lock.HeldByThisThread(), call);
-}
-
-void SharedIdMonitor::ExpectLocked(const wchar_t* call) const { NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), call); }
-
-void SharedIdMonitor::ExpectWorker(const wchar_t* call) const { NS_Utils::FailFastUnless(m_gc->IsWorkerThread(), call); }
-
 void SharedIdMonitor::TellAdded(const Listeners& listeners, DWORD pid) const {
-    ExpectUnlocked(L"[SharedIdMonitor]\t a listener called under the monitor lock");
+    m_lock.CheckNotHeld(L"[SharedIdMonitor]\t a listener called under the monitor lock");
     for (const auto& listener : listeners) listener->OnUserAdded(pid);
 }
 
 void SharedIdMonitor::TellRemoved(const Listeners& listeners, DWORD pid) const {
-    ExpectUnlocked(L"[SharedIdMonitor]\t a listener called under the monitor lock");
+    m_lock.CheckNotHeld(L"[SharedIdMonitor]\t a listener called under the monitor lock");
     for (const auto& listener : listeners) listener->OnUserRemoved(pid);
 }
 
@@ -138,7 +130,7 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
 }
 
 DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
-    ExpectLocked(L"[SharedIdMonitor::RegisterLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::RegisterLocked]\t called without the monitor lock");
     Log(3, kRegisterTag, L" Started registering shared credential.");
     if (!credential.IsComplete()) {
         Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
@@ -187,7 +179,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
 }
 
 void SharedIdMonitor::PersistLocked(CSharedId& credential) {
-    ExpectLocked(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
     int result = m_storage.Persist(credential, &holders);
     if (result != PersistantStorage::kOk)
@@ -196,7 +188,7 @@ void SharedIdMonitor::PersistLocked(CSharedId& credential) {
 }
 
 std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {
-    ExpectLocked(L"[SharedIdMonitor::HoldersOfLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::HoldersOfLocked]\t called without the monitor lock");
     std::vector<HolderProcess> holders;
     for (DWORD pid : credential.GetHolderPids()) {
         auto entry = processMap.find(pid);
@@ -207,7 +199,7 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
 }
 
 void SharedIdMonitor::WriteHoldersLocked(const CSharedId& credential) {
-    ExpectLocked(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
     // A list that cannot be written is logged there; a restart would then check the credential in.
@@ -227,7 +219,7 @@ DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const 
 }
 
 DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
-    ExpectLocked(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
     Log(3, kUnregisterTag, L" Start unregistering shared credential.");
     if (!credential.HasSignature()) {
         Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
@@ -344,7 +336,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
 
 bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered,
                                 Listeners& listeners) {
-    ExpectLocked(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
     auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
         std::shared_ptr<CSharedId> live = it->second.weak.lock();
@@ -372,7 +364,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
 }
 
 SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD pid) {
-    ExpectLocked(L"[SharedIdMonitor::InsertAndGetPMEntry]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::InsertAndGetPMEntry]\t called without the monitor lock");
     auto existing = processMap.find(pid);
     if (existing != processMap.end()) return existing;
 

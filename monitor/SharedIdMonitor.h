@@ -111,9 +111,8 @@ public:
     // lock; the window's rows and the holders' executable names are added after it is left.
     StatusSnapshot TakeStatusSnapshot();
 
-    // Ends the process, with `call` in the log, when the calling thread holds the monitor lock:
-    // listeners, the window and the agent are never called under it.
-    void ExpectUnlocked(const wchar_t* call) const override;
+    // For the rules of callers that must never call in under it.
+    const NS_Utils::CriticalSection& RegistryLock() const noexcept { return m_lock; }
 
     // For diagnostics: processes with an entry, and signature entries (live or expired).
     size_t ProcessCount() const;
@@ -133,10 +132,6 @@ private:
     public:
         explicit LockGuard(SharedIdMonitor& monitor) : CritSecGuard(monitor.m_lock) {}
     };
-    // End the process, with `call` in the log, unless the caller holds the monitor lock (the
-    // "Locked" functions and the map helpers) or runs on the collector's worker.
-    void ExpectLocked(const wchar_t* call) const;
-    void ExpectWorker(const wchar_t* call) const;
 
     SharedIdMonitor();
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
@@ -160,6 +155,8 @@ private:
     // The holders in the record's list that still run; none when it has no list (`listed`: the
     // files that have one, from one listing of the folder).
     std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
+    // Held by the "Locked" functions and the map helpers (checked); listeners, the window and the
+    // agent are never called under it (checked).
     mutable NS_Utils::CriticalSection m_lock;
     ProcessMap processMap;
     SignatureMap m_AuthToCredMap;

@@ -27,7 +27,7 @@ std::shared_ptr<ILeaseWatcher> SharedIdMonitor::LeaseMonitor() const {
 }
 
 void SharedIdMonitor::UpdateCredentialsHeld() {
-    ExpectUnlocked(L"[SharedIdMonitor::UpdateCredentialsHeld]\t the window called under the monitor lock");
+    m_lock.CheckNotHeld(L"[SharedIdMonitor::UpdateCredentialsHeld]\t the window called under the monitor lock");
     if (std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor()) leaseMonitor->UpdateCredentialsHeld(m_leaseCount);
 }
 

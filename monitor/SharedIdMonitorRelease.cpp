@@ -55,7 +55,7 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
 }
 
 void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
-    ExpectLocked(L"[SharedIdMonitor::ErasePMEntry]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::ErasePMEntry]\t called without the monitor lock");
     const DWORD pid = entry->first;
     NS_Log::Log(4, L"[SharedIdMonitor::ErasePMEntry]\t unregistering wait for PID (" + std::to_wstring(pid) + L")");
     entry->second.waitInfo->TerminateWait();
@@ -64,7 +64,7 @@ void SharedIdMonitor::ErasePMEntry(ProcessMap::iterator entry) {
 }
 
 void SharedIdMonitor::OnSharedIDReadyForGC(const std::wstring& signature, const CSharedId* record) {
-    ExpectWorker(L"[SharedIdMonitor::OnSharedIDReadyForGC]\t called off the collector's worker");
+    m_gc->WorkerRule().Check(L"[SharedIdMonitor::OnSharedIDReadyForGC]\t called off the collector's worker");
     LockGuard lock(*this);
     auto [it, end] = m_AuthToCredMap.equal_range(signature);
     for (; it != end; ++it) {
@@ -122,7 +122,7 @@ std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& reco
 }
 
 bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running) {
-    ExpectLocked(L"[SharedIdMonitor::AdoptLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::AdoptLocked]\t called without the monitor lock");
     std::vector<ProcessMap::iterator> entries;
     for (const HolderProcess& holder : running) {
         auto entry = InsertAndGetPMEntry(holder.pid);

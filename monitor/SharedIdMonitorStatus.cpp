@@ -51,7 +51,7 @@ void AddFilesOnDisk(std::vector<CredentialStatus>& credentials, const Persistant
 
 void SharedIdMonitor::CopyHeldLocked(std::vector<CredentialStatus>& held,
                                      std::vector<std::weak_ptr<CSharedId>>& records) const {
-    ExpectLocked(L"[SharedIdMonitor::CopyHeldLocked]\t called without the monitor lock");
+    m_lock.CheckHeld(L"[SharedIdMonitor::CopyHeldLocked]\t called without the monitor lock");
     for (const auto& [signature, entry] : m_AuthToCredMap) {
         // A reference of our own: another thread's passing one may be the last, and the record
         // would go to the collector while it is read here.
@@ -75,7 +75,7 @@ StatusSnapshot SharedIdMonitor::TakeStatusSnapshot() {
         pending = m_pipeline.Board();
         leaseMonitor = m_leaseMonitor;
     }
-    ExpectUnlocked(L"[SharedIdMonitor::TakeStatusSnapshot]\t the window asked under the monitor lock");
+    m_lock.CheckNotHeld(L"[SharedIdMonitor::TakeStatusSnapshot]\t the window asked under the monitor lock");
     if (leaseMonitor) AddWindowState(snapshot.credentials, records, leaseMonitor->ListedRows());
     NameHolders(snapshot.credentials);
     std::move(pending.begin(), pending.end(), std::back_inserter(snapshot.credentials));

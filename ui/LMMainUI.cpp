@@ -89,12 +89,12 @@ LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
 }
 
 LMMainUI::~LMMainUI() {
-    NS_Utils::FailFastUnless(::GetCurrentThreadId() != m_threadId,
+    NS_Utils::FailFastUnless(!m_uiThread.IsCurrentThread(),
                              L"[LMMainUI::~LMMainUI]\t destroyed on the window's thread, which would wait for itself");
     IssueStop();
     if (!m_thread) return;
     // The stop is posted again in case the thread had not made its queue when it was asked.
-    while (::WaitForSingleObject(m_thread.get(), 1000) == WAIT_TIMEOUT) ::PostThreadMessageW(m_threadId, WM_QUIT, 0, 0);
+    while (::WaitForSingleObject(m_thread.get(), 1000) == WAIT_TIMEOUT) ::PostThreadMessageW(m_uiThread.ThreadId(), WM_QUIT, 0, 0);
 }
 
 unsigned LMMainUI::GetWaitingTimeToKillProcess() {
@@ -120,7 +120,7 @@ void LMMainUI::EnsureUIThread() {
 unsigned __stdcall LMMainUI::ThreadProc(void* param) {
     auto* self = static_cast<LMMainUI*>(param);
     // Stored here, before the thread's first check reads it; its creator's copy could come later.
-    self->m_threadId = ::GetCurrentThreadId();
+    self->m_uiThread.BindToCurrentThread();
     // Declared in this order so that the dialog goes before the window that owns it.
     NS_Utils::UniqueWindow parent;
     NS_Utils::UniqueWindow dialog;
@@ -319,25 +319,21 @@ void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, 
 __time64_t LMMainUI::Now() const { return m_callbacks.now ? m_callbacks.now() : _time64(nullptr); }
 
 int LMMainUI::FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const {
-    NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), L"[LMMainUI::FindRowKey]\t the rows read without the row lock");
+    m_lock.CheckHeld(L"[LMMainUI::FindRowKey]\t the rows read without the row lock");
     for (const auto& [key, row] : m_rows.Rows())
         if (row->GetProcessId() == processId && row->IsFor(credential)) return key;
     return -1;
 }
 
 std::shared_ptr<ProcessInfo> LMMainUI::FirstRowOf(const std::weak_ptr<CSharedId>& credential) const {
-    NS_Utils::FailFastUnless(m_lock.HeldByThisThread(), L"[LMMainUI::FirstRowOf]\t the rows read without the row lock");
+    m_lock.CheckHeld(L"[LMMainUI::FirstRowOf]\t the rows read without the row lock");
     for (const auto& [key, row] : m_rows.Rows())
         if (row->IsFor(credential)) return row;
     return nullptr;
 }
 
-void LMMainUI::ExpectUIThread(const wchar_t* reason) const {
-    NS_Utils::FailFastUnless(::GetCurrentThreadId() == m_threadId, reason);
-}
-
 void LMMainUI::ListRow(int key) {
-    ExpectUIThread(kListBoxOffThread);
+    m_uiThread.Check(kListBoxOffThread);
     std::shared_ptr<ProcessInfo> row;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -377,7 +373,7 @@ void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>
 }
 
 void LMMainUI::UnlistRow(int key, DWORD processId) {
-    ExpectUIThread(kListBoxOffThread);
+    m_uiThread.Check(kListBoxOffThread);
     NS_Utils::CritSecGuard guard(m_lock);
     LRESULT index = m_rows.IndexOf(key);
     if (index == LB_ERR) {
@@ -393,7 +389,7 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
 }
 
 void LMMainUI::CheckItemsOnList() {
-    ExpectUIThread(kListBoxOffThread);
+    m_uiThread.Check(kListBoxOffThread);
     std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -478,7 +474,7 @@ void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
 // Each item's string is its row's text, kept current as the countdown moves (or the program's
 // title changes), so that what a screen reader reads is what the row shows.
 void LMMainUI::UpdateRowTexts() {
-    ExpectUIThread(kListBoxOffThread);
+    m_uiThread.Check(kListBoxOffThread);
     std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
     {
         NS_Utils::CritSecGuard guard(m_lock);
@@ -493,7 +489,7 @@ void LMMainUI::UpdateRowTexts() {
 }
 
 void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
-    ExpectUIThread(kListBoxOffThread);
+    m_uiThread.Check(kListBoxOffThread);
     if (item.itemID == static_cast<UINT>(-1)) return;
     // Only the keyboard focus moved: the dotted frame is drawn over the row as it stands.
     if (item.itemAction == ODA_FOCUS) {
@@ -557,7 +553,7 @@ void LMMainUI::SetCredentialsHeld(bool held) {
 
 void LMMainUI::ApplyShutdownBlockReason(bool held) {
     // The reason belongs to a window, and only its own thread may change it.
-    ExpectUIThread(L"[LMMainUI::ApplyShutdownBlockReason]\t the block reason set off the window's thread");
+    m_uiThread.Check(L"[LMMainUI::ApplyShutdownBlockReason]\t the block reason set off the window's thread");
     HWND window = m_dialog ? m_dialog.load() : m_parent.load();
     // Wine answers FALSE to both: the reason is a courtesy to the user, never a condition.
     BOOL ok = held ? ::ShutdownBlockReasonCreate(window, kBlockReason) : ::ShutdownBlockReasonDestroy(window);

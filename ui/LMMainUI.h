@@ -13,6 +13,7 @@
 // registry is held while the window is called.
 
 #include "common/CriticalSection.h"
+#include "common/ThreadRule.h"
 #include "common/WinHandles.h"
 #include "sharedid/ListedRow.h"
 #include "sharedid/SharedId.h"
@@ -84,9 +85,6 @@ private:
     void RunUI(HWND dialog);
     bool OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
-    // Ends the process, with `reason` in the log, unless called on the window's thread: the list
-    // box and the windows' shutdown block reason are that thread's alone.
-    void ExpectUIThread(const wchar_t* reason) const;
     void ListRow(int key);
     void UnlistRow(int key, DWORD processId);
     void CheckItemsOnList();
@@ -106,8 +104,9 @@ private:
     NS_Utils::UniqueHandle m_startedEvent;
     NS_Utils::CriticalSection m_threadLock;
     NS_Utils::UniqueHandle m_thread;
-    // Stored by the UI thread itself, so that its own checks never read it before it is set.
-    std::atomic<DWORD> m_threadId{0};
+    // Bound by the window's thread itself: the list box and the windows' shutdown block reason
+    // are that thread's alone.
+    NS_Utils::ThreadRule m_uiThread;
     std::atomic<HWND> m_parent{nullptr};
     std::atomic<HWND> m_dialog{nullptr};
     mutable NS_Utils::CriticalSection m_lock;

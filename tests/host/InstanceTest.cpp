@@ -39,8 +39,8 @@ namespace {
 // Every call on the object is served on the main thread; one from elsewhere ends the process.
 TEST(ThreadRuleDeathTest, TheObjectOffTheMainThreadEndsTheProcess) {
     testsupport::ExpectFailFast(L"off the main thread, as a test", [] {
-        CTarrowModule::Instance().SetMainThread(::GetCurrentThreadId());
-        std::thread([] { CTarrowModule::Instance().ExpectMainThread(L"off the main thread, as a test"); }).join();
+        CTarrowModule::Instance().MainThread().BindToCurrentThread();
+        std::thread([] { CTarrowModule::Instance().MainThread().Check(L"off the main thread, as a test"); }).join();
     });
 }
 
