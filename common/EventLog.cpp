@@ -81,8 +81,8 @@ void WriteMarker(const std::wstring& path, const std::wstring& text) {
     NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                               FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
-    if (file)
-        (void)::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), &written, nullptr);
+    const DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
+    if (file) (void)::WriteFile(file.get(), text.data(), bytes, &written, nullptr);
 }
 }  // namespace
 

@@ -46,8 +46,8 @@ struct Setting {
 };
 
 // The keys that may hold the values of one row's sub-key, in look-up order, opened once by a
-// caller that reads several of its values often (the log's settings). A key that is not there
-// stays closed and is passed over.
+// caller that reads several of its values often (the log's settings); good for the rows of that
+// sub-key with the same policy. A key that is not there stays closed and is passed over.
 class OpenedKeys {
 public:
     explicit OpenedKeys(const Setting& anyOfTheSubKey);

@@ -49,7 +49,8 @@ std::wstring SingleInstanceMutexName() {
 // the logon command starts it.
 void RegisterForRestart() {
     const HRESULT result = ::RegisterApplicationRestart(nullptr, RESTART_NO_REBOOT);
-    NS_Log::Log(SUCCEEDED(result) ? 3 : 2, L"[wWinMain]\t RegisterApplicationRestart; hr = 0x" + NS_Log::Hex(static_cast<unsigned long>(result)));
+    NS_Log::Log(SUCCEEDED(result) ? 3 : 2,
+                L"[wWinMain]\t RegisterApplicationRestart; hr = 0x" + NS_Log::Hex(static_cast<unsigned long>(result)));
 }
 
 void RunMessageLoop() {
