@@ -1,5 +1,5 @@
 #pragma once
-// Read-only access to settings under HKEY_LOCAL_MACHINE. A failed read leaves the caller's default.
+// Read-only access to settings in the registry. A failed read leaves the caller's default.
 
 #include <windows.h>
 
@@ -17,6 +17,12 @@ inline constexpr const wchar_t* kWex = L"SOFTWARE\\Orvane\\Kelmar\\Wex";
 inline constexpr const wchar_t* kLogging = L"SOFTWARE\\Orvane\\Kelmar\\Logging";
 // The agent's configuration: the language its message libraries are installed in.
 inline constexpr const wchar_t* kConfig = L"SOFTWARE\\Orvane\\Kelmar\\Config";
+// Where Group Policy writes the same sub-keys, under HKEY_LOCAL_MACHINE and HKEY_CURRENT_USER.
+// Windows removes a policy's value here when the policy is switched off, so a value read here
+// first never outlives its policy and never overwrites what an administrator set by hand.
+inline constexpr const wchar_t* kPolicyWex = L"SOFTWARE\\Policies\\Orvane\\Kelmar\\Wex";
+inline constexpr const wchar_t* kPolicyLogging = L"SOFTWARE\\Policies\\Orvane\\Kelmar\\Logging";
+inline constexpr const wchar_t* kPolicyConfig = L"SOFTWARE\\Policies\\Orvane\\Kelmar\\Config";
 }  // namespace RegKeys
 
 // True and the value; or false with `value` unchanged and the registry's error code as the

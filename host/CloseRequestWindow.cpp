@@ -7,7 +7,7 @@ namespace {
 constexpr const wchar_t* kClassName = L"KEL_Tarrow_Close_Request";
 }
 
-bool CCloseRequestWindow::Create() {
+bool CCloseRequestWindow::Create(std::function<void()> onSessionEnd) {
     // The window's quit goes to the thread that made it: only the main thread's ends the service.
     CTarrowModule::Instance().MainThread().Check(L"[CCloseRequestWindow::Create]\t called off the main thread");
     WNDCLASSEXW windowClass{};
@@ -19,10 +19,14 @@ bool CCloseRequestWindow::Create() {
     // Top-level, never shown: a message-only window would not hear the close request.
     m_window.reset(::CreateWindowExW(0, kClassName, L"Tarrow", WS_OVERLAPPED, 0, 0, 0, 0, nullptr, nullptr,
                                      windowClass.hInstance, nullptr));
-    if (!m_window)
+    if (!m_window) {
         NS_Log::Log(2, L"[CCloseRequestWindow::Create]\t Cannot create the window; GLE = " +
                            std::to_wstring(::GetLastError()));
-    return m_window.valid();
+        return false;
+    }
+    m_onSessionEnd = std::move(onSessionEnd);
+    ::SetWindowLongPtrW(m_window.get(), GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+    return true;
 }
 
 LRESULT CALLBACK CCloseRequestWindow::WindowProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -32,6 +36,9 @@ LRESULT CALLBACK CCloseRequestWindow::WindowProc(HWND window, UINT message, WPAR
             NS_Log::Log(2, L"[CCloseRequestWindow::WindowProc]\t Asked to close the application: ending in order; "
                            L"holders run on and their credentials stay on disk.");
             ::PostQuitMessage(0);
+        } else if (wParam) {
+            auto* self = reinterpret_cast<CCloseRequestWindow*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
+            if (self && self->m_onSessionEnd) self->m_onSessionEnd();
         }
         return 0;
     }

@@ -44,6 +44,15 @@ std::wstring SingleInstanceMutexName() {
     for (;;) ::Sleep(INFINITE);
 }
 
+// Brings the service back after the Restart Manager closed it for an installer (and after a
+// crash or a hang, through Windows Error Reporting); not after a restart of the machine, where
+// the logon command starts it.
+void RegisterForRestart() {
+    const HRESULT result = ::RegisterApplicationRestart(nullptr, RESTART_NO_REBOOT);
+    NS_Log::Log(SUCCEEDED(result) ? 3 : 2,
+                L"[wWinMain]\t RegisterApplicationRestart; hr = 0x" + NS_Log::Hex(static_cast<unsigned long>(result)));
+}
+
 void RunMessageLoop() {
     MSG message;
     while (::GetMessageW(&message, nullptr, 0, 0) > 0) {
@@ -75,14 +84,15 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     CCallerSecurity security;
     (void)security.Apply();
     {
-        NS_EventLog::CServiceLifetimeEvents lifetime(L"" TARROW_VERSION_TEXT);
+        NS_EventLog::CServiceLifetimeEvents lifetime(L"" TARROW_VERSION_TEXT, mutexName);
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
         // Each failure below is logged where it happens, and the service runs on: the check-ins of
         // the files it took up at start do not depend on them.
         (void)tarrow->RegisterInROTPatiently();
         (void)tarrow->RegisterActive();
         CCloseRequestWindow closeRequests;
-        (void)closeRequests.Create();
+        (void)closeRequests.Create([&lifetime] { lifetime.SessionEnding(); });
+        RegisterForRestart();
         RunMessageLoop();
         if (!tarrow->Shutdown()) EndAfterForcedStop();
     }

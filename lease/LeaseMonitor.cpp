@@ -1,7 +1,9 @@
 #include "lease/LeaseMonitor.h"
 
+#include "common/EventLog.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
+#include "common/ModulePath.h"
 #include "common/Registry.h"
 #include "sharedid/ExpiryTime.h"
 #include "lease/LMSharedCredListener.h"
@@ -15,6 +17,18 @@ constexpr const wchar_t* kMapLockedRule = L"[CLeaseMonitor]\t the registry or th
 constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
 constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
 constexpr const wchar_t* kUnderRegistryLock = L"[CLeaseMonitor]\t the window called under the monitor lock";
+
+// The holders of `credential` as "program (pid)", comma-separated, for the event that says whom an
+// expiry ended; read before they are ended, while the registry still knows their processes.
+std::wstring HolderNames(SharedIdMonitor& registry, const std::shared_ptr<CSharedId>& credential) {
+    std::wstring names;
+    for (DWORD pid : registry.HolderPids(credential)) {
+        const NS_Utils::UniqueHandle process = registry.DuplicateProcessHandle(pid);
+        if (!names.empty()) names += L", ";
+        names += NS_Utils::FileNameOf(NS_Utils::ProcessImagePath(process.get())) + L" (" + std::to_wstring(pid) + L")";
+    }
+    return names;
+}
 
 __time64_t SystemNow() {
     ::_tzset();
@@ -192,7 +206,15 @@ void CLeaseMonitor::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CShar
 void CLeaseMonitor::OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential) {
     m_mapLock.CheckNotHeld(kMapLockedRule);
     NS_Log::Log(3, L"[CLeaseMonitor::OnProcessWaitDone]\tRelease the process.");
-    if (SharedIdMonitor* registry = Registry()) registry->OnLeaseExpired(credential);
+    SharedIdMonitor* registry = Registry();
+    if (!registry) return;
+    std::wstring leaseDN, holders;
+    if (std::shared_ptr<CSharedId> live = credential.lock()) {
+        leaseDN = live->GetLeaseDN();
+        holders = HolderNames(*registry, live);
+    }
+    registry->OnLeaseExpired(credential);
+    if (!holders.empty()) NS_EventLog::Report(NS_EventLog::Event::HoldersEndedAtExpiry, {leaseDN, holders});
 }
 
 void CLeaseMonitor::OnSessionEnd() {

@@ -1,5 +1,6 @@
 // tarrow_settings.exe: prints the service's table of administered registry values, one per line:
-// key, value, type (dword or string), default, minimum, maximum, separated by tabs.
+// key, value, type (dword or string), default, minimum, maximum, and where a policy may set it
+// ("machine" or "machine, user"), separated by tabs.
 // The installer's test compares it with the Group Policy templates and the README.
 
 #include "common/Settings.h"
@@ -8,11 +9,13 @@
 
 int wmain() {
     for (const NS_Settings::Setting& s : NS_Settings::AllSettings()) {
-        if (!s.administered) continue;
+        if (!s.Administered()) continue;
+        const wchar_t* policy = s.policy == NS_Settings::Policy::MachineAndUser ? L"machine, user" : L"machine";
         if (s.type == NS_Settings::Type::Dword)
-            std::wprintf(L"%ls\t%ls\tdword\t%lu\t%lu\t%lu\n", s.key, s.valueName, s.defaultNumber, s.minimum, s.maximum);
+            std::wprintf(L"%ls\t%ls\tdword\t%lu\t%lu\t%lu\t%ls\n", s.key, s.valueName, s.defaultNumber, s.minimum,
+                         s.maximum, policy);
         else
-            std::wprintf(L"%ls\t%ls\tstring\t%ls\t\t\n", s.key, s.valueName, s.defaultText);
+            std::wprintf(L"%ls\t%ls\tstring\t%ls\t\t\t%ls\n", s.key, s.valueName, s.defaultText, policy);
     }
     return 0;
 }

@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
 # The per-user package through Windows Installer, in a Wine prefix of its own: a quiet install
 # puts the programs in the user's programs folder, registers Tarrow for the user and for logon;
-# Tarrow started by the logon command answers a real holder's credential; a quiet uninstall
-# removes all of it and leaves the credential files that were never checked in.
+# Tarrow, started by the install (the logon command then finds it running), answers a real
+# holder's credential; closed as an installer closes it, a quiet uninstall removes all of it and
+# leaves the credential files that were never checked in.
 #   InstallTest.sh <Tarrow-x.y.z.msi>
 set -u
 . "$(dirname "$0")/lib.sh"
 msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+closeapp=$(dirname "$msi")/tarrow_closeapp.exe
 use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}"
 package=$(own_package "$msi")
 
@@ -38,11 +40,11 @@ check "the logon command is the quoted Tarrow.exe" test "$command" = "\"$(w wine
 check "the class is served by the installed Tarrow.exe" \
     test "$(value_of "$classes\\CLSID\\$clsid\\LocalServer32" '(Default)')" = "${command//\"/}"
 
-echo "== Tarrow started by the logon command"
-"$WINE" "${command//\"/}" &
-tarrow=$!
+echo "== Tarrow started by the install"
 ctl() { w "$programs/tarrowctl.exe" "$@"; }
-for _ in $(seq 100); do ctl query --url x --auth-svc-id y --role z >/dev/null 2>&1; [ $? -ne 101 ] && break; sleep 0.1; done
+check "the install started Tarrow" wait_for_service "$programs/tarrowctl.exe"
+"$WINE" "${command//\"/}"
+check "the logon command finds it running and ends (3)" test $? -eq 3
 cred=(--url https://corvin.example/auth --auth-svc-id svc-17 --role role-admin)
 holder=$(ctl register --hold "${cred[@]}" --srv-id corvin-1 --shared-id shared-admin-04 \
     --lease-dn 'cn=lease-881,ou=leases' --lease-expiry 20301231T120000Z --flag true | tr -d '\r' |
@@ -58,8 +60,7 @@ check "tarrowctl status shows it held by $holder" \
 
 echo "== a credential left behind, Tarrow stopped, msiexec /x"
 echo left > "$credentials/20010101000000.dat"
-kill "$tarrow"
-wait "$tarrow" 2>/dev/null
+check "Tarrow is closed as an installer closes it" w "$closeapp"
 check "Tarrow has stopped" eval 'ctl query "${cred[@]}" >/dev/null 2>&1; [ $? -eq 101 ]'
 check "the holder has ended" eval 'w taskkill /f /pid "$holder" >/dev/null 2>&1'
 left_before=$(cd "$credentials" && ls -l --time-style=+%s.%N)

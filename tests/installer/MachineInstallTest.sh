@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The package for all users through Windows Installer, in a Wine prefix of its own: a quiet
 # install with ALLUSERS=1 puts the programs in Program Files, registers Tarrow for all users, the
-# event source and the machine's logon command; Tarrow started by that command answers tarrowctl
+# event source and the machine's logon command, and starts Tarrow for the installing user;
+# Tarrow started by that command answers tarrowctl
 # and, with the event log writer on, reports its start and a refused registration to the event
 # log (none with it off); a quiet uninstall removes all of it but the AppID key and the
 # credential files.
@@ -10,6 +11,7 @@ set -u
 . "$(dirname "$0")/lib.sh"
 msi=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 eventtext=$(cd "$2" && pwd)/tarrow_eventtext.exe
+closeapp=$(cd "$2" && pwd)/tarrow_closeapp.exe
 use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$(dirname "$msi")")/wine}"
 package=$(own_package "$msi")
 
@@ -38,11 +40,14 @@ check "the event source names the installed message library" \
 check "the event source supports errors, warnings and information" test "$(value_of "$source_key" TypesSupported)" = 0x7
 command=$(value_of "$run" Tarrow)
 check "the machine's logon command is the quoted Tarrow.exe" test "$command" = "\"$exe\""
-for id in 1 2 100; do
+for id in 1 2 3 100 101 102 103 104 105; do
     check "event $id has a text in the message library" eval 'w "$eventtext" "$programs/TarrowEvents.dll" $id 321 9.9.9 | grep -q .'
 done
 check "the start event reads as the administrator sees it" \
     test "$(w "$eventtext" "$programs/TarrowEvents.dll" 1 321 9.9.9 | tr -d '\r\n')" = "Tarrow started (process 321, version 9.9.9)."
+
+check "the install started Tarrow for the installing user" wait_for_service "$programs/tarrowctl.exe"
+check "it closes as an installer closes it" w "$closeapp"
 
 # Runs the logon command with the event log's debug channel on, registers a credential that is
 # refused (process id 0), stops Tarrow, and leaves Wine's event log output in the file $1.

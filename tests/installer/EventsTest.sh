@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# The event log's entries as Wine shows them (ReportEventW prints each entry's type and id on the
+# advapi channel and its strings on the eventlog channel), with the writer switched on by a Group
+# Policy value only: the start, a level-1 failure, a run ended by force seen at the next start,
+# holders ended at a lease expiry (the grace time set to 0 by the user's policy, over the
+# machine's own 120 s), the stop at the end of the session, and no "ended by force" after it.
+# Then the policies switched off: the service reports nothing, and nothing is left behind.
+#   EventsTest.sh <folder of the programs>
+set -u
+. "$(dirname "$0")/lib.sh"
+bin=$(cd "$1" && pwd)
+use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$bin")/wine}"
+
+machine_policy='HKLM\SOFTWARE\Policies\Orvane\Kelmar\Logging'
+user_policy='HKCU\SOFTWARE\Policies\Orvane\Kelmar\Wex'
+logging='HKLM\SOFTWARE\Orvane\Kelmar\Logging'
+wex='HKLM\SOFTWARE\Orvane\Kelmar\Wex'
+markers="$prefix/drive_c/users/$(whoami)/AppData/Local/Kel/Tarrow"
+w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTestInstall' /f >/dev/null
+w reg add "$logging" /v WindowsEventLogEnabled /t REG_DWORD /d 0 /f >/dev/null
+w reg add "$wex" /v WaitingTimeToKillProcess /t REG_DWORD /d 120 /f >/dev/null
+check "Tarrow registers for this user" w "$bin/Tarrow.exe" /RegServerPerUser
+ctl() { w "$bin/tarrowctl.exe" "$@"; }
+out=$(mktemp -d)
+trap 'rm -rf "$out"; end_prefix "$prefix"' EXIT
+
+# Starts Tarrow with Wine's event output going to $out/$1 and waits until it answers.
+tarrow=
+start_tarrow() {
+    WINEDEBUG=fixme+advapi,+eventlog "$WINE" "$bin/Tarrow.exe" 2>"$out/$1" &
+    tarrow=$!
+    wait_for_service "$bin/tarrowctl.exe"
+}
+# The end of the session, as Windows ends it: the service ends in its handler.
+end_session() {
+    w wineboot --end-session >/dev/null 2>&1
+    wait "$tarrow" 2>/dev/null
+}
+# The entries of Wine's output $1, one a line: "<id> <type> | <string> | <string>...", type 1
+# error, 2 warning, 4 information. Lines of one entry come from one thread, which prefixes them.
+events() {
+    tr -d '\r' <"$1" | awk '
+        function hex(h,   n, i) { n = 0; h = tolower(substr(h, 3))
+                                  for (i = 1; i <= length(h); i++) n = n * 16 + index("0123456789abcdef", substr(h, i, 1)) - 1
+                                  return n }
+        { thread = substr($0, 1, index($0, ":") - 1) }
+        /fixme:advapi:ReportEventW/ { split($0, a, ","); entry[thread] = hex(a[4]) " " hex(a[2]); left[thread] = hex(a[6])
+                                      if (!left[thread]) print entry[thread]; next }
+        /:eventlog:ReportEventW L"/ && left[thread] > 0 {
+            s = $0; sub(/^[^"]*"/, "", s); sub(/"$/, "", s); entry[thread] = entry[thread] " | " s
+            if (--left[thread] == 0) print entry[thread] }'
+}
+has_event() { events "$1" | grep -q "$2"; }
+
+echo "== the writer on by the machine's policy only"
+w reg add "$machine_policy" /v WindowsEventLogEnabled /t REG_DWORD /d 1 /f >/dev/null
+check "Tarrow answers" start_tarrow first
+ctl register --pid 0 --url https://corvin.example/auth --srv-id corvin-1 --auth-svc-id svc-17 --shared-id shared-admin-04 \
+    --role role-admin --lease-dn cn=refused --lease-expiry 20301231T120000Z >/dev/null 2>&1
+kill -9 "$tarrow"
+wait "$tarrow" 2>/dev/null
+events "$out/first"
+check "the start is reported (1, information) with the version" has_event "$out/first" '^1 4 | [0-9]* | [0-9.]*$'
+check "a refused registration is reported (100, error)" has_event "$out/first" '^100 1 | .*Invalid PID'
+first_pid=$(events "$out/first" | sed -n 's/^1 4 | \([0-9]*\) .*/\1/p')
+
+echo "== the next start, a lease that has run out, the end of the session"
+w reg add "$user_policy" /v WaitingTimeToKillProcess /t REG_DWORD /d 0 /f >/dev/null
+check "Tarrow answers again" start_tarrow second
+check "the run ended by force is reported (3, warning) with its process" has_event "$out/second" "^3 2 | $first_pid | "
+holder=$(ctl register --hold --url https://corvin.example/auth --srv-id corvin-1 --auth-svc-id svc-17 \
+    --shared-id shared-admin-04 --role role-admin --lease-dn cn=expired --lease-expiry 20010101T000000Z | tr -d '\r' | sed -n 's/^holder pid //p')
+# The lease poller looks once a minute; the user's policy leaves no grace time.
+for _ in $(seq 90); do has_event "$out/second" '^102 ' && break; sleep 1; done
+events "$out/second"
+check "the holder ended at the expiry is reported (102, warning) with its lease, program and process" \
+    has_event "$out/second" "^102 2 | cn=expired | tarrowctl.exe ($holder)$"
+end_session
+check "the stop at the end of the session is reported (2, information)" has_event "$out/second" '^2 4 | [0-9]*$'
+check "no marker of a running instance is left" test -z "$(ls "$markers" 2>/dev/null)"
+check "Tarrow answers after the session" start_tarrow third
+check "a stop at the end of the session is no run ended by force" eval '! has_event "$out/third" "^3 "'
+end_session
+
+echo "== the policies switched off"
+w reg delete "$machine_policy" /v WindowsEventLogEnabled /f >/dev/null
+w reg delete "$user_policy" /v WaitingTimeToKillProcess /f >/dev/null
+check "Tarrow answers without the policies" start_tarrow fourth
+ctl register --pid 0 --url https://corvin.example/auth --srv-id corvin-1 --auth-svc-id svc-17 --shared-id shared-admin-04 \
+    --role role-admin --lease-dn cn=refused --lease-expiry 20301231T120000Z >/dev/null 2>&1
+end_session
+check "nothing is reported" test -z "$(events "$out/fourth")"
+check "no policy value is left" test -z "$(value_of "$machine_policy" WindowsEventLogEnabled)$(value_of "$user_policy" WaitingTimeToKillProcess)"
+check "the service's own values are as they were" \
+    test "$(value_of "$logging" WindowsEventLogEnabled) $(value_of "$wex" WaitingTimeToKillProcess)" = "0x0 0x78"
+check "no marker of a running instance is left" test -z "$(ls "$markers" 2>/dev/null)"
+
+summary
