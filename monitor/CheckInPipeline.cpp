@@ -1,6 +1,7 @@
 #include "monitor/CheckInPipeline.h"
 
 #include "checkin/KelSettingsImpl.h"
+#include "common/EventLog.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
 #include "monitor/CheckInWatch.h"
@@ -75,6 +76,9 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
     m_collector.WorkerRule().Check(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
     for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!ReachAgent()) {
+        // Once an outage: the event says files are kept, and the one after it that they are back.
+        if (!m_keptFiles.load())
+            NS_EventLog::Report(NS_EventLog::Event::AgentUnreachable, {std::to_wstring(batch.size())});
         for (PendingCheckIn& pending : batch) KeepForLater(std::move(pending.credential));
         return;
     }
@@ -108,9 +112,11 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
         case NS_CheckIn::Action::kGiveUp:
             NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
                                                    L"Error code : ") + std::to_wstring(outcome.result));
+            ReportFinalFailure(*credential, outcome.result);
             Forget(std::move(credential));
             break;
         case NS_CheckIn::Action::kForget:
+            if (outcome.result != NS_CheckIn::kCheckedIn) ReportFinalFailure(*credential, outcome.result);
             Forget(std::move(credential));
             break;
         }
@@ -149,6 +155,7 @@ bool CCheckInPipeline::ReachAgent() {
     m_board.SetAgentReachable(reachable);
     if (reachable && m_keptFiles.exchange(false)) {
         NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
+        NS_EventLog::Report(NS_EventLog::Event::AgentReachedAgain, {std::to_wstring(m_keptCount.exchange(0))});
         if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
             (void)registry->GCUncheckedInCredentials();  // a failure is logged; the next start tries again
     }
@@ -159,9 +166,16 @@ void CCheckInPipeline::KeepForLater(std::shared_ptr<CSharedId> credential) {
     NS_Log::Log(2, kFreeTag + std::wstring(L" The agent cannot be reached; the credential file stays for the next "
                                            L"start or the agent's return: ") + credential->GetFileName());
     credential->ReleaseFileClaim();
+    ++m_keptCount;
     m_keptFiles.store(true);
     LetGo(std::move(credential));
     QueueAgentProbe();
+}
+
+void CCheckInPipeline::ReportFinalFailure(const CSharedId& credential, int result) {
+    // The identity server may keep the account checked out: an administrator has to look.
+    NS_EventLog::Report(NS_EventLog::Event::CheckInFailedFinally,
+                        {credential.GetLeaseDN(), credential.GetSharedId(), std::to_wstring(result)});
 }
 
 void CCheckInPipeline::Forget(std::shared_ptr<CSharedId> credential) {

@@ -90,6 +90,8 @@ private:
     // or the agent's return.
     void KeepForLater(std::shared_ptr<CSharedId> credential);
     void Forget(std::shared_ptr<CSharedId> credential);
+    // An answer that ends the credential's way back without success goes to the event log.
+    static void ReportFinalFailure(const CSharedId& credential, int result);
     void LetGo(std::shared_ptr<CSharedId> credential);
     // Asks for the agent again every retry pause while files are kept and nothing else would.
     void QueueAgentProbe();
@@ -109,6 +111,7 @@ private:
     std::atomic<bool> m_accountRefreshQueued{false};
     // Files were kept while the agent could not be reached; taken up when it can be again.
     std::atomic<bool> m_keptFiles{false};
+    std::atomic<unsigned> m_keptCount{0};  // since the agent was last reached
     std::atomic<bool> m_agentProbeQueued{false};
     std::atomic<bool> m_held{false};
 };

@@ -1,6 +1,7 @@
 // The monitor's side of lease expiry: wiring the lease monitor, ending the holders of an expired
 // credential, and the end of the Windows session.
 
+#include "common/EventLog.h"
 #include "common/Log.h"
 #include "monitor/SharedIdMonitor.h"
 
@@ -116,6 +117,8 @@ void SharedIdMonitor::WaitForCheckIns() {
     while (m_leaseCount.load() >= 1 && ::GetTickCount64() < deadline)
         if (::WaitForMultipleObjects(2, wakes, FALSE, kLogoffPauseMs) == WAIT_OBJECT_0) break;
     const LONG left = m_leaseCount.load();
-    if (left >= 1)
+    if (left >= 1) {
         NS_Log::Log(1, std::to_wstring(left) + L" credentials were not checked in to Corvin during windows logoff.");
+        NS_EventLog::Report(NS_EventLog::Event::LogoffLeftCredentials, {std::to_wstring(left)});
+    }
 }

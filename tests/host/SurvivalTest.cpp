@@ -7,6 +7,7 @@
 #include "common/Registry.h"
 #include "sharedid/PersistantStorage.h"
 #include "testing/agent/StandInControl.h"
+#include "testing/installer/CloseRequest.h"
 #include "tests/host/ServiceFixture.h"
 #include "tools/StatusReader.h"
 
@@ -22,26 +23,6 @@ size_t JournalCount(const std::string& prefix, const std::string& text = {}) {
 // Rows the agent was sent, several to a call.
 size_t CheckIns(const std::string& text = {}) { return JournalCount("Row ", text); }
 size_t Files() { return ListFiles(CredentialFolder(), L"*.dat").size(); }
-
-// What the Restart Manager sends every top-level window of an application it closes.
-size_t SendCloseRequest(DWORD pid) {
-    std::pair<DWORD, std::vector<HWND>> search{pid, {}};
-    ::EnumWindows(
-        [](HWND window, LPARAM found) {
-            auto* s = reinterpret_cast<std::pair<DWORD, std::vector<HWND>>*>(found);
-            DWORD owner = 0;
-            ::GetWindowThreadProcessId(window, &owner);
-            if (owner == s->first) s->second.push_back(window);
-            return TRUE;
-        },
-        reinterpret_cast<LPARAM>(&search));
-    DWORD_PTR answer = 0;
-    for (HWND window : search.second)
-        ::SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, ENDSESSION_CLOSEAPP, SMTO_ABORTIFHUNG, 5000, &answer);
-    for (HWND window : search.second)
-        ::SendMessageTimeoutW(window, WM_ENDSESSION, TRUE, ENDSESSION_CLOSEAPP, SMTO_ABORTIFHUNG, 5000, &answer);
-    return search.second.size();
-}
 
 class SurvivalTest : public ServiceTest {
 protected:

@@ -75,6 +75,9 @@ for _ in $(seq 90); do has_event "$out/second" '^102 ' && break; sleep 1; done
 events "$out/second"
 check "the holder ended at the expiry is reported (102, warning) with its lease, program and process" \
     has_event "$out/second" "^102 2 | cn=expired | tarrowctl.exe ($holder)$"
+# No agent is installed here: the ended holder's credential is kept on the disk.
+for _ in $(seq 30); do has_event "$out/second" '^104 ' && break; sleep 1; done
+check "the agent's absence is reported (104, error) with the files kept" has_event "$out/second" '^104 1 | 1$'
 end_session
 check "the stop at the end of the session is reported (2, information)" has_event "$out/second" '^2 4 | [0-9]*$'
 check "no marker of a running instance is left" test -z "$(ls "$markers" 2>/dev/null)"
