@@ -34,10 +34,9 @@ NS_Utils::ComPtr<IKelSiteContainer> ReadSiteContainer() {
     // The agent's other processes share this mutex; it may not exist yet when none runs.
     NS_Utils::UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, kPlsAccessMutex));
     if (!mutex) return {};
-    const DWORD wait = ::WaitForSingleObject(mutex.get(), kPlsMutexWaitMs);
     // An abandoned mutex is ours all the same; the slot it guards is a single pointer.
-    if (wait != WAIT_OBJECT_0 && wait != WAIT_ABANDONED) return {};
-    NS_Utils::MutexOwnership owned(mutex.get());
+    const auto owned = NS_Utils::MutexOwnership::Acquire(mutex.get(), kPlsMutexWaitMs);
+    if (!owned.Owned()) return {};
     IUnknown** table = tableFn();
     IUnknown* slot = table ? table[kPlsSiteContainerSlot] : nullptr;
     if (slot) slot->AddRef();

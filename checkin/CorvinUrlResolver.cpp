@@ -30,9 +30,7 @@ bool ReadStringArray(const VARIANT& value, std::vector<std::wstring>& strings) {
     return true;
 }
 
-void LogPolicy(unsigned short level, const std::wstring& text) {
-    NS_Log::Log(level, kPolicyTag + std::wstring(L" policy value of ") + kAuthSvcPolicy + text);
-}
+const std::wstring kPolicyValueTag = kPolicyTag + std::wstring(L" policy value of ") + kAuthSvcPolicy;
 }  // namespace
 
 int CCorvinUrlResolver::ResolveAuthSvcId(IKelStateEngineRuntime* runtime, std::wstring& authSvcId) {
@@ -60,15 +58,15 @@ int CCorvinUrlResolver::GetKelSystemPolicy(IKelStateEngineRuntime* runtime, std:
     provider->GetPolicy(NS_Utils::AllocBstr(kAuthSvcPolicy).get(), policy.put());
     std::vector<std::wstring> strings;
     if (!ReadStringArray(*policy.get(), strings)) {
-        LogPolicy(1, L" is not an array of string");
+        NS_Log::Log(1, kPolicyValueTag, L" is not an array of string");
         return 1;
     }
     if (strings.empty() || strings.front().empty()) {
-        LogPolicy(1, L" is empty");
+        NS_Log::Log(1, kPolicyValueTag, L" is empty");
         return 1;
     }
     value = strings.front();
-    LogPolicy(3, L" = " + value);
+    NS_Log::Log(3, kPolicyValueTag, L" = " + value);
     return 0;
 }
 

@@ -22,8 +22,6 @@ using NS_Utils::AllocBstr;
 // The answer is read through its address, after the call that fills it has returned.
 bool Answered(HRESULT hr, const VARIANT_BOOL* answer) { return SUCCEEDED(hr) && *answer == VARIANT_TRUE; }
 
-void LogWallet(const wchar_t* text) { NS_Log::Log(1, kWalletTag + std::wstring(text)); }
-
 NS_Utils::ComPtr<IKelPropertyManager> PropertyManager(IKelStateEngineRuntime* runtime) {
     NS_Utils::ComPtr<IDispatch> manager;
     if (!runtime || FAILED(runtime->GetPropertyManager(manager.put()))) return {};
@@ -35,7 +33,7 @@ bool EnsureBag(IKelPropertyManager& manager, const wchar_t* bag, VARIANT_BOOL ex
     if (exists == VARIANT_TRUE) return true;
     VARIANT_BOOL created = VARIANT_FALSE;
     if (Answered(manager.CreateAccDataBag(AllocBstr(bag).get(), &created), &created)) return true;
-    LogWallet(failure);
+    NS_Log::Log(1, kWalletTag, failure);
     return false;
 }
 
@@ -44,7 +42,7 @@ bool PrepareWorkBags(IKelPropertyManager& manager, const std::wstring& authSvcId
     VARIANT_BOOL resultExists = VARIANT_FALSE;
     if (FAILED(manager.IsAccDataBagExist(AllocBstr(kWorkBag).get(), scope, &workExists)) ||
         FAILED(manager.IsAccDataBagExist(AllocBstr(kResultBag).get(), scope, &resultExists))) {
-        LogWallet(L" Call to IsAccDataBagExist() failed");
+        NS_Log::Log(1, kWalletTag, L" Call to IsAccDataBagExist() failed");
         return false;
     }
     if (!EnsureBag(manager, kWorkBag, workExists, L" Cannot create temp_bag") ||
@@ -56,7 +54,7 @@ bool PrepareWorkBags(IKelPropertyManager& manager, const std::wstring& authSvcId
     if (!Answered(manager.SetAccDataBag(work.get(), AllocBstr(authSvcId).get(), scope, &idSet), &idSet) ||
         !Answered(manager.SetAccDataBagAdt(work.get(), AllocBstr(kAccountTemplate).get(), scope, &templateSet),
                   &templateSet)) {
-        LogWallet(L" SetAccDataBag auth id or ADT failed");
+        NS_Log::Log(1, kWalletTag, L" SetAccDataBag auth id or ADT failed");
         return false;
     }
     return true;
@@ -68,7 +66,7 @@ void ReadAccount(IKelPropertyManager& manager, const VARIANT& scope, std::wstrin
     NS_Utils::SecretBstr passwordText;
     if (FAILED(manager.GetAccDataItem(result.get(), AllocBstr(kUserItem).get(), scope, userText.put())) ||
         FAILED(manager.GetAccDataItem(result.get(), AllocBstr(kPasswordItem).get(), scope, passwordText.put()))) {
-        LogWallet(L" GetAccDataItem() failed");
+        NS_Log::Log(1, kWalletTag, L" GetAccDataItem() failed");
         return;
     }
     userText.CopyTo(user);
@@ -82,13 +80,13 @@ void CKelUtils::RetrieveCorvinCredentials(IKelStateEngineRuntime* runtime, const
     NS_Utils::WipeString(password);
     NS_Utils::ComPtr<IKelPropertyManager> manager = PropertyManager(runtime);
     if (!manager) {
-        LogWallet(L" pPropMgr is NULL");
+        NS_Log::Log(1, kWalletTag, L" pPropMgr is NULL");
         return;
     }
     if (!PrepareWorkBags(*manager.get(), authSvcId, scope)) return;
     VARIANT_BOOL copied = VARIANT_FALSE;
     if (!Answered(manager->GetAccountData(AllocBstr(kResultBag).get(), AllocBstr(kWorkBag).get(), &copied), &copied)) {
-        LogWallet(L" GetAccountData to temp_two failed");
+        NS_Log::Log(1, kWalletTag, L" GetAccountData to temp_two failed");
         return;
     }
     ReadAccount(*manager.get(), scope, user, password);

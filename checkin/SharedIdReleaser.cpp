@@ -17,10 +17,6 @@ constexpr const wchar_t* kResolveTag = L"[SharedIdReleaser::ResolveAuthId";
 constexpr const wchar_t* kNoRuntime = L"]\tGetting the SE runtime object from observer failed";
 constexpr LCID kAgentLcid = 1024;  // LOCALE_USER_DEFAULT, as the agent's own callers pass it
 
-void Log(unsigned short level, const wchar_t* tag, const std::wstring& piece) {
-    NS_Log::Log(level, tag + piece);
-}
-
 std::wstring HrText(HRESULT hr) { return L"0x" + NS_Log::Hex(static_cast<unsigned long>(hr)); }
 
 VARIANT BoolScope(VARIANT_BOOL value) {
@@ -107,7 +103,7 @@ void SharedIdReleaser::ReleaseCreds(std::span<const CSharedId* const> credential
                                     std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
     if (credentials.size() == 1 || m_singleRows) return OnePerCall(credentials, outcomes, hrCIRes);
     if (Exchange(credentials, outcomes, hrCIRes)) return;
-    Log(2, kReleaseTag, L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
+    NS_Log::Log(2, kReleaseTag, L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
                             L" rows: they are sent again one per call, and single rows from now on.");
     m_singleRows = true;
     for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {};
@@ -146,7 +142,7 @@ bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
     if (hrCIRes) *hrCIRes = hr;
     const bool unanswered = nRet == 0 && NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty();
     if (NS_CheckIn::IsServerGone(hr) && unanswered) {
-        Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
+        NS_Log::Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
                                 L"; its objects are made anew for the next attempt.");
         DropAgentObjects();
         return true;
@@ -163,23 +159,23 @@ void SharedIdReleaser::DropAgentObjects() {
 }
 
 bool SharedIdReleaser::RefreshAccountForCheckIn() {
-    if (!UpdateCorvinCred()) Log(2, kReleaseTag, L"]\t Cannot get Corvin cred.");
+    if (!UpdateCorvinCred()) NS_Log::Log(2, kReleaseTag, L"]\t Cannot get Corvin cred.");
     if (!m_corvinUser.empty()) return true;
-    Log(2, kReleaseTag, L"]\t No Corvin cred is available yet.");
+    NS_Log::Log(2, kReleaseTag, L"]\t No Corvin cred is available yet.");
     // The check-in goes ahead with whatever the cache holds; the agent answers for an account
     // it cannot use with a code that is retried.
     const LoginWait wait = WaitForLogin();
-    if (wait != LoginWait::kLoggedOn) Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
+    if (wait != LoginWait::kLoggedOn) NS_Log::Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
     return wait != LoginWait::kStopping;
 }
 
 void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
-    Log(4, kReleaseTag, L"]\tAbout to delete the associated global account data bag for " + credential.GetSignature());
+    NS_Log::Log(4, kReleaseTag, L"]\tAbout to delete the associated global account data bag for " + credential.GetSignature());
     NS_Utils::ComPtr<IDispatch> store;
     HRESULT hr = m_runtime ? m_runtime->GetPropertyManager(store.put()) : E_POINTER;
     if (SUCCEEDED(hr) && !store) hr = E_POINTER;
     auto failed = [](HRESULT result) {
-        Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(result)));
+        NS_Log::Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(result)));
     };
     if (FAILED(hr)) return failed(hr);
     auto manager = NS_AgentRuntime::AgentObjectAs<IKelPropertyManager>(store);
@@ -189,13 +185,13 @@ void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
     if (FAILED(manager->IsAccDataBagExist(name.get(), global, &exists)) || exists != VARIANT_TRUE) return;
     hr = manager->DeleteAccDataBag(name.get(), global);
     if (FAILED(hr)) return failed(hr);
-    Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
+    NS_Log::Log(4, kReleaseTag, L"]\t Deleted global account data bag: " + credential.GetAuxText6());
 }
 
 bool SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& output,
                                      std::span<NS_CheckIn::RowOutcome> outcomes) {
     if (nRet != 0) {
-        Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", nRet = " + std::to_wstring(nRet));
+        NS_Log::Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", nRet = " + std::to_wstring(nRet));
         for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {NS_CheckIn::Reply::kAnswered, nRet};
         return true;
     }
@@ -203,12 +199,12 @@ bool SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& outpu
     const std::vector<LONG> results = NS_CheckInRow::ReadResults(output, outcomes.size());
     if (results.size() != outcomes.size()) {
         if (outcomes.size() > 1) return false;
-        Log(2, kReleaseTag, L"]\t The size of  CheckIn result vector is not 1. ");
+        NS_Log::Log(2, kReleaseTag, L"]\t The size of  CheckIn result vector is not 1. ");
         outcomes.front() = {NS_CheckIn::Reply::kAnswered, NS_CheckIn::kNoSingleAnswer};
         return true;
     }
     for (size_t i = 0; i < results.size(); ++i) {
-        Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(results[i]));
+        NS_Log::Log(3, kReleaseTag, L"]\t hrCIRes: " + HrText(hr) + L", ret = " + std::to_wstring(results[i]));
         outcomes[i] = {NS_CheckIn::Reply::kAnswered, results[i]};
     }
     return true;
@@ -218,11 +214,11 @@ bool SharedIdReleaser::UpdateCorvinCred() {
     CheckThread();
     if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
     if (!m_runtime) {
-        Log(1, kUpdateTag, kNoRuntime);
+        NS_Log::Log(1, kUpdateTag, kNoRuntime);
         return false;
     }
     if (m_corvinAuthSvcId.empty() && !ResolveAuthId()) {
-        Log(2, kUpdateTag, L"]\tResolution of Corvin authentication service failed.");
+        NS_Log::Log(2, kUpdateTag, L"]\tResolution of Corvin authentication service failed.");
         return false;
     }
     std::wstring user;
@@ -230,7 +226,7 @@ bool SharedIdReleaser::UpdateCorvinCred() {
     CKelUtils::RetrieveCorvinCredentials(m_runtime.get(), m_corvinAuthSvcId, BoolScope(VARIANT_TRUE), user, password);
     if (user.empty()) {
         NS_Utils::WipeString(password);
-        Log(2, kUpdateTag, L"]\tcould not get Corvin cred from wallet. Not disturbing the cache.");
+        NS_Log::Log(2, kUpdateTag, L"]\tcould not get Corvin cred from wallet. Not disturbing the cache.");
         return false;
     }
     m_corvinUser = user;
@@ -242,16 +238,16 @@ bool SharedIdReleaser::ResolveAuthId() {
     CheckThread();
     if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
     if (!m_runtime) {
-        Log(1, kResolveTag, kNoRuntime);
+        NS_Log::Log(1, kResolveTag, kNoRuntime);
         return false;
     }
     std::wstring authSvcId;
     if (CCorvinUrlResolver::ResolveAuthSvcId(m_runtime.get(), authSvcId) != 0) {
-        Log(1, kResolveTag, L"]\t Cannot get Corvin Auth Id from wallet.");
+        NS_Log::Log(1, kResolveTag, L"]\t Cannot get Corvin Auth Id from wallet.");
         return false;
     }
     m_corvinAuthSvcId = authSvcId;
-    Log(3, kResolveTag, L"]\t CorvinAuthSvcId = " + m_corvinAuthSvcId);
+    NS_Log::Log(3, kResolveTag, L"]\t CorvinAuthSvcId = " + m_corvinAuthSvcId);
     return true;
 }
 

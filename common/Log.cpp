@@ -30,6 +30,13 @@ int Log(unsigned short level, const std::wstring& text) {
     return result;
 }
 
+int Log(unsigned short level, std::wstring_view tag, const std::wstring& text) {
+    std::wstring line;
+    line.reserve(tag.size() + text.size());
+    line.append(tag).append(text);
+    return Log(level, line);
+}
+
 bool IsEnabled(unsigned short level) { return level <= DefaultWriter().CurrentSettings().level; }
 
 std::wstring FormatTimeStamp(const SYSTEMTIME& t) {

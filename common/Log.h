@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <string>
+#include <string_view>
 
 namespace NS_Log {
 
@@ -16,6 +17,16 @@ inline constexpr const wchar_t* kComponent = L"brisk_observer";
 // Returns -1 when the level filter dropped the message, 0 otherwise. Never fails, never throws
 // anything but allocation failure, and leaves the thread's last error as it found it.
 int Log(unsigned short level, const std::wstring& text);
+
+// `tag` + `text`: the one helper for call sites that keep their function's tag ("[Class::Method]\t",
+// or "[Class::Method" when the pieces begin with "]") apart from the text.
+int Log(unsigned short level, std::wstring_view tag, const std::wstring& text);
+// Logs as above and gives back `result`: a refusal that is logged and returned in one statement.
+template <typename Result>
+Result LogAndReturn(unsigned short level, std::wstring_view tag, const std::wstring& text, Result result) {
+    (void)Log(level, tag, text);
+    return result;
+}
 
 // Whether a message of `level` would be written now; for call sites whose text is costly to build.
 bool IsEnabled(unsigned short level);

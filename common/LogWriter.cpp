@@ -74,22 +74,23 @@ int CLogWriter::Log(unsigned short level, const std::wstring& text) {
 void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
     HANDLE mutex = settings.scrambled ? m_scrambledMutex.get() : m_plainMutex.get();
     // Without a mutex the line is still written: an unserialised line beats a lost one.
-    if (mutex && !AcquireMutex(mutex)) return;
-    NS_Utils::MutexOwnership owned(mutex);
+    if (!mutex) return AppendLocked(FilePath(settings.scrambled), line, settings);
+    const NS_Utils::MutexOwnership owned = AcquireMutex(mutex);
+    if (!owned.Owned()) return;
     AppendLocked(FilePath(settings.scrambled), line, settings);
 }
 
-bool CLogWriter::AcquireMutex(HANDLE mutex) {
+NS_Utils::MutexOwnership CLogWriter::AcquireMutex(HANDLE mutex) {
     // One stuck holder must not cost every line the full wait: a call that logs a dozen lines
     // would stall for half a minute.
-    DWORD wait = ::WaitForSingleObject(mutex, m_mutexTimedOut ? 0 : kMutexWaitMs);
-    if (wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED) {
+    NS_Utils::MutexOwnership owned = NS_Utils::MutexOwnership::Acquire(mutex, m_mutexTimedOut ? 0 : kMutexWaitMs);
+    if (owned.Owned()) {
         ReportDroppedLines();
-        return true;
+        return owned;
     }
     if (!m_mutexTimedOut.exchange(true)) ::OutputDebugStringW(L"Timeout when waiting to acquire mutex");
     ++m_droppedLines;
-    return false;
+    return owned;
 }
 
 void CLogWriter::ReportDroppedLines() {

@@ -29,7 +29,7 @@ private:
     void Append(const std::wstring& line, const LogSettings& settings);
     // Waits for the file's mutex, but only until a wait has timed out; from then on each line
     // only tries it, and is dropped and counted, until the mutex is obtained again.
-    [[nodiscard]] bool AcquireMutex(HANDLE mutex);
+    [[nodiscard]] NS_Utils::MutexOwnership AcquireMutex(HANDLE mutex);
     // On the debugger output: how many lines were dropped since the mutex was last obtained.
     void ReportDroppedLines();
     NS_Utils::UniqueHandle OpenForAppend(const std::wstring& path) const;

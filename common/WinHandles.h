@@ -64,6 +64,14 @@ struct ChangeNotificationTraits {
     static void Close(HANDLE h) noexcept { ::FindCloseChangeNotification(h); }
 };
 
+// A timer of the default timer queue; deleting it waits for a callback that is running.
+struct TimerQueueTimerTraits {
+    using type = HANDLE;
+    static HANDLE Invalid() noexcept { return nullptr; }
+    static bool IsValid(HANDLE h) noexcept { return h != nullptr; }
+    static void Close(HANDLE h) noexcept { ::DeleteTimerQueueTimer(nullptr, h, INVALID_HANDLE_VALUE); }
+};
+
 struct RegKeyTraits {
     using type = HKEY;
     static HKEY Invalid() noexcept { return nullptr; }
@@ -94,19 +102,28 @@ using UniqueFindHandle = UniqueResource<FindHandleTraits>;
 // A folder's change notification, from FindFirstChangeNotification.
 using UniqueChangeNotification = UniqueResource<ChangeNotificationTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
+using UniqueTimerQueueTimer = UniqueResource<TimerQueueTimerTraits>;
 
-// Holds a named mutex between a successful wait and the end of the scope.
+// Owns a mutex from a successful wait to the end of the scope. An abandoned mutex is owned all
+// the same (its holder ended without letting go); a timeout or a failed wait owns nothing.
 class MutexOwnership {
 public:
-    explicit MutexOwnership(HANDLE mutex) noexcept : m_mutex(mutex) {}
-    MutexOwnership(const MutexOwnership&) = delete;
-    MutexOwnership& operator=(const MutexOwnership&) = delete;
+    MutexOwnership() noexcept = default;
+    [[nodiscard]] static MutexOwnership Acquire(HANDLE mutex, DWORD timeoutMs) noexcept {
+        const DWORD wait = ::WaitForSingleObject(mutex, timeoutMs);
+        MutexOwnership owned;
+        if (wait == WAIT_OBJECT_0 || wait == WAIT_ABANDONED) owned.m_mutex = mutex;
+        return owned;
+    }
+    MutexOwnership(MutexOwnership&& other) noexcept : m_mutex(std::exchange(other.m_mutex, nullptr)) {}
+    MutexOwnership& operator=(MutexOwnership&&) = delete;
     ~MutexOwnership() {
         if (m_mutex) ::ReleaseMutex(m_mutex);
     }
+    bool Owned() const noexcept { return m_mutex != nullptr; }
 
 private:
-    HANDLE m_mutex;
+    HANDLE m_mutex = nullptr;
 };
 
 template <typename F>

@@ -60,10 +60,12 @@ std::vector<std::wstring> OwnedKeys() {
     return {std::wstring(L"AppID\\") + kAppId, L"AppID\\Tarrow.EXE", kProgId, kVersionIndependentProgId, kClassKey};
 }
 
-HKEY ClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
+// The scope's classes key, opened into `owner`; the registry's answer as an HRESULT.
+HRESULT OpenClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
     HKEY base = scope == Scope::AllUsers ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
-    ::RegCreateKeyExW(base, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, owner.put(), nullptr);
-    return owner.get();
+    const LSTATUS status =
+        ::RegCreateKeyExW(base, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, owner.put(), nullptr);
+    return HRESULT_FROM_WIN32(status);
 }
 
 bool Write(HKEY root, const Entry& entry) {
@@ -97,8 +99,8 @@ std::wstring TypeLibraryPath() { return NS_Utils::ExecutableFolder() + L"Tarrow.
 
 HRESULT RegisterServer(Scope scope) {
     NS_Utils::UniqueRegKey owner;
-    HKEY root = ClassesRoot(scope, owner);
-    if (!root) return E_ACCESSDENIED;
+    if (const HRESULT opened = OpenClassesRoot(scope, owner); FAILED(opened)) return opened;
+    HKEY root = owner.get();
     // The class key is written afresh: nothing of an earlier registration lingers in it.
     if (!NS_Utils::DeleteRegistryKey(root, kClassKey.c_str())) return NS_Utils::LastRegistryError();
     for (const Entry& entry : Entries())
@@ -108,8 +110,8 @@ HRESULT RegisterServer(Scope scope) {
 
 HRESULT UnregisterServer(Scope scope) {
     NS_Utils::UniqueRegKey owner;
-    HKEY root = ClassesRoot(scope, owner);
-    if (!root) return E_ACCESSDENIED;
+    if (const HRESULT opened = OpenClassesRoot(scope, owner); FAILED(opened)) return opened;
+    HKEY root = owner.get();
     HRESULT result = UnregisterTypeLibrary(scope);
     for (const std::wstring& key : OwnedKeys()) {
         if (!NS_Utils::DeleteRegistryKey(root, key.c_str()) && SUCCEEDED(result)) result = NS_Utils::LastRegistryError();

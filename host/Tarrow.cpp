@@ -58,7 +58,7 @@ CTarrow::~CTarrow() {
 bool CTarrow::Shutdown() {
     // WinMain shuts the object down before it lets go: the destructor's call, on whichever thread
     // the last Release comes, finds nothing left to take down.
-    if (!m_monitor && m_rotCookie == 0 && !m_activeObject.Registered()) return true;
+    if (!m_monitor && !m_rotEntry.Registered() && !m_activeObject.Registered()) return true;
     CTarrowModule::Instance().MainThread().Check(L"[CTarrow::Shutdown]\t called off the main thread");
     m_activeObject.Revoke();
     RevokeFromROT();
@@ -221,7 +221,7 @@ HRESULT CTarrow::RegisterActive() {
 
 HRESULT CTarrow::RegisterInROT() {
     CTarrowModule::Instance().MainThread().Check(L"[CTarrow::RegisterInROT]\t called off the main thread");
-    if (m_rotCookie != 0) return S_FALSE;
+    if (m_rotEntry.Registered()) return S_FALSE;
     NS_Utils::ComPtr<IRunningObjectTable> table;
     HRESULT hr = ::GetRunningObjectTable(0, table.put());
     if (FAILED(hr)) {
@@ -234,8 +234,8 @@ HRESULT CTarrow::RegisterInROT() {
         NS_Log::Log(1, L"[CTarrow::RegisterInROT]\t CreateItemMoniker failed - HRESULT = 0x" + HexResult(hr));
         return hr;
     }
-    hr = table->Register(ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT, static_cast<ITarrowStatus*>(this),
-                         moniker.get(), &m_rotCookie);
+    hr = m_rotEntry.Register(table, ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT,
+                             static_cast<ITarrowStatus*>(this), moniker.get());
     NS_Log::Log(3, L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
                        std::to_wstring(hr));
     return hr;
@@ -247,14 +247,5 @@ HRESULT CTarrow::RegisterInROTPatiently() {
 
 HRESULT CTarrow::RevokeFromROT() {
     CTarrowModule::Instance().MainThread().Check(L"[CTarrow::RevokeFromROT]\t called off the main thread");
-    if (m_rotCookie == 0) return S_FALSE;
-    NS_Utils::ComPtr<IRunningObjectTable> table;
-    HRESULT hr = ::GetRunningObjectTable(0, table.put());
-    if (FAILED(hr)) {
-        NS_Log::Log(1, L"[CTarrow::RevokeFromROT]\t GetRunningObjectTable failed; hr = " + std::to_wstring(hr));
-        return hr;
-    }
-    hr = table->Revoke(m_rotCookie);
-    m_rotCookie = 0;
-    return hr;
+    return m_rotEntry.Revoke();
 }

@@ -10,6 +10,7 @@
 
 #include "common/ComHandles.h"
 #include "host/ActiveObject.h"
+#include "host/RunningObjectEntry.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include "Tarrow_h.h"
@@ -69,7 +70,7 @@ private:
 
     std::atomic<ULONG> m_refs{1};
     std::shared_ptr<SharedIdMonitor> m_monitor;
-    DWORD m_rotCookie = 0;
+    CRunningObjectEntry m_rotEntry;
     NS_Utils::ComPtr<ITypeInfo> m_typeInfo;
     CActiveObject m_activeObject;
 };

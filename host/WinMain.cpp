@@ -3,6 +3,7 @@
 
 #include "common/EventLog.h"
 #include "common/Log.h"
+#include "common/WinHandles.h"
 #include "host/CallerSecurity.h"
 #include "host/CloseRequestWindow.h"
 #include "host/Tarrow.h"
@@ -73,8 +74,8 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
     std::wstring mutexName = SingleInstanceMutexName();
     ::SetLastError(0);
     // Kept open for the life of the process: it is what the next instance finds.
-    HANDLE instance = ::CreateMutexW(nullptr, FALSE, mutexName.c_str());
-    if (instance == nullptr || instance == INVALID_HANDLE_VALUE) return 2;
+    const NS_Utils::UniqueHandle instance(::CreateMutexW(nullptr, FALSE, mutexName.c_str()));
+    if (!instance) return 2;
     if (::GetLastError() == ERROR_ALREADY_EXISTS) return 3;
 
     const NS_Utils::ComApartment com;

@@ -4,14 +4,12 @@
 
 CCheckInWatch::CCheckInWatch(std::wstring credential, DWORD stuckAfterMs) : m_credential(std::move(credential)) {
     // Without the timer the check-in goes on all the same, only unwatched.
-    if (!::CreateTimerQueueTimer(&m_timer, nullptr, &CCheckInWatch::OnStuck, this, stuckAfterMs, 0,
-                                 WT_EXECUTEONLYONCE))
-        m_timer = nullptr;
+    HANDLE timer = nullptr;
+    if (::CreateTimerQueueTimer(&timer, nullptr, &CCheckInWatch::OnStuck, this, stuckAfterMs, 0, WT_EXECUTEONLYONCE))
+        m_timer.reset(timer);
 }
 
-CCheckInWatch::~CCheckInWatch() {
-    if (m_timer) ::DeleteTimerQueueTimer(nullptr, m_timer, INVALID_HANDLE_VALUE);
-}
+CCheckInWatch::~CCheckInWatch() = default;
 
 void CALLBACK CCheckInWatch::OnStuck(void* self, BOOLEAN) {
     const auto* watch = static_cast<const CCheckInWatch*>(self);

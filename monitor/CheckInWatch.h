@@ -6,6 +6,8 @@
 // Threads: made and destroyed on the collector's worker; the callback on a thread-pool thread,
 // reading only the text the watch owns.
 
+#include "common/WinHandles.h"
+
 #include <windows.h>
 
 #include <string>
@@ -24,5 +26,6 @@ private:
     static void CALLBACK OnStuck(void* self, BOOLEAN timerFired);
 
     std::wstring m_credential;
-    HANDLE m_timer = nullptr;
+    // After the text it reads: destroyed first, waiting for a callback that runs.
+    NS_Utils::UniqueTimerQueueTimer m_timer;
 };

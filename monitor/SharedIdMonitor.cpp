@@ -13,10 +13,6 @@ constexpr const wchar_t* kIsTag = L"[SharedIdMonitor::IsCredsRegistered]\t";
 constexpr const wchar_t* kGetTag = L"[SharedIdMonitor::GetCredsRegistered]\t";
 constexpr const wchar_t* kInsertTag = L"[SharedIdMonitor::InsertAndGetPMEntry]\t";
 
-void Log(unsigned short level, const wchar_t* tag, const std::wstring& text) {
-    NS_Log::Log(level, tag + text);
-}
-
 std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
 
 bool IsHolder(const CSharedId& credential, DWORD pid) {
@@ -120,10 +116,10 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
     auto [it, end] = m_AuthToCredMap.equal_range(signature);
     while (it != end) {
         if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
-            Log(3, kRegisterTag, L" There exists an already registered credential with signature = " + signature);
+            NS_Log::Log(3, kRegisterTag, L" There exists an already registered credential with signature = " + signature);
             return live;
         }
-        Log(3, kRegisterTag, L" AuthToCredMap found, but weak_ptr is invalid.");
+        NS_Log::Log(3, kRegisterTag, L" AuthToCredMap found, but weak_ptr is invalid.");
         it = m_AuthToCredMap.erase(it);
     }
     return nullptr;
@@ -131,19 +127,19 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
 
 DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
     m_lock.CheckHeld(L"[SharedIdMonitor::RegisterLocked]\t called without the monitor lock");
-    Log(3, kRegisterTag, L" Started registering shared credential.");
+    NS_Log::Log(3, kRegisterTag, L" Started registering shared credential.");
     if (!credential.IsComplete()) {
-        Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
+        NS_Log::Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
         return kIncomplete;
     }
     if (const wchar_t* field = NS_SHAREDID_UTILS::UnfitStoredField(credential)) {
         // Answered 0, it would be written and then never read back: never checked in.
-        Log(1, kRegisterTag, L" Error: the credential file cannot hold the text of " + std::wstring(field));
+        NS_Log::Log(1, kRegisterTag, L" Error: the credential file cannot hold the text of " + std::wstring(field));
         return kIncomplete;
     }
-    if (NS_Log::IsEnabled(4)) Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
+    if (NS_Log::IsEnabled(4)) NS_Log::Log(4, kRegisterTag, L" Debug, SharedCred Content: " + credential.Dump());
     if (pid == 0) {
-        Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
+        NS_Log::Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
         return kInvalidPid;
     }
     const std::wstring signature = credential.GetSignature();
@@ -156,7 +152,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     auto entry = InsertAndGetPMEntry(pid);
     if (entry == processMap.end()) {
         DWORD error = ::GetLastError();
-        Log(1, kRegisterTag, L"InsertAndGetPMEntry failed. GLE = 0x" + NS_Log::Hex(error));
+        NS_Log::Log(1, kRegisterTag, L"InsertAndGetPMEntry failed. GLE = 0x" + NS_Log::Hex(error));
         // The new credential is released at once and checked in; its release lowers the lease
         // count, so it is counted here first.
         if (isNew) LeaseIncrease();
@@ -174,7 +170,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         LeaseIncrease();
     }
     m_pipeline.RefreshAccountLater();
-    Log(3, kRegisterTag, L" Completed successfully.");
+    NS_Log::Log(3, kRegisterTag, L" Completed successfully.");
     return kOk;
 }
 
@@ -183,7 +179,7 @@ void SharedIdMonitor::PersistLocked(CSharedId& credential) {
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
     int result = m_storage.Persist(credential, &holders);
     if (result != PersistantStorage::kOk)
-        Log(1, kRegisterTag, L"Failed to write credential to persistent storage, return value = " +
+        NS_Log::Log(1, kRegisterTag, L"Failed to write credential to persistent storage, return value = " +
                                  std::to_wstring(result));
 }
 
@@ -220,32 +216,32 @@ DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const 
 
 DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
     m_lock.CheckHeld(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
-    Log(3, kUnregisterTag, L" Start unregistering shared credential.");
+    NS_Log::Log(3, kUnregisterTag, L" Start unregistering shared credential.");
     if (!credential.HasSignature()) {
-        Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
+        NS_Log::Log(1, kUnregisterTag, L" Error: Shared ID information not completed.");
         return kIncomplete;
     }
     // These two carry the registering operation's tag: the log's vocabulary has them so.
     if (pid == 0) {
-        Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
+        NS_Log::Log(1, kRegisterTag, L" Error: Invalid PID" + Pid(pid));
         return kInvalidPid;
     }
     const std::wstring signature = credential.GetSignature();
     if (signature.empty()) {
-        Log(1, kRegisterTag, L" Error: Empty Credentials Signature.");
+        NS_Log::Log(1, kRegisterTag, L" Error: Empty Credentials Signature.");
         return kEmptySignature;
     }
     auto entry = processMap.find(pid);
     if (entry == processMap.end()) {
-        Log(2, kUnregisterTag, L" No ProcessMap found for PID" + Pid(pid));
+        NS_Log::Log(2, kUnregisterTag, L" No ProcessMap found for PID" + Pid(pid));
         return kProcessNotRegistered;
     }
     auto [first, end] = m_AuthToCredMap.equal_range(signature);
     if (first == end) {
-        Log(2, kUnregisterTag, L" Error: No existing auth service to credential mapping found.");
+        NS_Log::Log(2, kUnregisterTag, L" Error: No existing auth service to credential mapping found.");
         return kNotAlive;
     }
-    Log(3, kUnregisterTag, L" Found " + std::to_wstring(std::distance(first, end)) +
+    NS_Log::Log(3, kUnregisterTag, L" Found " + std::to_wstring(std::distance(first, end)) +
                                L" shared credential object(s) matching the singature = " + signature);
 
     std::vector<std::shared_ptr<CSharedId>>& held = entry->second.credentials;
@@ -257,16 +253,16 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         std::shared_ptr<CSharedId> live = it->second.weak.lock();
         lastAlive = live != nullptr;
         if (!live) {
-            Log(3, kUnregisterTag, L" Shared credentials for PID" + Pid(pid) + L" was already released.");
+            NS_Log::Log(3, kUnregisterTag, L" Shared credentials for PID" + Pid(pid) + L" was already released.");
             continue;
         }
         auto mine = std::find(held.begin(), held.end(), live);
         if (mine == held.end()) {
-            Log(2, kUnregisterTag, L" could not find the shared object in the process shared cred list for pid = " +
+            NS_Log::Log(2, kUnregisterTag, L" could not find the shared object in the process shared cred list for pid = " +
                                        std::to_wstring(pid));
             continue;
         }
-        Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
+        NS_Log::Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
                                L"ProcessMapValue for PID" + Pid(pid));
         held.erase(mine);
         // A process that registered the credential twice, or took it over as well, still holds it.
@@ -276,16 +272,16 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
             // Even when none is left: the process runs on, and a restart must not hold it for it.
             WriteHoldersLocked(*live);
         }
-        Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
+        NS_Log::Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
         matched = true;
     }
     if (!matched)
-        Log(2, kUnregisterTag, L" could not find shared object with signature " + signature +
+        NS_Log::Log(2, kUnregisterTag, L" could not find shared object with signature " + signature +
                                    L" in the process list for pid = " + std::to_wstring(pid) + L" tried to look for " +
                                    std::to_wstring(count) +
                                    L" different shared objects (that has the same sig) in the process list");
     if (held.empty()) {
-        Log(3, kUnregisterTag, L" Process not holding anymore shared credentials. Removing PID" + Pid(pid) +
+        NS_Log::Log(3, kUnregisterTag, L" Process not holding anymore shared credentials. Removing PID" + Pid(pid) +
                                    L" from processMap");
         ErasePMEntry(entry);
     }
@@ -294,13 +290,13 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
 
 std::pair<SharedIdMonitor::SignatureMap::iterator, SharedIdMonitor::SignatureMap::iterator>
 SharedIdMonitor::EntriesForLookUp(const wchar_t* tag, const CSharedId& credential) {
-    Log(4, tag, L" Start checking for registered shared credential.");
+    NS_Log::Log(4, tag, L" Start checking for registered shared credential.");
     if (!credential.HasSignature()) {
-        Log(1, tag, L" Error: Shared ID information not completed.");
+        NS_Log::Log(1, tag, L" Error: Shared ID information not completed.");
         return {m_AuthToCredMap.end(), m_AuthToCredMap.end()};
     }
     auto range = m_AuthToCredMap.equal_range(credential.GetSignature());
-    if (range.first == range.second) Log(3, tag, L" No existing auth service to credential mapping found.");
+    if (range.first == range.second) NS_Log::Log(3, tag, L" No existing auth service to credential mapping found.");
     return range;
 }
 
@@ -311,17 +307,17 @@ bool SharedIdMonitor::IsCredsRegistered(const CSharedId& credential, CSharedId* 
     for (; it != end; ++it) {
         if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
             *registered = *live;
-            Log(3, kIsTag, L" Shared credential was already registered.");
+            NS_Log::Log(3, kIsTag, L" Shared credential was already registered.");
             return true;
         }
     }
-    Log(3, kIsTag, L" No previously registered shared credential found.");
+    NS_Log::Log(3, kIsTag, L" No previously registered shared credential found.");
     return false;
 }
 
 bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered) {
     if (pid == 0) {
-        Log(1, kGetTag, L" Error: Invalid PID" + Pid(pid));
+        NS_Log::Log(1, kGetTag, L" Error: Invalid PID" + Pid(pid));
         return false;
     }
     Listeners listeners;
@@ -341,13 +337,13 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
     for (; it != end; ++it) {
         std::shared_ptr<CSharedId> live = it->second.weak.lock();
         if (!live) {
-            Log(3, kGetTag, L" Found a matching shared credential but the object reference is null");
+            NS_Log::Log(3, kGetTag, L" Found a matching shared credential but the object reference is null");
             continue;
         }
-        Log(3, kGetTag, L" Shared credential was already registered.");
+        NS_Log::Log(3, kGetTag, L" Shared credential was already registered.");
         auto entry = InsertAndGetPMEntry(pid);
         if (entry == processMap.end()) {
-            Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
+            NS_Log::Log(1, kRegisterTag, L" . GLE = 0x" + NS_Log::Hex(::GetLastError()));
             return false;
         }
         const bool added = !IsHolder(*live, pid);
@@ -371,20 +367,20 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
     if (pid == ::GetCurrentProcessId()) {
         // The wait on itself would never fire, and a lease expiry or the end of the session
         // would then end the service.
-        Log(1, kInsertTag, L" Refusing PID (" + std::to_wstring(pid) + L"): it is the service's own process.");
+        NS_Log::Log(1, kInsertTag, L" Refusing PID (" + std::to_wstring(pid) + L"): it is the service's own process.");
         ::SetLastError(ERROR_ACCESS_DENIED);
         return processMap.end();
     }
     NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid));
     if (!process) {
-        Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
+        NS_Log::Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
                                std::to_wstring(::GetLastError()));
         return processMap.end();
     }
-    Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
+    NS_Log::Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
     std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(std::move(process), pid);
     if (!waitInfo) {
-        Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
+        NS_Log::Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
         return processMap.end();
     }
     return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}}).first;

@@ -36,10 +36,6 @@ constexpr int kIconSizeAt96 = 32;
 constexpr int kMarginAt96 = 6;
 constexpr const wchar_t* kListBoxOffThread = L"[LMMainUI]\t the list box touched off the window's thread";
 
-void Log(unsigned short level, const wchar_t* function, const std::wstring& text) {
-    NS_Log::Log(level, L"[LMMainUI::" + std::wstring(function) + L"]" + text);
-}
-
 std::wstring Message(const wchar_t* key) {
     std::wstring text;
     KelResourceUtility::GetKelMessage(key, text);
@@ -100,21 +96,21 @@ LMMainUI::~LMMainUI() {
 unsigned LMMainUI::GetWaitingTimeToKillProcess() {
     const NS_Settings::Setting& setting = NS_Settings::kWaitingTimeToKillProcess;
     if (std::optional<long long> seconds = NS_Settings::ReadNumber(setting)) return static_cast<unsigned>(*seconds);
-    Log(2, L"GetWaitingTimeToKillProcess", L"\t Get registry value failed, RegKey = " + std::wstring(setting.key));
+    NS_Log::Log(2, L"[LMMainUI::GetWaitingTimeToKillProcess]", L"\t Get registry value failed, RegKey = " + std::wstring(setting.key));
     return setting.defaultNumber;
 }
 
 void LMMainUI::EnsureUIThread() {
     NS_Utils::CritSecGuard guard(m_threadLock);
     if (m_thread && ::WaitForSingleObject(m_thread.get(), 0) == WAIT_TIMEOUT) return;
-    Log(3, L"EnsureUIThread", L"\tStarting the UI thread");
+    NS_Log::Log(3, L"[LMMainUI::EnsureUIThread]", L"\tStarting the UI thread");
     ::ResetEvent(m_startedEvent.get());
     m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, nullptr)));
     // A thread that could not make its windows ends at once; its caller need not wait the full time.
     HANDLE started[] = {m_startedEvent.get(), m_thread.get()};
     DWORD result = m_thread ? ::WaitForMultipleObjects(2, started, FALSE, kStartWaitMs) : WAIT_FAILED;
     if (result != WAIT_OBJECT_0)
-        Log(1, L"EnsureUIThread", L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
+        NS_Log::Log(1, L"[LMMainUI::EnsureUIThread]", L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
 }
 
 unsigned __stdcall LMMainUI::ThreadProc(void* param) {
@@ -125,7 +121,7 @@ unsigned __stdcall LMMainUI::ThreadProc(void* param) {
     NS_Utils::UniqueWindow parent;
     NS_Utils::UniqueWindow dialog;
     if (!self->InitInstance(parent, dialog)) {
-        Log(1, L"ThreadProc", L"\t failed to create the parent window");
+        NS_Log::Log(1, L"[LMMainUI::ThreadProc]", L"\t failed to create the parent window");
         return 1;
     }
     self->RunUI(dialog.get());
@@ -143,7 +139,7 @@ void LMMainUI::RunUI(HWND dialog) {
     ::SetTimer(dialog, reinterpret_cast<UINT_PTR>(this), kTickMs, nullptr);
     ApplyShutdownBlockReason(m_credentialsHeld);
     ::SetEvent(m_startedEvent.get());
-    Log(3, L"ThreadProc", L"\t Signalled the started event. ");
+    NS_Log::Log(3, L"[LMMainUI::ThreadProc]", L"\t Signalled the started event. ");
     MSG msg;
     while (::GetMessageW(&msg, nullptr, 0, 0) > 0) {
         // A modeless dialog gets its keyboard interface (tab order, focus, the list's keys) here.
@@ -160,7 +156,7 @@ bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWind
         m_rows.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
     }
     m_layout = MeasureRowLayout(m_rows.ListBox());
-    Log(3, L"InitInstance", L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
+    NS_Log::Log(3, L"[LMMainUI::InitInstance]", L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
                                 std::to_wstring(m_layout.height) + L" px");
     SetTexts(dialog.get());
     PlaceDialog(dialog.get());
@@ -178,7 +174,7 @@ bool LMMainUI::CreateParentWindow(NS_Utils::UniqueWindow& parent) {
     // A second controller in the same process finds the class already there.
     ::RegisterClassExW(&wc);
     parent.reset(::CreateWindowExW(0, kParentClass, L"", WS_POPUP, 0, 0, 0, 0, nullptr, nullptr, wc.hInstance, this));
-    if (!parent) Log(1, L"InitInstance", L"\t Cannot create the dummy parent window for LeaseExpiry UI.");
+    if (!parent) NS_Log::Log(1, L"[LMMainUI::InitInstance]", L"\t Cannot create the dummy parent window for LeaseExpiry UI.");
     return parent.valid();
 }
 
@@ -190,7 +186,7 @@ bool LMMainUI::CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog) {
     if (dialogTemplate)
         dialog.reset(::CreateDialogIndirectParamW(module, dialogTemplate, parent, DialogProc,
                                                   reinterpret_cast<LPARAM>(this)));
-    if (!dialog) Log(1, L"InitInstance", L"\t Cannot create LeaseExpiry UI Dialog. GLE = 0x" + NS_Log::Hex(::GetLastError()));
+    if (!dialog) NS_Log::Log(1, L"[LMMainUI::InitInstance]", L"\t Cannot create LeaseExpiry UI Dialog. GLE = 0x" + NS_Log::Hex(::GetLastError()));
     return dialog.valid();
 }
 
@@ -200,7 +196,7 @@ void LMMainUI::SetTexts(HWND dialog) {
     if (text)
         ::SetWindowTextW(text, Message(L"DIALOG_CONTENT_LEASE_EXPIRY").c_str());
     else
-        Log(2, L"InitInstance", L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
+        NS_Log::Log(2, L"[LMMainUI::InitInstance]", L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
     m_processLabel = Message(L"LEASE_EXPIRY_PROCESS");
     m_timeLabel = Message(L"LEASE_EXPIRY_TIME");
     m_remainLabel = Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN");
@@ -224,7 +220,7 @@ void LMMainUI::OnDpiChanged(HWND dialog) {
     m_layout = MeasureRowLayout(list);
     m_rows.SetItemHeights(m_layout.height);
     ::InvalidateRect(list, nullptr, TRUE);
-    Log(3, L"OnDpiChanged", L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " +
+    NS_Log::Log(3, L"[LMMainUI::OnDpiChanged]", L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " +
                                 std::to_wstring(m_layout.height) + L" px");
 }
 
@@ -298,7 +294,7 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
 }
 
 void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
-    Log(3, L"ShowProcessInfo", L"\t About to add item and show window");
+    NS_Log::Log(3, L"[LMMainUI::ShowProcessInfo]", L"\t About to add item and show window");
     EnsureUIThread();
     // Made before the lock is taken: it looks at the holder's windows.
     auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, Now() + m_graceSeconds);
@@ -313,7 +309,7 @@ void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, 
     }
     HWND dialog = m_dialog;
     if (!dialog || !::PostMessageW(dialog, kMsgRowAdded, static_cast<WPARAM>(key), 0))
-        Log(1, L"ShowProcessInfo", L"\t Cannot list the row. PID = " + std::to_wstring(processId));
+        NS_Log::Log(1, L"[LMMainUI::ShowProcessInfo]", L"\t Cannot list the row. PID = " + std::to_wstring(processId));
 }
 
 __time64_t LMMainUI::Now() const { return m_callbacks.now ? m_callbacks.now() : _time64(nullptr); }
@@ -347,7 +343,7 @@ void LMMainUI::ListRow(int key) {
     if (!m_rows.Find(key)) return;
     m_rows.Append(key, text);
     if (m_rows.Count() != 1) return;
-    Log(3, L"ListRow", L"\t Showing the window ");
+    NS_Log::Log(3, L"[LMMainUI::ListRow]", L"\t Showing the window ");
     ::ShowWindow(m_dialog, SW_SHOWNORMAL);
 }
 
@@ -357,13 +353,13 @@ void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>
         NS_Utils::CritSecGuard guard(m_lock);
         key = FindRowKey(processId, credential);
         if (key < 0) {
-            Log(2, L"RemoveProcessInfo",
+            NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
                 L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
                     std::to_wstring(processId));
             return;
         }
         if (!credential.lock())
-            Log(2, L"RemoveProcessInfo",
+            NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
                 L"\t could not lock the shared id object that is being released by process with PID = " +
                     std::to_wstring(processId));
         m_rows.Erase(key);
@@ -377,14 +373,14 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
     NS_Utils::CritSecGuard guard(m_lock);
     LRESULT index = m_rows.IndexOf(key);
     if (index == LB_ERR) {
-        Log(2, L"RemoveProcessInfo", L"\t Finding the item on the Lease Expiry UI failed. nRet = " +
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Finding the item on the Lease Expiry UI failed. nRet = " +
                                          std::to_wstring(index) + L". PID = " + std::to_wstring(processId));
         return;
     }
     if (m_rows.Delete(index) == LB_ERR)
-        Log(2, L"RemoveProcessInfo", L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
     else if (!::InvalidateRect(m_rows.ListBox(), nullptr, TRUE))
-        Log(2, L"RemoveProcessInfo",
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
             L"\t Updating lease expiry UI for the removal of an item failed. PID = " + std::to_wstring(processId));
 }
 
@@ -395,8 +391,8 @@ void LMMainUI::CheckItemsOnList() {
         NS_Utils::CritSecGuard guard(m_lock);
         rows = m_rows.Rows();
     }
-    Log(4, L"CheckItemsOnList", L"\t Going to check all the items on the list.");
-    Log(4, L"CheckItemsOnList", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
+    NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Going to check all the items on the list.");
+    NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
     // The registry's callbacks are asked without the row lock, so that no lock order between
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
@@ -409,7 +405,7 @@ void LMMainUI::CheckItemsOnList() {
         row->IsProcessAppWindowTitleLatest();
         if (row->SecondsLeft(now) > 0)
             // Detail: written only at the highest level the settings allow.
-            Log(4, L"CheckItemsOnList",
+            NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]",
                 L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
         else if (std::none_of(expired.begin(), expired.end(), [&](const auto& c) { return row->IsFor(c); }))
             // The handler ends every holder of the credential: once a tick is enough.
@@ -422,18 +418,18 @@ void LMMainUI::CheckItemsOnList() {
         if (m_callbacks.onExpiryPassed)
             m_callbacks.onExpiryPassed(credential);
         else
-            Log(2, L"CheckItemsOnList", L"\texpiry-time-passed-out handler is empty.");
+            NS_Log::Log(2, L"[LMMainUI::CheckItemsOnList]", L"\texpiry-time-passed-out handler is empty.");
     }
 }
 
 void LMMainUI::TakeOffList(int key, DWORD processId) {
-    Log(3, L"CheckItemsOnList", L"\t the process with pid = " + std::to_wstring(processId) +
+    NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]", L"\t the process with pid = " + std::to_wstring(processId) +
                                     L" is not being monitored anymore - taking it off the list");
     NS_Utils::CritSecGuard guard(m_lock);
     LRESULT index = m_rows.IndexOf(key);
     m_rows.Erase(key);
     if (index == LB_ERR || m_rows.Delete(index) == LB_ERR)
-        Log(2, L"CheckItemsOnList", L"\t Could not remove item from the list.");
+        NS_Log::Log(2, L"[LMMainUI::CheckItemsOnList]", L"\t Could not remove item from the list.");
 }
 
 void LMMainUI::RefreshList() {
@@ -448,19 +444,19 @@ void LMMainUI::RefreshList() {
 
 bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
     if (!m_callbacks.getProcFromPid || !m_callbacks.getSidProcList) {
-        Log(2, L"IsProcessMonitored", L"/t m_getProcFromPid or m_getSidProcList is null");
+        NS_Log::Log(2, L"[LMMainUI::IsProcessMonitored]", L"/t m_getProcFromPid or m_getSidProcList is null");
         return false;
     }
     std::wstring pid = std::to_wstring(row.GetProcessId());
     if (!m_callbacks.getProcFromPid(row.GetProcessId())) {
-        Log(3, L"IsProcessMonitored", L"/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
+        NS_Log::Log(3, L"[LMMainUI::IsProcessMonitored]", L"/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
         return false;
     }
     auto credential = row.GetCredential().lock();
     std::vector<DWORD> holders;
     if (credential) holders = m_callbacks.getSidProcList(credential);
     if (std::find(holders.begin(), holders.end(), row.GetProcessId()) == holders.end()) {
-        Log(3, L"IsProcessMonitored",
+        NS_Log::Log(3, L"[LMMainUI::IsProcessMonitored]",
             L"/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
         return false;
     }
@@ -526,7 +522,7 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
         start = end + 1;
     }
     if (item.itemState & ODS_FOCUS) ::DrawFocusRect(item.hDC, &item.rcItem);
-    Log(4, L"DrawItem", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
+    NS_Log::Log(4, L"[LMMainUI::DrawItem]", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
                             L". Text content: " + text);
 }
 
@@ -558,7 +554,7 @@ void LMMainUI::ApplyShutdownBlockReason(bool held) {
     // Wine answers FALSE to both: the reason is a courtesy to the user, never a condition.
     BOOL ok = held ? ::ShutdownBlockReasonCreate(window, kBlockReason) : ::ShutdownBlockReasonDestroy(window);
     if (!ok)
-        Log(4, L"ApplyShutdownBlockReason", std::wstring(L"\t ShutdownBlockReason") + (held ? L"Create" : L"Destroy") +
+        NS_Log::Log(4, L"[LMMainUI::ApplyShutdownBlockReason]", std::wstring(L"\t ShutdownBlockReason") + (held ? L"Create" : L"Destroy") +
                                                 L" failed, GLE = 0x" + NS_Log::Hex(::GetLastError()));
 }
 
@@ -571,13 +567,13 @@ void LMMainUI::OnSessionEnd() {
     if (m_callbacks.onSessionEnd)
         m_callbacks.onSessionEnd();
     else
-        Log(2, L"OnSessionEnd", L"\ton-session-end handler is empty.");
+        NS_Log::Log(2, L"[LMMainUI::OnSessionEnd]", L"\ton-session-end handler is empty.");
 }
 
 void LMMainUI::IssueStop() {
     HWND dialog = m_dialog;
     if (!dialog) {
-        Log(3, L"IssueStop", L"\t handle to windows in null.");
+        NS_Log::Log(3, L"[LMMainUI::IssueStop]", L"\t handle to windows in null.");
         return;
     }
     ::PostThreadMessageW(::GetWindowThreadProcessId(dialog, nullptr), WM_QUIT, 0, 0);

@@ -47,8 +47,9 @@ std::wstring JournalPath() { return ScriptString(L"Journal", L"C:\\KelStandIn\\j
 void Journal(const std::wstring& line) {
     const std::wstring path = JournalPath();
     NS_Utils::UniqueHandle mutex(::CreateMutexW(nullptr, FALSE, L"KelStandInJournal"));
-    if (!mutex || ::WaitForSingleObject(mutex.get(), 10000) == WAIT_TIMEOUT) return;
-    NS_Utils::MutexOwnership owned(mutex.get());
+    if (!mutex) return;
+    const auto owned = NS_Utils::MutexOwnership::Acquire(mutex.get(), 10000);
+    if (!owned.Owned()) return;
     // Every folder on the way, for paths a test picks as well as the default one.
     for (size_t slash = path.find(L'\\', 3); slash != std::wstring::npos; slash = path.find(L'\\', slash + 1))
         ::CreateDirectoryW(path.substr(0, slash).c_str(), nullptr);
