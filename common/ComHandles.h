@@ -54,7 +54,8 @@ private:
 class UniqueBstr {
 public:
     UniqueBstr() noexcept = default;
-    // A null BSTR for an empty text only when asked; COM callers often treat them alike.
+    // Always allocated, an empty text as an empty BSTR (never null); COM callers often treat the two
+    // alike, and SecretBstr gives null for an empty text where that is wanted.
     explicit UniqueBstr(const std::wstring& text) : m_bstr(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
     UniqueBstr(const UniqueBstr&) = delete;
     UniqueBstr& operator=(const UniqueBstr&) = delete;

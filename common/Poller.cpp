@@ -4,9 +4,7 @@
 
 namespace NS_THREAD_UTILS {
 
-CPoller::CPoller() : m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
-    if (!m_stopEvent) throw CPollerCreationException(nullptr);
-}
+CPoller::CPoller() : m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
 
 CPoller::~CPoller() {
     Stop();

@@ -10,21 +10,14 @@
 
 namespace NS_THREAD_UTILS {
 
-class CPollerCreationException {
-public:
-    explicit CPollerCreationException(HANDLE handle) noexcept : m_handle(handle) {}
-    HANDLE Handle() const noexcept { return m_handle; }
-
-private:
-    HANDLE m_handle;
-};
-
 class CPoller : public CThread {
 public:
-    // Throws CPollerCreationException when the stop event cannot be created.
     CPoller();
     ~CPoller() override;
 
+    // False when the stop event could not be made: such a poller could never be stopped, so it
+    // must not be started.
+    bool CanStart() const noexcept { return static_cast<bool>(m_stopEvent); }
     // Ends one waiting loop (the stop event resets itself). Any thread may call it.
     void Stop() noexcept;
 

@@ -1,5 +1,6 @@
 #pragma once
-// Read-only access to settings in the registry. A failed read leaves the caller's default.
+// Access to values in the registry. The running service only reads (a failed read leaves the
+// caller's default); the writers below serve the registration switches and the tests.
 
 #include <windows.h>
 

@@ -1,6 +1,6 @@
 #pragma once
-// Owners of kernel and registry resources. Every handle the service opens lives in one of these,
-// so early returns never leak and nothing closes a handle twice.
+// Owners of kernel, registry and other Win32 resources, one owner type per kind, so that early
+// returns never leak and nothing closes a resource twice.
 
 #include <windows.h>
 

@@ -45,7 +45,7 @@ CTarrow::CTarrow() : m_monitor(SharedIdMonitor::Create()) {
     // The lease monitor first: credentials held again for their running holders are handed to it.
     // Without its thread the service goes on, only without lease warnings.
     if (!CLeaseMonitor::Create()->StartLeaseMonitor(*m_monitor))
-        NS_Log::Log(2, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
+        NS_Log::Log(1, L"[Tarrow::Tarrow]\t StartLeaseMonitor failed.");
     if (!m_monitor->GCUncheckedInCredentials()) NS_Log::Log(1, L"[Tarrow::Tarrow]\t GCUncheckedInCredentials failed.");
 }
 

@@ -77,6 +77,7 @@ void CLeaseMonitor::WatchFor(SharedIdMonitor& registry) {
 
 bool CLeaseMonitor::StartLeaseMonitor(SharedIdMonitor& registry) {
     NS_Log::Log(3, L"[SharedIdMonitor::StartLeaseMonitor]\t Starting LeaseMonitor ");
+    if (!CanStart()) return false;  // no poller without a way to stop it: no lease warnings
     WatchFor(registry);
     return Start(this);
 }
