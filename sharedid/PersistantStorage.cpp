@@ -22,6 +22,12 @@ bool IsEmptyFile(HANDLE file) {
     return ::GetFileSizeEx(file, &size) && size.QuadPart == 0;
 }
 
+bool IsReadOnly(HANDLE file) {
+    FILE_BASIC_INFO info{};
+    return ::GetFileInformationByHandleEx(file, FileBasicInfo, &info, sizeof(info)) &&
+           (info.FileAttributes & FILE_ATTRIBUTE_READONLY);
+}
+
 // The start of a credential file's text, as far as its reader ever looks.
 std::wstring ReadText(HANDLE file) {
     std::wstring text(6 * 1024, L'\0');
@@ -165,6 +171,12 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
         std::wstring path = m_folder + found.cFileName;
         NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
+        // Windows refuses to open a read-only file for writing; an administrator's account need
+        // not be refused, but the file could not be deleted after its check-in either.
+        if (claim && IsReadOnly(claim.get())) {
+            claim.reset();
+            ::SetLastError(ERROR_ACCESS_DENIED);
+        }
         if (!claim) {
             const DWORD error = ::GetLastError();
             if (error == ERROR_SHARING_VIOLATION)

@@ -8,7 +8,9 @@
 #include "soak/StormRecord.h"
 #include "soak/Strace.h"
 #include "testing/agent/StandInControl.h"
+#include "tools/StatusReader.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <set>
@@ -53,18 +55,22 @@ public:
         Release(h1, 0, "release");
         End(h2, "holder exits");
         WaitCheckedIn({a}, "checked in after its last holder");
-        // The same credential registered again is a new lease.
+        // The same credential registered again is a new lease; and a credential of another
+        // signature.
+        ChildProcess h4 = Holder(), h5 = Holder();
         Register(h3, 0, b, "registered again");
-        // The agent cannot be reached: the check-in keeps the file for the agent's return.
+        Register(h5, 1, e, "register another");
+        // The agent goes away: its server is gone mid-call, and its objects cannot be made anew.
+        // The check-in keeps the file for the agent's return.
+        standin::SetScript(L"CheckInHResults", std::wstring(L"0x80010108"));
         standin::Unregister();
         End(h3, "holder exits, agent unreachable");
         Settle(L"The agent cannot be reached", 20000);
-        // Meanwhile a held credential of another signature, and files that another instance
-        // left: one without holders, one whose holder still runs (two leases of one signature).
-        ChildProcess h4 = Holder(), h5 = Holder();
-        Register(h5, 1, e, "register beside forged files");
+        // Meanwhile files that another instance left: one without holders, one whose holder still
+        // runs (beside the registered one, two leases of one signature).
         Forge(L"sweepleft.dat", 1, c, nullptr);
         Forge(L"sweeplive.dat", 1, d, &h4);
+        standin::SetScript(L"CheckInHResults", std::wstring(L"0"));
         standin::Register();
         WaitCheckedIn({b, c}, "the agent is back");
         End(h4, "forged file's holder exits");
@@ -105,11 +111,13 @@ private:
     // A call, made again after the service had to be started again.
     template <class Call>
     bool Answered(Call call, DWORD& result, const std::string& step) {
+        m_lostAnswer = false;
         for (int attempt = 0; attempt < 3; ++attempt) {
             if (!Reach()) break;
             result = 99;
             if (SUCCEEDED(call(result))) return true;
             m_tarrow = {};
+            m_lostAnswer = true;
         }
         Violation(step, "the service did not answer");
         return false;
@@ -117,11 +125,43 @@ private:
 
     static NS_Utils::UniqueBstr Bstr(const std::wstring& text) { return NS_Utils::UniqueBstr(text); }
 
+    // The service's status: its lease count, and its credentials' lease DNs and holders.
+    bool Status(tarrowctl::StatusText& text) {
+        NS_Utils::ComPtr<ITarrowStatus> status;
+        NS_Utils::UniqueVariant snapshot;
+        return Reach() && SUCCEEDED(m_tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
+               SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text);
+    }
+
+    long LeaseCount() {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return -1;
+        for (const auto& [name, value] : text.service)
+            if (name == L"lease count") return std::wcstol(value.c_str(), nullptr, 10);
+        return -1;
+    }
+
+    // Whether the service holds `dn` for `pid`: a registration whose answer a kill lost may have
+    // been made (and kept in the holder list) all the same. A client asks before it registers again,
+    // or it would hold the credential twice.
+    bool HeldFor(const std::wstring& dn, DWORD pid) {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return false;
+        const auto& columns = tarrowctl::StatusColumns();
+        const size_t dnColumn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
+        const size_t holdersColumn = std::find(columns.begin(), columns.end(), L"holders") - columns.begin();
+        for (const auto& row : text.credentials)
+            if (row.at(dnColumn) == dn && (L"; " + row.at(holdersColumn)).find(L"; " + std::to_wstring(pid) + L" ") != std::wstring::npos)
+                return true;
+        return false;
+    }
+
     void Register(const ChildProcess& holder, int signature, const std::wstring& dn, const std::string& step) {
         CheckNoEarlyCheckIn(step);
         DWORD result = 99;
         const DWORD pid = holder.Id();
         const bool answered = Answered([&](DWORD& out) {
+            if (m_lostAnswer && HeldFor(dn, pid)) return out = 0, S_OK;
             auto url = Bstr(SignatureUrl(signature)), srv = Bstr(L"srv-sweep"), svc = Bstr(SignatureService(signature)),
                  account = Bstr(L"acct-sweep"), role = Bstr(SignatureRole(signature)), lease = Bstr(dn),
                  expiry = Bstr(L"20301231T120000Z");
@@ -209,7 +249,7 @@ private:
     void Finish() {
         const bool settled = testsupport::WaitUntil([&] {
             if (!m_service.Running()) Reach();
-            return CredentialFiles().empty() && LastLeaseCount(LogText(), m_service.Pid()) <= 0;
+            return CredentialFiles().empty() && LeaseCount() == 0;
         }, kSettleMs);
         const Journal journal = Journal::Read(standin::JournalPath());
         for (const std::string& dn : m_registered)
@@ -218,8 +258,8 @@ private:
             Violation("end", std::to_string(CredentialFiles().size()) + " credential files left");
             DescribeCredentialFiles("left");
         }
-        const long count = LastLeaseCount(LogText(), m_service.Pid());
-        if (count > 0) Violation("end", "lease count " + std::to_string(count));
+        const long count = LeaseCount();
+        if (count != 0) Violation("end", "lease count " + std::to_string(count));
     }
 
     Service& m_service;
@@ -229,6 +269,7 @@ private:
     std::set<std::string> m_registered;              // answered 0, or left in a forged file
     std::map<std::string, std::set<DWORD>> m_holding;  // by lease DN: registered, not let go, running
     std::set<std::string> m_reported;
+    bool m_lostAnswer = false;  // the call being made lost an answer to a kill
     size_t m_logStart = LogText().size();
 };
 
@@ -237,6 +278,7 @@ RunResult RunOnce(unsigned run, const Step& step) {
     RunResult result;
     const ULONGLONG started = ::GetTickCount64();
     standin::ClearJournal();
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0"));
     standin::Register();
     Service service;
     if (!StartAnswering(service)) {
@@ -273,7 +315,9 @@ int RunCrashSweep(const Options& options) {
     std::printf("crash sweep: %lu steps at most (0: all)\n", options.steps);
     std::fflush(stdout);
     const ULONGLONG started = ::GetTickCount64();
-    if (!PrepareService(3, 0)) return 2;
+    // Level 2: every line costs the Wine server requests of the log's mutex, which would make
+    // most of the steps; the lease count comes from the status instead.
+    if (!PrepareService(2, 0)) return 2;
     // The agent's return is noticed within a second instead of ten.
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Settings::kFreeSharedIdWaitTime.key,
                                  NS_Settings::kFreeSharedIdWaitTime.valueName, 1000);
