@@ -293,7 +293,8 @@ RunResult RunOnce(unsigned run, const Step& step) {
     NS_Utils::ComApartment com;
     Workload(service, run, result).Run();
     strace.Detach();
-    service.Stop();
+    if (const DWORD stopped = service.Stop(); stopped != 0)
+        result.violations.push_back("end: Tarrow's stop ended with " + std::to_string(stopped));
     result.seconds = static_cast<double>(::GetTickCount64() - started) / 1000;
     return result;
 }
