@@ -299,15 +299,25 @@ RunResult RunOnce(unsigned run, const Step& step) {
     return result;
 }
 
-// Every step of the recording, or `limit` of them spread evenly over it.
-std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigned long limit) {
-    std::vector<Step> all;
-    for (const auto& [syscall, count] : most)
-        for (unsigned n = 1; n <= count; ++n) all.push_back({syscall, n});
-    if (limit == 0 || limit >= all.size()) return all;
+// `limit` of `steps` spread evenly over them (all of them for 0).
+std::vector<Step> Spread(const std::vector<Step>& steps, unsigned long limit) {
+    if (limit == 0 || limit >= steps.size()) return steps;
     std::vector<Step> some;
-    for (unsigned long i = 0; i < limit; ++i) some.push_back(all[i * all.size() / limit]);
+    for (unsigned long i = 0; i < limit; ++i) some.push_back(steps[i * steps.size() / limit]);
     return some;
+}
+
+// Every step of the recording; with a limit, the service's own writes and flushes first (they
+// are few, and each touches a file), then the Wine server requests spread over what is left.
+std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigned long limit) {
+    std::vector<Step> own, requests;
+    for (const auto& [syscall, count] : most)
+        for (unsigned n = 1; n <= count; ++n)
+            (syscall == "write" || syscall == "writev" ? requests : own).push_back({syscall, n});
+    std::vector<Step> plan = Spread(own, limit);
+    const std::vector<Step> rest = Spread(requests, limit == 0 ? 0 : limit - plan.size());
+    if (limit == 0 || plan.size() < limit) plan.insert(plan.end(), rest.begin(), rest.end());
+    return plan;
 }
 
 }  // namespace
