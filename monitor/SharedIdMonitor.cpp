@@ -161,12 +161,13 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     if (!IsHolder(*stored, pid)) listeners = stored->GetListeners();
     stored->AddHolderPid(pid);
     entry->second.credentials.push_back(stored);
+    // Before the file is written: an invalid expiry is rewritten in the record (under the lock,
+    // for the other threads that read it), and the file must keep that deadline across restarts.
+    if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
     PersistLocked(*stored);
 
     if (isNew) {
         m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
-        // Under the lock: an invalid expiry is rewritten in the record the other threads read.
-        if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
         LeaseIncrease();
     }
     m_pipeline.RefreshAccountLater();

@@ -150,7 +150,10 @@ private:
     // Replaces the holder list beside the credential's file after its holders changed.
     void WriteHoldersLocked(const CSharedId& credential);
     // Holds a credential read from its file again for those of its listed holders that still
-    // run; false, with the record untouched, when none could be entered.
+    // run, as a record of its own unless a record of the same lease (signature and lease DN) is
+    // held: that one then takes the holders it lacks and the file is deleted as its copy. With
+    // no running holder only that second case applies. False, with the record untouched, when
+    // neither did.
     [[nodiscard]] bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
     // The holders in the record's list that still run; none when it has no list (`listed`: the
     // files that have one, from one listing of the folder).

@@ -90,11 +90,21 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     }
     size_t count = 0;
     const std::set<std::wstring> listed = m_storage.FilesWithHolderLists();
+    // Files with running holders first: another file of a lease held again (the one its last
+    // registration replaced) must not be checked in under those holders, whatever the folder's order.
+    std::list<CSharedId> unheld;
     for (CSharedId& record : stored) {
         const std::vector<HolderProcess> running = RunningHolders(record, listed);
         if (!running.empty()) {
             LockGuard lock(*this);
             if (AdoptLocked(record, running)) continue;
+        }
+        unheld.push_back(std::move(record));
+    }
+    for (CSharedId& record : unheld) {
+        {
+            LockGuard lock(*this);
+            if (AdoptLocked(record, {})) continue;
         }
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
         LeaseIncrease();
@@ -113,7 +123,8 @@ std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& reco
                                                            const std::set<std::wstring>& listed) const {
     std::vector<HolderProcess> running;
     if (!listed.count(record.GetFileName())) return running;
-    // A file without a list was written before lists were kept: checked in, as it always was.
+    // A file without a list was written before lists were kept: checked in, as it always was. A
+    // list that cannot be read (a power cut cut it short) names no running holder either.
     if (std::optional<std::vector<HolderProcess>> holders = m_storage.ReadHolders(record))
         for (const HolderProcess& holder : *holders)
             if (holder.pid != ::GetCurrentProcessId() && NS_SHAREDID_UTILS::IsStillRunning(holder))
@@ -133,25 +144,43 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
         else if (entry->second.credentials.empty())
             ErasePMEntry(entry);
     }
-    if (entries.empty()) return false;
+    // A lease is its signature and its lease DN. Two files of one lease are a registration's new
+    // file and the old one it replaced (the service ended between the two, or the old one could
+    // not be deleted): the record held answers for both. Two leases of one signature (two
+    // instances ended by force, or a dead sibling's file) stay two records, each with its own
+    // file, expiry and holders, each checked in once its own holders have gone.
     const std::wstring signature = record.GetSignature();
-    std::shared_ptr<CSharedId> credential = FindLiveForRegistration(signature);
+    std::shared_ptr<CSharedId> credential;
+    for (auto [it, end] = m_AuthToCredMap.equal_range(signature); it != end && !credential; ++it)
+        if (std::shared_ptr<CSharedId> live = it->second.weak.lock(); live && live->GetLeaseDN() == record.GetLeaseDN())
+            credential = std::move(live);
+    if (entries.empty() && !credential) return false;
+    const bool isNew = !credential;
     if (credential) {
-        // A second file of a credential already held again (the service ended between writing a
-        // credential's new file and deleting its old one): the first file answers for both.
-        (void)m_storage.Delete(record);  // a failure is logged; the next start takes the file up again
+        (void)m_storage.Delete(record);  // a failure keeps the file and its list for the next take-up
     } else {
         credential = MakeCredential(std::move(record));
         m_AuthToCredMap.emplace(signature, CredentialRef{credential, credential.get()});
-        if (m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(credential);
         LeaseIncrease();
     }
+    bool added = false;
     for (auto entry : entries) {
+        // One strong reference per holder and record, however many files named the holder.
+        std::vector<std::shared_ptr<CSharedId>>& held = entry->second.credentials;
+        if (std::find(held.begin(), held.end(), credential) != held.end()) continue;
         credential->AddHolderPid(entry->first);
-        entry->second.credentials.push_back(credential);
+        held.push_back(credential);
+        added = true;
     }
-    WriteHoldersLocked(*credential);
-    NS_Log::Log(3, kGcTag + std::wstring(L" Held again for its running holders: the shared id with leaseDN = ") +
+    const std::wstring expiry = credential->GetLeaseExpiry();
+    if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(credential);
+    // An expiry that could not be read was replaced: written, so that the next start keeps it.
+    if (credential->GetLeaseExpiry() != expiry)
+        PersistLocked(*credential);
+    else if (added)
+        WriteHoldersLocked(*credential);
+    NS_Log::Log(3, kGcTag + std::wstring(entries.empty() ? L" Already held for its running holders: the shared id with leaseDN = "
+                                                         : L" Held again for its running holders: the shared id with leaseDN = ") +
                        credential->GetLeaseDN());
     return true;
 }

@@ -22,6 +22,8 @@ std::string FormatList(const std::vector<HolderProcess>& holders) {
 
 std::optional<std::vector<HolderProcess>> ParseList(const std::string& text) {
     std::vector<HolderProcess> holders;
+    // Every line the writer makes ends in a line feed: anything else was cut short.
+    if (!text.empty() && text.back() != '\n') return std::nullopt;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
         HolderProcess holder;
@@ -36,12 +38,12 @@ std::optional<std::vector<HolderProcess>> ParseList(const std::string& text) {
     return holders;
 }
 
-bool WriteFlushed(const std::wstring& path, const std::string& text) {
+bool WriteWhole(const std::wstring& path, const std::string& text) {
     NS_Utils::UniqueHandle file(
         ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
     return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-           written == text.size() && ::FlushFileBuffers(file.get());
+           written == text.size();
 }
 }  // namespace
 
@@ -64,8 +66,8 @@ std::wstring CredentialPathOfList(const std::wstring& listPath) {
 bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders) {
     const std::wstring path = HolderListPath(credentialPath);
     const std::wstring pending = path + kPendingSuffix;
-    if (WriteFlushed(pending, FormatList(holders)) &&
-        ::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
+    // Renamed, not written in place: a crash mid-write must not leave a list that names fewer holders.
+    if (WriteWhole(pending, FormatList(holders)) && ::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING))
         return true;
     ::DeleteFileW(pending.c_str());
     return false;

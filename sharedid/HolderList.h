@@ -5,8 +5,10 @@
 // its id and its creation time: an id alone may have been given to another process since.
 //
 // The list is one ASCII line per process, "<pid> <creation time as a FILETIME count>". It is
-// replaced as a whole (written beside, flushed, then renamed over the old one), so a power cut
-// leaves the old list or the new one, never a mix.
+// replaced as a whole (written beside, then renamed over the old one), so a crash of the service
+// leaves the old list or the new one, never a mix. It is not flushed: it only matters while the
+// machine keeps running (after a power cut no holder runs), and the system cache outlives a crash
+// of the service. A list that a power cut left empty, short or garbled names no running holder.
 
 #include <windows.h>
 
@@ -28,7 +30,7 @@ std::wstring HolderListPath(const std::wstring& credentialPath);
 // The other way: the credential file's path for a holder list's path (or for the copy that is
 // being written); empty when the path names no holder list.
 std::wstring CredentialPathOfList(const std::wstring& listPath);
-// Replaces the list, on the disk when this returns true.
+// Replaces the list; in the system cache (not flushed) when this returns true.
 [[nodiscard]] bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
 // The list, or nothing when there is none (a file written before lists were kept) or it cannot
 // be read.

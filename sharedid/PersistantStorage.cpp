@@ -22,6 +22,12 @@ bool IsEmptyFile(HANDLE file) {
     return ::GetFileSizeEx(file, &size) && size.QuadPart == 0;
 }
 
+bool IsReadOnly(HANDLE file) {
+    FILE_BASIC_INFO info{};
+    return ::GetFileInformationByHandleEx(file, FileBasicInfo, &info, sizeof(info)) &&
+           (info.FileAttributes & FILE_ATTRIBUTE_READONLY);
+}
+
 // The start of a credential file's text, as far as its reader ever looks.
 std::wstring ReadText(HANDLE file) {
     std::wstring text(6 * 1024, L'\0');
@@ -165,29 +171,41 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
         std::wstring path = m_folder + found.cFileName;
         NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
-        if (!claim && ::GetLastError() == ERROR_SHARING_VIOLATION) {
-            NS_Log::Log(3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+        // Windows refuses to open a read-only file for writing; an administrator's account need
+        // not be refused, but the file could not be deleted after its check-in either.
+        if (claim && IsReadOnly(claim.get())) {
+            claim.reset();
+            ::SetLastError(ERROR_ACCESS_DENIED);
+        }
+        if (!claim) {
+            const DWORD error = ::GetLastError();
+            if (error == ERROR_SHARING_VIOLATION)
+                NS_Log::Log(3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+            // Read-only, or denied to this user: taken up without a claim, it would be checked in
+            // again at every take-up and could never be deleted.
+            else if (error != ERROR_FILE_NOT_FOUND && FirstReport(path))
+                NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Leaving credential file that cannot be claimed (error " +
+                                   std::to_wstring(error) + L"): " + path);
             continue;
         }
         // A crash between making a credential's file and writing it leaves it empty: it holds
         // nothing to check in, and left alone it would be skipped as unreadable at every start.
-        if (claim && IsEmptyFile(claim.get())) {
+        if (IsEmptyFile(claim.get())) {
             NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
             (void)DeleteFiles(path, std::move(claim));  // a failure is kept; the next start tries again
             continue;
         }
         CSharedId record;
         std::list<DWORD> errors;
-        // Read through the claim when there is one; without it the reader's own open reports why.
-        const bool read = claim ? NS_SHAREDID_UTILS::readSharedIdFromHandle(record, claim.get(), errors)
-                                : NS_SHAREDID_UTILS::readSharedIdFromFile(record, path, errors);
-        if (!read) {
-            NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
-            if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
+        if (!NS_SHAREDID_UTILS::readSharedIdFromHandle(record, claim.get(), errors)) {
+            if (FirstReport(path)) {
+                NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
+                if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
+            }
             continue;
         }
         record.SetFileName(path);
-        if (claim) record.ClaimFile(std::move(claim));
+        record.ClaimFile(std::move(claim));
         out.push_back(std::move(record));
     } while (::FindNextFileW(search.get(), &found));
     search.reset();
@@ -214,11 +232,12 @@ int PersistantStorage::DeleteFiles(const std::wstring& path, NS_Utils::UniqueHan
     // The file goes as the claim closes. Its list after it: a list left alone is removed at the
     // next start, a credential file left without its list would be checked in under its holders.
     claim.reset();
-    ::DeleteFileW(NS_SHAREDID_UTILS::HolderListPath(path).c_str());
     if (!deleted) {
+        // The file stays (read-only, or open elsewhere), so its list stays with it.
         KeepErrors({NS_SHAREDID_UTILS::kStepFile, error}, L"PersistantStorage::Delete");
         return kDeleteFailed;
     }
+    ::DeleteFileW(NS_SHAREDID_UTILS::HolderListPath(path).c_str());
     return kOk;
 }
 
@@ -245,6 +264,11 @@ std::vector<CSharedId> PersistantStorage::StoredFiles(const std::set<std::wstrin
         files.push_back(std::move(record));
     }
     return files;
+}
+
+bool PersistantStorage::FirstReport(const std::wstring& path) {
+    NS_Utils::CritSecGuard guard(m_errorsLock);
+    return m_reported.insert(path).second;
 }
 
 std::list<DWORD> PersistantStorage::Errors() const {

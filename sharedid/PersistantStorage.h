@@ -37,9 +37,9 @@ public:
     // Writes the record to a new file named after the local time, points its m_fileName at it
     // and keeps the file open in the record (its claim). A name that is taken is made anew from
     // a later time, a few times. With `holders`, their list is written beside the file before
-    // the record's text. Everything is on the disk when this returns kOk; only then is a file
-    // that the record had before deleted (through its claim). On failure the record keeps the
-    // file and the claim it had.
+    // the record's text. The text is on the disk when this returns kOk (the list only in the
+    // system cache, see HolderList.h); only then is a file that the record had before deleted
+    // (through its claim). On failure the record keeps the file and the claim it had.
     [[nodiscard]] int Persist(CSharedId& record, const std::vector<HolderProcess>* holders = nullptr);
     // Replaces the holder list beside the record's file; false when it could not be written.
     [[nodiscard]] bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
@@ -49,12 +49,13 @@ public:
     // the folder: cheaper at start than asking for each file's list.
     std::set<std::wstring> FilesWithHolderLists() const;
     // Every credential file that can be read, with m_fileName set and the file claimed. A file
-    // that cannot be read is logged, skipped and left where it is for an administrator to look
-    // at; so is a file that another live instance holds open for a credential it answers for.
+    // that cannot be read or claimed (read-only, access denied) is skipped and left where it is
+    // for an administrator to look at, logged the first time this storage meets it; a file that
+    // another live instance holds open for a credential it answers for is skipped too.
     [[nodiscard]] int EnumCreds(std::list<CSharedId>& out);
     // Deletes the record's file and its holder list. Through the record's claim when it holds
     // one (the claim is released then), so that no instance starting meanwhile can take the
-    // file up; by name otherwise.
+    // file up; by name otherwise. A file that cannot be deleted keeps its list.
     [[nodiscard]] int Delete(CSharedId& record);
     // The credential files in the folder whose names are not in `known`, read without disturbing
     // anyone's claim (so another live instance's files are among them); a file that cannot be
@@ -68,6 +69,8 @@ public:
 
 private:
     void KeepErrors(const std::list<DWORD>& errors, const wchar_t* operation);
+    // True the first time a file left for an administrator is met: each take-up meets it again.
+    bool FirstReport(const std::wstring& path);
     // A name made from the local time that differs from `taken`, waiting for the clock if needed.
     static std::wstring NextFileName(const std::wstring& taken);
     static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);
@@ -85,4 +88,5 @@ private:
     std::wstring m_folder;  // empty when unknown
     mutable NS_Utils::CriticalSection m_errorsLock;
     std::list<DWORD> m_errors;
+    std::set<std::wstring> m_reported;  // under m_errorsLock
 };

@@ -3,9 +3,11 @@
 //   tarrow_soak kill-storm [--seed N] [--rounds 100] [--holders 16]
 //   tarrow_soak hostile    [--seed N] [--calls 100000] [--clients 4]
 //   tarrow_soak parser     [--seed N] [--files 1000000] [--batch 1000]
-//   tarrow_soak all        [any of the options above]: the three in turn
+//   tarrow_soak crash-sweep [--steps N]: the service killed at each file step of a workload
+//   tarrow_soak all        [any of the options above]: the first three in turn
 // The modes holder, hostile-client, idle and exit are the processes the soak starts itself.
 
+#include "soak/CrashSweep.h"
 #include "soak/HostileCalls.h"
 #include "soak/KillStorm.h"
 #include "soak/ParserRun.h"
@@ -33,6 +35,7 @@ int wmain(int argc, wchar_t** argv) {
     if (mode == L"kill-storm") return soak::RunKillStorm(options);
     if (mode == L"hostile") return soak::RunHostileCalls(options);
     if (mode == L"parser") return soak::RunParser(options);
+    if (mode == L"crash-sweep") return soak::RunCrashSweep(options);
     if (mode == L"all") {
         int failed = soak::RunKillStorm(options) != 0;
         failed += soak::RunHostileCalls(options) != 0;
@@ -40,6 +43,6 @@ int wmain(int argc, wchar_t** argv) {
         failed += soak::RunParser(options) != 0;
         return failed;
     }
-    std::fprintf(stderr, "usage: tarrow_soak kill-storm|hostile|parser|all [--seed N] [sizes] (see SoakMain.cpp)\n");
+    std::fprintf(stderr, "usage: tarrow_soak kill-storm|hostile|parser|crash-sweep|all [--seed N] [sizes] (see SoakMain.cpp)\n");
     return 100;
 }

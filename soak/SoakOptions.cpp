@@ -16,7 +16,7 @@ Options ParseOptions(int argc, wchar_t** argv, int first) {
     unsigned long seed = options.seed;
     const Named named[] = {{L"--seed", &seed},       {L"--rounds", &options.rounds}, {L"--holders", &options.holders},
                            {L"--calls", &options.calls}, {L"--clients", &options.clients}, {L"--files", &options.files},
-                           {L"--batch", &options.batch}};
+                           {L"--batch", &options.batch}, {L"--steps", &options.steps}};
     for (int i = first; i < argc; ++i) {
         const Named* found = nullptr;
         for (const Named& n : named)

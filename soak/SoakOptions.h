@@ -15,11 +15,13 @@ struct Options {
     unsigned long clients = 4;        // hostile calls: client processes at once
     unsigned long files = 1000000;    // parser run
     unsigned long batch = 1000;       // parser run: files per start-up enumeration
+    unsigned long steps = 0;          // crash sweep: at most this many steps, spread (0: all)
     std::vector<std::wstring> words;  // the arguments of the internal modes
     std::wstring error;
 };
 
-// argv[first..]: --seed N, --rounds N, --holders N, --calls N, --clients N, --files N, --batch N;
+// argv[first..]: --seed N, --rounds N, --holders N, --calls N, --clients N, --files N, --batch N,
+// --steps N;
 // any other word is kept in `words`.
 Options ParseOptions(int argc, wchar_t** argv, int first);
 

@@ -1,9 +1,11 @@
+#include "sharedid/HolderList.h"
 #include "sharedid/PersistantStorage.h"
 #include "tests/support/Credential.h"
 #include "tests/support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 using namespace testsupport;
@@ -35,6 +37,56 @@ TEST(PersistantStorageTest, ATakenNameIsNeverWrittenOverAndTheCredentialGetsAnot
     std::set<std::wstring> accounts;
     for (const CSharedId& onDisk : found) accounts.insert(onDisk.GetSharedId());
     EXPECT_EQ(accounts.size(), records.size()) << "every credential has its own file";
+}
+
+// A holder list is not flushed: after a power cut it may be empty, cut short or garbage, and each
+// of those must name no running holder, so that the credential is checked in.
+TEST(PersistantStorageTest, AHolderListThatAPowerCutSpoiledNamesNoRunningHolder) {
+    ::SetEnvironmentVariableW(L"appdata", MakeTempFolder(L"appdata").c_str());
+    PersistantStorage storage;
+    CSharedId record = Credential(L"listed");
+    ChildProcess holder = StartHolder();
+    const HolderProcess running{holder.Id(), NS_SHAREDID_UTILS::ProcessCreationTime(holder.Handle())};
+    const std::vector<HolderProcess> holders{running};
+    ASSERT_EQ(storage.Persist(record, &holders), PersistantStorage::kOk);
+    ASSERT_EQ(storage.ReadHolders(record), holders);
+    ASSERT_TRUE(NS_SHAREDID_UTILS::IsStillRunning(running));
+    const std::string whole = std::to_string(running.pid) + " " + std::to_string(running.created) + "\n";
+    const std::string spoiled[] = {"", whole.substr(0, whole.size() / 2), whole.substr(0, whole.size() - 1),
+                                   std::string(whole.size(), '\0'), "garbage\n"};
+    const std::wstring list = NS_SHAREDID_UTILS::HolderListPath(record.GetFileName());
+    for (const std::string& text : spoiled) {
+        ASSERT_TRUE(WriteFileBytes(list, text.data(), text.size()));
+        const auto read = storage.ReadHolders(record);
+        const bool namesRunning = read && std::any_of(read->begin(), read->end(), [](const HolderProcess& h) {
+                                      return NS_SHAREDID_UTILS::IsStillRunning(h);
+                                  });
+        EXPECT_FALSE(namesRunning) << "list of " << text.size() << " bytes";
+    }
+}
+
+// A file that cannot be deleted keeps its holder list; a file that cannot be claimed (read-only)
+// is never taken up, and is logged once however often the folder is taken up.
+TEST(PersistantStorageTest, AFileThatCannotBeDeletedOrClaimedIsLeftWithItsList) {
+    ::SetEnvironmentVariableW(L"appdata", MakeTempFolder(L"appdata").c_str());
+    PersistantStorage storage;
+    CSharedId stuck = Credential(L"stuck");
+    const std::vector<HolderProcess> holders{{4242, 1}};
+    ASSERT_EQ(storage.Persist(stuck, &holders), PersistantStorage::kOk);
+    const std::wstring path = stuck.GetFileName(), list = NS_SHAREDID_UTILS::HolderListPath(path);
+    ASSERT_TRUE(::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(storage.Delete(stuck), PersistantStorage::kDeleteFailed);
+    EXPECT_TRUE(FileExists(path) && FileExists(list));
+
+    const size_t logged = CountInServiceLog(L"cannot be claimed");
+    for (int takeUp = 0; takeUp < 3; ++takeUp) {
+        std::list<CSharedId> found;
+        ASSERT_EQ(storage.EnumCreds(found), PersistantStorage::kOk);
+        EXPECT_TRUE(found.empty());
+    }
+    EXPECT_EQ(CountInServiceLog(L"cannot be claimed"), logged + 1);
+    EXPECT_TRUE(FileExists(path) && FileExists(list));
+    ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
 }  // namespace

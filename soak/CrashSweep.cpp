@@ -1,0 +1,365 @@
+#include "soak/CrashSweep.h"
+
+#include "common/Registry.h"
+#include "common/Settings.h"
+#include "sharedid/HolderList.h"
+#include "sharedid/SharedIdFile.h"
+#include "soak/SoakService.h"
+#include "soak/StormRecord.h"
+#include "soak/Strace.h"
+#include "testing/agent/StandInControl.h"
+#include "tools/StatusReader.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <set>
+
+using testsupport::ChildProcess;
+
+namespace soak {
+namespace {
+
+// The service's own file calls under Wine: data writes and flushes are its own; opening,
+// renaming and deleting are requests it writes to the Wine server (write, or writev with a path).
+const std::string kFileSyscalls = "pwrite64,write,writev,fsync,fdatasync";
+const std::wstring kTraceFile = std::wstring(kInstallFolder) + L"sweep.trace";
+constexpr DWORD kSettleMs = 60000;
+
+struct Step {
+    std::string syscall;
+    unsigned n = 0;  // 0: the recording run, nothing killed
+};
+
+// What one run found wrong, with the workload's step where it was seen.
+struct RunResult {
+    std::vector<std::string> violations;
+    unsigned restarts = 0;
+    double seconds = 0;
+};
+
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+// The workload against whichever instance of the service runs: every call and every wait starts
+// the service again when it has gone (the start takes up what the dead instance left).
+class Workload {
+public:
+    Workload(Service& service, unsigned run, RunResult& result) : m_service(service), m_run(run), m_result(result) {}
+
+    void Run() {
+        ChildProcess h1 = Holder(), h2 = Holder(), h3 = Holder();
+        const std::wstring a = Dn(L"a"), b = Dn(L"b"), c = Dn(L"c"), d = Dn(L"d"), e = Dn(L"e");
+        // A credential, a second holder of it, the first lets go, the second exits: checked in.
+        Register(h1, 0, a, "register");
+        Register(h2, 0, a, "second holder");
+        Release(h1, 0, "release");
+        End(h2, "holder exits");
+        WaitCheckedIn({a}, "checked in after its last holder");
+        // The same credential registered again is a new lease; and a credential of another
+        // signature.
+        ChildProcess h4 = Holder(), h5 = Holder();
+        Register(h3, 0, b, "registered again");
+        Register(h5, 1, e, "register another");
+        // The agent goes away: its server is gone mid-call, and its objects cannot be made anew.
+        // The check-in keeps the file for the agent's return.
+        standin::SetScript(L"CheckInHResults", std::wstring(L"0x80010108"));
+        standin::Unregister();
+        End(h3, "holder exits, agent unreachable");
+        Settle(L"The agent cannot be reached", 20000);
+        // Meanwhile files that another instance left: one without holders, one whose holder still
+        // runs (beside the registered one, two leases of one signature).
+        Forge(L"sweepleft.dat", 1, c, nullptr);
+        Forge(L"sweeplive.dat", 1, d, &h4);
+        standin::SetScript(L"CheckInHResults", std::wstring(L"0"));
+        standin::Register();
+        WaitCheckedIn({b, c}, "the agent is back");
+        End(h4, "forged file's holder exits");
+        WaitCheckedIn({d}, "checked in after the forged file's holder");
+        End(h5, "last holder exits");
+        WaitCheckedIn({e}, "checked in after the last holder");
+        h1.Kill();
+        Finish();
+    }
+
+private:
+    std::wstring Dn(const wchar_t* name) const { return L"cn=sweep.r" + std::to_wstring(m_run) + L"." + name; }
+
+    ChildProcess Holder() {
+        ChildProcess holder = ChildProcess::Start(L"tarrow_soak.exe", L"idle");
+        if (!holder.Valid()) Violation("setup", "a holder process could not be started");
+        return holder;
+    }
+
+    void Violation(const std::string& step, const std::string& what) {
+        m_result.violations.push_back(step + ": " + what);
+    }
+
+    // The service answers; started again when it has gone.
+    bool Reach() {
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            if (!m_service.Running()) {
+                ++m_result.restarts;
+                m_tarrow = {};
+                if (!StartAnswering(m_service)) continue;
+            }
+            if (!m_tarrow && FAILED(ConnectAndProbe(m_tarrow, 30000))) continue;
+            return true;
+        }
+        return false;
+    }
+
+    // A call, made again after the service had to be started again.
+    template <class Call>
+    bool Answered(Call call, DWORD& result, const std::string& step) {
+        m_lostAnswer = false;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            if (!Reach()) break;
+            result = 99;
+            if (SUCCEEDED(call(result))) return true;
+            m_tarrow = {};
+            m_lostAnswer = true;
+        }
+        Violation(step, "the service did not answer");
+        return false;
+    }
+
+    static NS_Utils::UniqueBstr Bstr(const std::wstring& text) { return NS_Utils::UniqueBstr(text); }
+
+    // The service's status: its lease count, and its credentials' lease DNs and holders.
+    bool Status(tarrowctl::StatusText& text) {
+        NS_Utils::ComPtr<ITarrowStatus> status;
+        NS_Utils::UniqueVariant snapshot;
+        return Reach() && SUCCEEDED(m_tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
+               SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text);
+    }
+
+    long LeaseCount() {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return -1;
+        for (const auto& [name, value] : text.service)
+            if (name == L"lease count") return std::wcstol(value.c_str(), nullptr, 10);
+        return -1;
+    }
+
+    // Whether the service holds `dn` for `pid`: a registration whose answer a kill lost may have
+    // been made (and kept in the holder list) all the same. A client asks before it registers again,
+    // or it would hold the credential twice.
+    bool HeldFor(const std::wstring& dn, DWORD pid) {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return false;
+        const auto& columns = tarrowctl::StatusColumns();
+        const size_t dnColumn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
+        const size_t holdersColumn = std::find(columns.begin(), columns.end(), L"holders") - columns.begin();
+        for (const auto& row : text.credentials)
+            if (row.at(dnColumn) == dn && (L"; " + row.at(holdersColumn)).find(L"; " + std::to_wstring(pid) + L" ") != std::wstring::npos)
+                return true;
+        return false;
+    }
+
+    void Register(const ChildProcess& holder, int signature, const std::wstring& dn, const std::string& step) {
+        CheckNoEarlyCheckIn(step);
+        DWORD result = 99;
+        const DWORD pid = holder.Id();
+        const bool answered = Answered([&](DWORD& out) {
+            if (m_lostAnswer && HeldFor(dn, pid)) return out = 0, S_OK;
+            auto url = Bstr(SignatureUrl(signature)), srv = Bstr(L"srv-sweep"), svc = Bstr(SignatureService(signature)),
+                 account = Bstr(L"acct-sweep"), role = Bstr(SignatureRole(signature)), lease = Bstr(dn),
+                 expiry = Bstr(L"20301231T120000Z");
+            return m_tarrow->RegisterSharedId(pid, url.get(), srv.get(), nullptr, svc.get(), account.get(), nullptr,
+                                              role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE,
+                                              nullptr, &out);
+        }, result, step);
+        if (!answered) return;
+        if (result != 0) return Violation(step, "registration answered " + std::to_string(result));
+        m_registered.insert(Narrow(dn));
+        m_holding[Narrow(dn)].insert(pid);
+    }
+
+    void Release(const ChildProcess& holder, int signature, const std::string& step) {
+        CheckNoEarlyCheckIn(step);
+        DWORD result = 99;
+        const DWORD pid = holder.Id();
+        if (!Answered([&](DWORD& out) {
+                auto url = Bstr(SignatureUrl(signature)), svc = Bstr(SignatureService(signature)),
+                     role = Bstr(SignatureRole(signature));
+                return m_tarrow->ReleaseSharedId(pid, url.get(), svc.get(), role.get(), &out);
+            }, result, step))
+            return;
+        // 7: the instance that let it go ended before answering, and the next one holds it no more.
+        if (result != 0 && result != 7) return Violation(step, "release answered " + std::to_string(result));
+        for (auto& [dn, pids] : m_holding) pids.erase(pid);
+    }
+
+    // The holder must still run (nothing ends a holder here), and nothing of it was checked in.
+    void End(ChildProcess& holder, const std::string& step) {
+        CheckNoEarlyCheckIn(step);
+        if (holder.Wait(0) != WAIT_TIMEOUT)
+            Violation(step, "holder " + std::to_string(holder.Id()) + " was ended by someone else, exit code " +
+                                std::to_string(holder.ExitCode()));
+        for (auto& [dn, pids] : m_holding) pids.erase(holder.Id());
+        holder.Kill();
+    }
+
+    // A credential file and holder list as a dead instance leaves them, moved into place whole.
+    void Forge(const std::wstring& name, int signature, const std::wstring& dn, const ChildProcess* holder) {
+        CSharedId record(SignatureUrl(signature), L"srv-sweep", L"", SignatureService(signature), L"acct-sweep", L"",
+                         SignatureRole(signature), L"", dn, L"20301231T120000Z", true, L"", L"");
+        const std::wstring path = CredentialFolder() + name, pending = std::wstring(kInstallFolder) + name;
+        if (holder) {
+            const HolderProcess listed{holder->Id(), NS_SHAREDID_UTILS::ProcessCreationTime(holder->Handle())};
+            if (!NS_SHAREDID_UTILS::WriteHolderList(path, {listed})) return Violation("setup", "a holder list could not be forged");
+            m_holding[Narrow(dn)].insert(holder->Id());
+        }
+        const std::wstring text = NS_SHAREDID_UTILS::FormatSharedIdText(record);
+        if (!testsupport::WriteFileBytes(pending, text.data(), text.size() * sizeof(wchar_t)) ||
+            !::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING))
+            return Violation("setup", "a credential file could not be forged");
+        m_registered.insert(Narrow(dn));
+    }
+
+    // Waits for the check-ins, keeping the service running meanwhile.
+    void WaitCheckedIn(const std::vector<std::wstring>& dns, const std::string& step) {
+        const bool done = testsupport::WaitUntil([&] {
+            CheckNoEarlyCheckIn(step);
+            if (!m_service.Running()) Reach();
+            const Journal journal = Journal::Read(standin::JournalPath());
+            for (const std::wstring& dn : dns)
+                if (!journal.Has(Narrow(dn))) return false;
+            return true;
+        }, kSettleMs);
+        if (!done) Violation(step, "not checked in within " + std::to_string(kSettleMs / 1000) + " s");
+    }
+
+    // Waits until the service's log shows `text` (or the time runs out), keeping it running.
+    void Settle(const std::wstring& text, DWORD timeoutMs) {
+        testsupport::WaitUntil([&] {
+            if (!m_service.Running()) Reach();
+            return LogText().find(text, m_logStart) != std::wstring::npos;
+        }, timeoutMs);
+    }
+
+    // No credential is checked in while a process that registered it (and did not let go) runs.
+    void CheckNoEarlyCheckIn(const std::string& step) {
+        const Journal journal = Journal::Read(standin::JournalPath());
+        for (const auto& [dn, pids] : m_holding)
+            if (!pids.empty() && journal.Has(dn) && m_reported.insert(dn).second)
+                Violation(step, dn + " checked in while a holder runs");
+    }
+
+    void Finish() {
+        const bool settled = testsupport::WaitUntil([&] {
+            if (!m_service.Running()) Reach();
+            return CredentialFiles().empty() && LeaseCount() == 0;
+        }, kSettleMs);
+        const Journal journal = Journal::Read(standin::JournalPath());
+        for (const std::string& dn : m_registered)
+            if (!journal.Has(dn)) Violation("end", dn + " never checked in");
+        if (!settled || !CredentialFiles().empty()) {
+            Violation("end", std::to_string(CredentialFiles().size()) + " credential files left");
+            DescribeCredentialFiles("left");
+        }
+        const long count = LeaseCount();
+        if (count != 0) Violation("end", "lease count " + std::to_string(count));
+    }
+
+    Service& m_service;
+    unsigned m_run;
+    RunResult& m_result;
+    NS_Utils::ComPtr<ITarrow> m_tarrow;
+    std::set<std::string> m_registered;              // answered 0, or left in a forged file
+    std::map<std::string, std::set<DWORD>> m_holding;  // by lease DN: registered, not let go, running
+    std::set<std::string> m_reported;
+    bool m_lostAnswer = false;  // the call being made lost an answer to a kill
+    size_t m_logStart = LogText().size();
+};
+
+// One run of the workload; the service killed at `step` (none for the recording run).
+RunResult RunOnce(unsigned run, const Step& step) {
+    RunResult result;
+    const ULONGLONG started = ::GetTickCount64();
+    standin::ClearJournal();
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0"));
+    standin::Register();
+    Service service;
+    if (!StartAnswering(service)) {
+        result.violations.push_back("setup: Tarrow did not start");
+        return result;
+    }
+    Strace strace;
+    const DWORD linuxPid = Strace::LinuxPid(L"Tarrow.exe");
+    const bool attached = linuxPid != 0 && (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
+                                                        : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n));
+    if (!attached) result.violations.push_back("setup: strace could not attach to Tarrow");
+    NS_Utils::ComApartment com;
+    Workload(service, run, result).Run();
+    strace.Detach();
+    if (const DWORD stopped = service.Stop(); stopped != 0)
+        result.violations.push_back("end: Tarrow's stop ended with " + std::to_string(stopped));
+    result.seconds = static_cast<double>(::GetTickCount64() - started) / 1000;
+    return result;
+}
+
+// `limit` of `steps` spread evenly over them (all of them for 0).
+std::vector<Step> Spread(const std::vector<Step>& steps, unsigned long limit) {
+    if (limit == 0 || limit >= steps.size()) return steps;
+    std::vector<Step> some;
+    for (unsigned long i = 0; i < limit; ++i) some.push_back(steps[i * steps.size() / limit]);
+    return some;
+}
+
+// Every step of the recording; with a limit, the service's own writes and flushes first (they
+// are few, and each touches a file), then the Wine server requests spread over what is left.
+std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigned long limit) {
+    std::vector<Step> own, requests;
+    for (const auto& [syscall, count] : most)
+        for (unsigned n = 1; n <= count; ++n)
+            (syscall == "write" || syscall == "writev" ? requests : own).push_back({syscall, n});
+    std::vector<Step> plan = Spread(own, limit);
+    const std::vector<Step> rest = Spread(requests, limit == 0 ? 0 : limit - plan.size());
+    if (limit == 0 || plan.size() < limit) plan.insert(plan.end(), rest.begin(), rest.end());
+    return plan;
+}
+
+}  // namespace
+
+int RunCrashSweep(const Options& options) {
+    std::printf("crash sweep: %lu steps at most (0: all)\n", options.steps);
+    std::fflush(stdout);
+    const ULONGLONG started = ::GetTickCount64();
+    // Level 2: every line costs the Wine server requests of the log's mutex, which would make
+    // most of the steps; the lease count comes from the status instead.
+    if (!PrepareService(2, 0)) return 2;
+    // The agent's return is noticed within a second instead of ten.
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Settings::kFreeSharedIdWaitTime.key,
+                                 NS_Settings::kFreeSharedIdWaitTime.valueName, 1000);
+
+    const RunResult recording = RunOnce(0, {});
+    const std::map<std::string, unsigned> most = Strace::MostCallsPerThread(kTraceFile);
+    std::printf("  recording run          %.1f s, %u violations\n", recording.seconds,
+                static_cast<unsigned>(recording.violations.size()));
+    for (const auto& [syscall, count] : most) std::printf("    %-10s at most %u calls in one thread\n", syscall.c_str(), count);
+    std::printf("    calls on credential files: %u\n", Strace::CallsOnFolder(kTraceFile, "/Kel/Tarrow/"));
+    for (const std::string& v : recording.violations) std::printf("    violation: %s\n", v.c_str());
+
+    const std::vector<Step> steps = PlanSteps(most, options.steps);
+    unsigned long violations = recording.violations.size(), killed = 0;
+    unsigned run = 1;
+    for (const Step& step : steps) {
+        const RunResult result = RunOnce(run++, step);
+        killed += result.restarts > 0;
+        violations += result.violations.size();
+        std::printf("  %-8s %4u  %5.1f s  %s\n", step.syscall.c_str(), step.n, result.seconds,
+                    result.restarts ? "killed" : "not reached");
+        for (const std::string& v : result.violations) std::printf("    violation: %s\n", v.c_str());
+        std::fflush(stdout);
+    }
+    std::printf("crash sweep:\n");
+    std::printf("  steps swept            %zu (the service killed in %lu)\n", steps.size(), killed);
+    std::printf("  violations             %lu\n", violations);
+    std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
+    const bool ok = violations == 0 && !most.empty();
+    std::printf("crash sweep: %s\n", ok ? "passed" : "FAILED");
+    return ok ? 0 : 1;
+}
+
+}  // namespace soak

@@ -1,0 +1,14 @@
+#pragma once
+// The crash-point sweep: one scripted workload through the real Tarrow.exe and the stand-in agent,
+// run once per file step of the service, each time with the service killed at that step (strace
+// injects SIGKILL at the N-th call of a system call), then started again to let the workload
+// finish; every run is checked for lost, early and doubly held credentials.
+
+#include "soak/SoakOptions.h"
+
+namespace soak {
+
+// --steps N: at most N steps, spread over the whole workload (0: every step).
+int RunCrashSweep(const Options& options);
+
+}  // namespace soak

@@ -1,0 +1,142 @@
+#include "soak/Strace.h"
+
+#include "common/WinHandles.h"
+#include "tests/support/TestSupport.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <sstream>
+
+namespace soak {
+namespace {
+
+std::string ReadWhole(const std::wstring& path) {
+    // Files under /proc say they are empty: read until the end instead of by size.
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    std::string text;
+    if (!file) return text;
+    char buffer[64 * 1024];
+    for (DWORD read = 0; ::ReadFile(file.get(), buffer, sizeof(buffer), &read, nullptr) && read > 0;)
+        text.append(buffer, read);
+    return text;
+}
+
+std::wstring ProcPath(DWORD pid, const wchar_t* leaf) { return L"Z:\\proc\\" + std::to_wstring(pid) + L"\\" + leaf; }
+
+std::string WinePrefix() {
+    char value[MAX_PATH * 2] = {};
+    const DWORD n = ::GetEnvironmentVariableA("WINEPREFIX", value, sizeof(value));
+    return n > 0 && n < sizeof(value) ? std::string(value, n) : std::string();
+}
+
+// A Windows path in the prefix's C: drive as Linux sees it.
+std::string LinuxPath(const std::wstring& windowsPath) {
+    std::string path = WinePrefix() + "/drive_c";
+    for (wchar_t c : windowsPath.substr(2)) path += c == L'\\' ? '/' : static_cast<char>(c);
+    return path;
+}
+
+bool RunShell(const std::string& command) {
+    std::wstring line = L"Z:\\bin\\sh -c \"" + std::wstring(command.begin(), command.end()) + L"\"";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION info{};
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) return false;
+    NS_Utils::UniqueHandle process(info.hProcess), thread(info.hThread);
+    return true;
+}
+
+bool Exists(DWORD linuxPid) { return !ReadWhole(ProcPath(linuxPid, L"cmdline")).empty(); }
+
+DWORD TracerOf(const std::wstring& statusPath) {
+    const std::string status = ReadWhole(statusPath), key = "TracerPid:";
+    const size_t at = status.find(key);
+    return at == std::string::npos ? 0 : std::strtoul(status.c_str() + at + key.size(), nullptr, 10);
+}
+
+bool AllThreadsTracedBy(DWORD linuxPid, DWORD tracer) {
+    const std::wstring tasks = ProcPath(linuxPid, L"task\\");
+    bool any = false;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((tasks + L"*").c_str(), &found));
+    if (!search) return false;
+    do {
+        if (found.cFileName[0] < L'0' || found.cFileName[0] > L'9') continue;
+        if (TracerOf(tasks + found.cFileName + L"\\status") != tracer) return false;
+        any = true;
+    } while (::FindNextFileW(search.get(), &found));
+    return any;
+}
+
+}  // namespace
+
+DWORD Strace::LinuxPid(const std::wstring& exeName) {
+    const std::string prefix = "WINEPREFIX=" + WinePrefix() + std::string(1, '\0');
+    std::string wanted(exeName.begin(), exeName.end());
+    for (char& c : wanted) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW(L"Z:\\proc\\*", &found));
+    if (!search) return 0;
+    do {
+        if (found.cFileName[0] < L'0' || found.cFileName[0] > L'9') continue;
+        const DWORD pid = std::wcstoul(found.cFileName, nullptr, 10);
+        // Wine writes the Windows command line over the Linux one.
+        std::string command = ReadWhole(ProcPath(pid, L"cmdline"));
+        for (char& c : command) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (command.find(wanted) == std::string::npos || command.find("strace") != std::string::npos) continue;
+        if (ReadWhole(ProcPath(pid, L"environ")).find(prefix) != std::string::npos) return pid;
+    } while (::FindNextFileW(search.get(), &found));
+    return 0;
+}
+
+bool Strace::Attach(DWORD linuxPid, const std::string& syscalls, const std::wstring& traceFile,
+                    const std::string& killSyscall, unsigned killAt) {
+    Detach();
+    const std::wstring pidFile = L"C:\\TarrowSoak\\strace.pid";
+    ::DeleteFileW(pidFile.c_str());
+    std::string command = "strace -f -qq -y -p " + std::to_string(linuxPid) + " -e trace=" + syscalls;
+    if (killAt > 0) command += " -e inject=" + killSyscall + ":signal=SIGKILL:when=" + std::to_string(killAt);
+    command += " -o " + (traceFile.empty() ? std::string("/dev/null") : LinuxPath(traceFile));
+    command += " 2>/dev/null & echo $! > " + LinuxPath(pidFile);
+    if (!RunShell(command)) return false;
+    if (!testsupport::WaitUntil([&] { return std::atoi(ReadWhole(pidFile).c_str()) > 0; }, 10000)) return false;
+    m_stracePid = static_cast<DWORD>(std::atoi(ReadWhole(pidFile).c_str()));
+    return testsupport::WaitUntil([&] { return AllThreadsTracedBy(linuxPid, m_stracePid); }, 10000);
+}
+
+void Strace::Detach() {
+    if (m_stracePid == 0) return;
+    // strace lets its tracees go on when it is asked to end.
+    if (Exists(m_stracePid)) RunShell("kill -TERM " + std::to_string(m_stracePid));
+    testsupport::WaitUntil([&] { return !Exists(m_stracePid); }, 10000);
+    m_stracePid = 0;
+}
+
+std::map<std::string, unsigned> Strace::MostCallsPerThread(const std::wstring& traceFile) {
+    std::map<std::pair<std::string, std::string>, unsigned> perThread;
+    std::istringstream lines(ReadWhole(traceFile));
+    for (std::string line; std::getline(lines, line);) {
+        // "<tid> name(args...": a call's start; resumed calls and signals are not new calls.
+        const size_t space = line.find(' ');
+        if (space == std::string::npos) continue;
+        const size_t name = line.find_first_not_of(' ', space), paren = line.find('(', name);
+        if (name == std::string::npos || paren == std::string::npos || line[name] == '<' || line[name] == '+' ||
+            line[name] == '-')
+            continue;
+        ++perThread[{line.substr(0, space), line.substr(name, paren - name)}];
+    }
+    std::map<std::string, unsigned> most;
+    for (const auto& [key, count] : perThread) most[key.second] = std::max(most[key.second], count);
+    return most;
+}
+
+unsigned Strace::CallsOnFolder(const std::wstring& traceFile, const std::string& folder) {
+    unsigned count = 0;
+    std::istringstream lines(ReadWhole(traceFile));
+    for (std::string line; std::getline(lines, line);) count += line.find(folder) != std::string::npos;
+    return count;
+}
+
+}  // namespace soak
