@@ -70,6 +70,9 @@ void CCheckInPipeline::RunCheckIns() {
         for (PendingCheckIn& pending : taken)
             if (std::exchange(pending.released, false)) registry->OnCheckInTaken(pending.credential);
     FreeSharedIds(std::move(taken));
+    // Rows of another server, or rows that waited while check-ins were held, may have no item
+    // of their own left.
+    if (m_queue.Size() > 0) QueueRun();
 }
 
 void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
