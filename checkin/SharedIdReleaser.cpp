@@ -140,8 +140,8 @@ bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
     const HRESULT hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
                                                output.get(), &nRet);
     if (hrCIRes) *hrCIRes = hr;
-    const bool unanswered = nRet == 0 && NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty();
-    if (NS_CheckIn::IsServerGone(hr) && unanswered) {
+    // The answer is read once more only for a call that failed as a server gone does.
+    if (NS_CheckIn::IsServerGone(hr) && nRet == 0 && NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty()) {
         NS_Log::Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
                                 L"; its objects are made anew for the next attempt.");
         DropAgentObjects();
