@@ -15,6 +15,14 @@ constexpr const wchar_t* kInsertTag = L"[SharedIdMonitor::InsertAndGetPMEntry]\t
 
 std::wstring Pid(DWORD pid) { return L"(" + std::to_wstring(pid) + L")"; }
 
+// A reference made when files were taken up, now claimed by the holder's own call.
+bool ClaimTakenUp(SharedIdMonitor::ProcessMapValue& value, const CSharedId* credential) {
+    auto mark = std::find(value.takenUp.begin(), value.takenUp.end(), credential);
+    if (mark == value.takenUp.end()) return false;
+    value.takenUp.erase(mark);
+    return true;
+}
+
 bool IsHolder(const CSharedId& credential, DWORD pid) {
     const std::vector<DWORD>& holders = credential.GetHolderPids();
     return std::find(holders.begin(), holders.end(), pid) != holders.end();
@@ -160,7 +168,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     }
     if (!IsHolder(*stored, pid)) listeners = stored->GetListeners();
     stored->AddHolderPid(pid);
-    entry->second.credentials.push_back(stored);
+    if (!ClaimTakenUp(entry->second, stored.get())) entry->second.credentials.push_back(stored);
     // Before the file is written: an invalid expiry is rewritten in the record (under the lock,
     // for the other threads that read it), and the file must keep that deadline across restarts.
     if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
@@ -190,12 +198,12 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
     for (DWORD pid : credential.GetHolderPids()) {
         auto entry = processMap.find(pid);
         if (entry == processMap.end()) continue;
-        holders.push_back({pid, NS_SHAREDID_UTILS::ProcessCreationTime(entry->second.waitInfo->Process())});
+        holders.push_back({pid, entry->second.waitInfo->Created()});
     }
     return holders;
 }
 
-void SharedIdMonitor::WriteHoldersLocked(const CSharedId& credential) {
+void SharedIdMonitor::WriteHoldersLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
@@ -268,6 +276,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         held.erase(mine);
         // A process that registered the credential twice, or took it over as well, still holds it.
         if (std::find(held.begin(), held.end(), live) == held.end()) {
+            std::erase(entry->second.takenUp, live.get());
             live->RemoveHolderPid(pid);
             listeners = live->GetListeners();
             // Even when none is left: the process runs on, and a restart must not hold it for it.
@@ -307,7 +316,7 @@ bool SharedIdMonitor::IsCredsRegistered(const CSharedId& credential, CSharedId* 
     if (it == end) return false;
     for (; it != end; ++it) {
         if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
-            *registered = *live;
+            *registered = CSharedId(*live);
             NS_Log::Log(3, kIsTag, L" Shared credential was already registered.");
             return true;
         }
@@ -349,12 +358,12 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
         }
         const bool added = !IsHolder(*live, pid);
         live->AddHolderPid(pid);
-        entry->second.credentials.push_back(live);
+        if (!ClaimTakenUp(entry->second, live.get())) entry->second.credentials.push_back(live);
         if (added) {
             listeners = live->GetListeners();
             WriteHoldersLocked(*live);
         }
-        *registered = *live;
+        *registered = CSharedId(*live);
         return true;
     }
     return false;
@@ -384,5 +393,5 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
         NS_Log::Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
         return processMap.end();
     }
-    return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}}).first;
+    return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}, {}}).first;
 }

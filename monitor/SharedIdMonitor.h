@@ -45,6 +45,10 @@ public:
     struct ProcessMapValue {
         std::shared_ptr<WaitInfo> waitInfo;
         std::vector<std::shared_ptr<CSharedId>> credentials;  // in the order added, duplicates kept
+        // Those of them held only because a holder list named this process when files were taken
+        // up: the process's own registration of one after a restart claims that reference
+        // instead of adding a second, so that its one release lets go.
+        std::vector<const CSharedId*> takenUp;
     };
     using ProcessMap = std::map<DWORD, ProcessMapValue>;
 
@@ -148,7 +152,7 @@ private:
     // The credential's holders with their creation times, from the process map.
     std::vector<HolderProcess> HoldersOfLocked(const CSharedId& credential) const;
     // Replaces the holder list beside the credential's file after its holders changed.
-    void WriteHoldersLocked(const CSharedId& credential);
+    void WriteHoldersLocked(CSharedId& credential);
     // Holds a credential read from its file again for those of its listed holders that still
     // run, as a record of its own unless a record of the same lease (signature and lease DN) is
     // held: that one then takes the holders it lacks and the file is deleted as its copy. With

@@ -139,7 +139,7 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
         auto entry = InsertAndGetPMEntry(holder.pid);
         // The id may have passed to another process since it was looked at.
         if (entry == processMap.end()) continue;
-        if (NS_SHAREDID_UTILS::ProcessCreationTime(entry->second.waitInfo->Process()) == holder.created)
+        if (entry->second.waitInfo->Created() == holder.created)
             entries.push_back(entry);
         else if (entry->second.credentials.empty())
             ErasePMEntry(entry);
@@ -170,6 +170,7 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
         if (std::find(held.begin(), held.end(), credential) != held.end()) continue;
         credential->AddHolderPid(entry->first);
         held.push_back(credential);
+        entry->second.takenUp.push_back(credential.get());
         added = true;
     }
     const std::wstring expiry = credential->GetLeaseExpiry();

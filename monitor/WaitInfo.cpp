@@ -2,9 +2,13 @@
 
 #include "common/Log.h"
 #include "monitor/SharedIdMonitor.h"
+#include "sharedid/HolderList.h"
 
 WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::UniqueHandle process)
-    : m_monitor(std::move(monitor)), m_pid(pid), m_process(std::move(process)) {}
+    : m_monitor(std::move(monitor)),
+      m_pid(pid),
+      m_process(std::move(process)),
+      m_created(NS_SHAREDID_UTILS::ProcessCreationTime(m_process.get())) {}
 
 bool WaitInfo::Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback) {
     m_context = std::make_unique<std::shared_ptr<WaitInfo>>(self);

@@ -38,11 +38,14 @@ public:
 
     DWORD Pid() const { return m_pid; }
     HANDLE Process() const { return m_process.get(); }
+    // Asked once: the holder list names the process by it at every rewrite.
+    ULONGLONG Created() const { return m_created; }
 
 private:
     std::weak_ptr<SharedIdMonitor> m_monitor;
     DWORD m_pid;
     NS_Utils::UniqueHandle m_process;
+    ULONGLONG m_created;
     HANDLE m_hWait = nullptr;  // owned by the pool until UnregisterWaitEx
     std::atomic<LONG> m_terminating{0};
     NS_Utils::UniqueHandle m_hWaitCancel;

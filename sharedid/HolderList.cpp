@@ -12,6 +12,8 @@ constexpr wchar_t kCredentialExtension[] = L".dat";
 constexpr wchar_t kHolderExtension[] = L".holders";
 constexpr wchar_t kPendingSuffix[] = L".new";
 constexpr DWORD kMaxListBytes = 64 * 1024;
+// The end of a process can cut a write short only between pages.
+constexpr size_t kUntornBytes = 4096;
 
 std::string FormatList(const std::vector<HolderProcess>& holders) {
     std::string text;
@@ -26,6 +28,8 @@ std::optional<std::vector<HolderProcess>> ParseList(const std::string& text) {
     if (!text.empty() && text.back() != '\n') return std::nullopt;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
+        // What is left of a longer list that was rewritten in place.
+        if (line.find_first_not_of(' ') == std::string::npos) continue;
         HolderProcess holder;
         unsigned long pid = 0;
         unsigned long long created = 0;
@@ -38,12 +42,24 @@ std::optional<std::vector<HolderProcess>> ParseList(const std::string& text) {
     return holders;
 }
 
+bool WriteAt0(HANDLE file, const std::string& text) {
+    OVERLAPPED at0{};
+    DWORD written = 0;
+    return ::WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, &at0) && written == text.size();
+}
+
 bool WriteWhole(const std::wstring& path, const std::string& text) {
     NS_Utils::UniqueHandle file(
         ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD written = 0;
-    return file && ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
-           written == text.size();
+    return file && WriteAt0(file.get(), text);
+}
+
+// Kept open by the instance that answers for the credential; others may read it, and it may be
+// deleted by name.
+NS_Utils::UniqueHandle OpenList(const std::wstring& path, DWORD disposition) {
+    return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                                FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, disposition,
+                                                FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 }  // namespace
 
@@ -73,9 +89,40 @@ bool WriteHolderList(const std::wstring& credentialPath, const std::vector<Holde
     return false;
 }
 
+NS_Utils::UniqueHandle CreateHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders,
+                                        DWORD& bytes) {
+    const std::string text = FormatList(holders);
+    NS_Utils::UniqueHandle list = OpenList(HolderListPath(credentialPath), CREATE_ALWAYS);
+    if (!list || !WriteAt0(list.get(), text)) return {};
+    bytes = static_cast<DWORD>(text.size());
+    return list;
+}
+
+NS_Utils::UniqueHandle OpenHolderList(const std::wstring& credentialPath, DWORD& bytes) {
+    NS_Utils::UniqueHandle list = OpenList(HolderListPath(credentialPath), OPEN_ALWAYS);
+    LARGE_INTEGER size{};
+    if (!list || !::GetFileSizeEx(list.get(), &size)) return {};
+    bytes = static_cast<DWORD>(size.QuadPart);
+    return list;
+}
+
+bool RewriteHolderList(HANDLE list, const std::vector<HolderProcess>& holders, DWORD& bytes) {
+    std::string text = FormatList(holders);
+    if (text.size() < bytes) {
+        // Blank lines over the rest of the old text, still ending in a line feed.
+        text.append(bytes - text.size() - 1, ' ');
+        text += '\n';
+    }
+    if (text.size() > kUntornBytes) return false;
+    if (!WriteAt0(list, text)) return false;
+    bytes = static_cast<DWORD>(text.size());
+    return true;
+}
+
 std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& credentialPath) {
     NS_Utils::UniqueHandle file(::CreateFileW(HolderListPath(credentialPath).c_str(), GENERIC_READ,
-                                              FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr));
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
     if (!file) return std::nullopt;
     std::string text(kMaxListBytes, '\0');
     DWORD read = 0;

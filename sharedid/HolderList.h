@@ -4,11 +4,16 @@
 // credential and holds it for them instead of checking it in under them. A process is known by
 // its id and its creation time: an id alone may have been given to another process since.
 //
-// The list is one ASCII line per process, "<pid> <creation time as a FILETIME count>". It is
-// replaced as a whole (written beside, then renamed over the old one), so a crash of the service
-// leaves the old list or the new one, never a mix. It is not flushed: it only matters while the
-// machine keeps running (after a power cut no holder runs), and the system cache outlives a crash
-// of the service. A list that a power cut left empty, short or garbled names no running holder.
+// The list is one ASCII line per process, "<pid> <creation time as a FILETIME count>", followed
+// by blank padding when it shrank. The instance that answers for the credential keeps it open and
+// rewrites it in place with one write that covers the whole old text: a write within one page is
+// never torn by the end of the writing process, so a crash of the service leaves the old list or
+// the new one, never a mix. A list that outgrows a page is replaced as a whole instead (written
+// beside, then renamed over the old one). It is not flushed: it only matters while the machine
+// keeps running (after a power cut no holder runs), and the system cache outlives a crash of the
+// service. A list that a power cut left empty, short or garbled names no running holder.
+
+#include "common/WinHandles.h"
 
 #include <windows.h>
 
@@ -32,6 +37,15 @@ std::wstring HolderListPath(const std::wstring& credentialPath);
 std::wstring CredentialPathOfList(const std::wstring& listPath);
 // Replaces the list; in the system cache (not flushed) when this returns true.
 [[nodiscard]] bool WriteHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders);
+// Makes the list of a credential file that is being written (nothing is read from a file whose
+// record is still empty), and keeps it open for rewrites in place; `bytes` is its size.
+NS_Utils::UniqueHandle CreateHolderList(const std::wstring& credentialPath, const std::vector<HolderProcess>& holders,
+                                        DWORD& bytes);
+// The list opened for rewrites in place, made empty when there is none; `bytes` is its size.
+NS_Utils::UniqueHandle OpenHolderList(const std::wstring& credentialPath, DWORD& bytes);
+// Rewrites an open list in place with one write over its `bytes` (then the new size); false,
+// with nothing written, when the new list would not fit in one page.
+[[nodiscard]] bool RewriteHolderList(HANDLE list, const std::vector<HolderProcess>& holders, DWORD& bytes);
 // The list, or nothing when there is none (a file written before lists were kept) or it cannot
 // be read.
 std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& credentialPath);

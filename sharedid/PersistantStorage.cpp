@@ -81,17 +81,24 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     NS_Utils::UniqueHandle file = CreateNamedFile(record, errors);
     // The list first: a crash before the record's text leaves an empty file, which the next start
     // removes with its list, never a credential file without the holders it had.
-    // A list that cannot be written is logged there; the credential is kept all the same.
-    if (file && holders) (void)WriteHolders(record, *holders);
+    // A list that cannot be written is logged; the credential is kept all the same.
+    NS_Utils::UniqueHandle list;
+    DWORD listBytes = 0;
+    if (file && holders) {
+        list = NS_SHAREDID_UTILS::CreateHolderList(record.GetFileName(), *holders, listBytes);
+        if (!list) LogListFailure(record);
+    }
     if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
         // A partly written file would be unreadable for good, and the name may be another's.
-        if (file) (void)DeleteFiles(record.GetFileName(), std::move(file));  // its failure joins the errors kept
+        list.reset();
+        if (file) (void)DeleteFiles(record.GetFileName(), CFileClaim(std::move(file)));  // its failure joins the errors kept
         record.SetFileName(previous);
         KeepErrors(errors, L"PersistantStorage::Persist");
         return kWriteFailed;
     }
-    NS_Utils::UniqueHandle earlier = record.TakeFileClaim();
+    CFileClaim earlier = record.TakeFileClaim();
     record.ClaimFile(std::move(file));
+    record.FileClaim().KeepHolders(std::move(list), listBytes);
     // Only now that the new file is on the disk: a credential registered again is written anew,
     // and its earlier file would otherwise be found at the next start and checked in twice.
     // A failure is kept with the errors; the registration stands on the new file.
@@ -114,12 +121,35 @@ NS_Utils::UniqueHandle PersistantStorage::CreateNamedFile(CSharedId& record, std
     return {};
 }
 
-bool PersistantStorage::WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders) {
-    if (NS_SHAREDID_UTILS::WriteHolderList(record.GetFileName(), holders)) return true;
+bool PersistantStorage::WriteHolders(CSharedId& record, const std::vector<HolderProcess>& holders) {
+    CFileClaim& claim = record.FileClaim();
+    DWORD bytes = claim.HoldersBytes();
+    if (claim.HoldersHandle() && NS_SHAREDID_UTILS::RewriteHolderList(claim.HoldersHandle(), holders, bytes)) {
+        claim.SetHoldersBytes(bytes);
+        return true;
+    }
+    // A file taken up has no open list yet; a list that outgrew a page is replaced whole.
+    if (!claim.HoldersHandle()) {
+        NS_Utils::UniqueHandle list = NS_SHAREDID_UTILS::OpenHolderList(record.GetFileName(), bytes);
+        if (list && NS_SHAREDID_UTILS::RewriteHolderList(list.get(), holders, bytes)) {
+            claim.KeepHolders(std::move(list), bytes);
+            return true;
+        }
+    }
+    claim.KeepHolders({}, 0);
+    if (NS_SHAREDID_UTILS::WriteHolderList(record.GetFileName(), holders)) {
+        NS_Utils::UniqueHandle list = NS_SHAREDID_UTILS::OpenHolderList(record.GetFileName(), bytes);
+        claim.KeepHolders(std::move(list), bytes);
+        return true;
+    }
     // The credential is kept all the same; a restart would check it in rather than hold it.
+    LogListFailure(record);
+    return false;
+}
+
+void PersistantStorage::LogListFailure(const CSharedId& record) {
     NS_Log::Log(1, L"[PersistantStorage::WriteHolders]\t Cannot write the holder list of " + record.GetFileName() +
                        L". Error = " + std::to_wstring(::GetLastError()));
-    return false;
 }
 
 std::optional<std::vector<HolderProcess>> PersistantStorage::ReadHolders(const CSharedId& record) const {
@@ -192,7 +222,7 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         // nothing to check in, and left alone it would be skipped as unreadable at every start.
         if (IsEmptyFile(claim.get())) {
             NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
-            (void)DeleteFiles(path, std::move(claim));  // a failure is kept; the next start tries again
+            (void)DeleteFiles(path, CFileClaim(std::move(claim)));  // a failure is kept; the next start tries again
             continue;
         }
         CSharedId record;
@@ -226,12 +256,12 @@ int PersistantStorage::Delete(CSharedId& record) {
     return DeleteFiles(record.GetFileName(), record.TakeFileClaim());
 }
 
-int PersistantStorage::DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim) {
-    const bool deleted = claim ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.get()) : ::DeleteFileW(path.c_str());
+int PersistantStorage::DeleteFiles(const std::wstring& path, CFileClaim claim) {
+    const bool deleted = claim.Held() ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.Handle()) : ::DeleteFileW(path.c_str());
     const DWORD error = ::GetLastError();
     // The file goes as the claim closes. Its list after it: a list left alone is removed at the
     // next start, a credential file left without its list would be checked in under its holders.
-    claim.reset();
+    claim.Release();
     if (!deleted) {
         // The file stays (read-only, or open elsewhere), so its list stays with it.
         KeepErrors({NS_SHAREDID_UTILS::kStepFile, error}, L"PersistantStorage::Delete");

@@ -35,14 +35,15 @@ public:
     PersistantStorage();
 
     // Writes the record to a new file named after the local time, points its m_fileName at it
-    // and keeps the file open in the record (its claim). A name that is taken is made anew from
+    // and keeps the file (and its holder list) open in the record (its claim). A name that is taken is made anew from
     // a later time, a few times. With `holders`, their list is written beside the file before
     // the record's text. The text is on the disk when this returns kOk (the list only in the
     // system cache, see HolderList.h); only then is a file that the record had before deleted
     // (through its claim). On failure the record keeps the file and the claim it had.
     [[nodiscard]] int Persist(CSharedId& record, const std::vector<HolderProcess>* holders = nullptr);
-    // Replaces the holder list beside the record's file; false when it could not be written.
-    [[nodiscard]] bool WriteHolders(const CSharedId& record, const std::vector<HolderProcess>& holders);
+    // Replaces the holder list beside the record's file, in place through the record's claim;
+    // false when it could not be written.
+    [[nodiscard]] bool WriteHolders(CSharedId& record, const std::vector<HolderProcess>& holders);
     // The holder list beside the record's file; nothing when there is none.
     std::optional<std::vector<HolderProcess>> ReadHolders(const CSharedId& record) const;
     // The paths of the credential files that have a holder list beside them, from one listing of
@@ -76,7 +77,8 @@ private:
     static NS_Utils::UniqueHandle ClaimStoredFile(const std::wstring& path);
     // Makes a new file under a fresh name for the record (m_fileName set to it); empty on failure.
     NS_Utils::UniqueHandle CreateNamedFile(CSharedId& record, std::list<DWORD>& errors);
-    [[nodiscard]] int DeleteFiles(const std::wstring& path, NS_Utils::UniqueHandle claim);
+    [[nodiscard]] int DeleteFiles(const std::wstring& path, CFileClaim claim);
+    static void LogListFailure(const CSharedId& record);
     // Holder lists left without their credential file (a crash between deleting the two).
     void RemoveOrphanHolderLists();
     // The paths of the files in the folder that match `pattern`, folders left out.

@@ -22,6 +22,26 @@ CSharedId::CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& c
       m_auxText4(auxText4),
       m_auxText6(auxText6) {}
 
+CSharedId::CSharedId(const CSharedId& other)
+    : m_flag(other.m_flag),
+      m_corvinAuthSvcUrl(other.m_corvinAuthSvcUrl),
+      m_corvinAuthSrvId(other.m_corvinAuthSrvId),
+      m_auxText1(other.m_auxText1),
+      m_authSvcId(other.m_authSvcId),
+      m_sharedId(other.m_sharedId),
+      m_auxText2(other.m_auxText2),
+      m_roleId(other.m_roleId),
+      m_leaseDN(other.m_leaseDN),
+      m_auxText3(other.m_auxText3),
+      m_leaseExpiry(other.m_leaseExpiry),
+      m_enterpriseId(other.m_enterpriseId),
+      m_auxText4(other.m_auxText4),
+      m_auxText5(other.m_auxText5),
+      m_holderPids(other.m_holderPids),
+      m_listeners(other.m_listeners),
+      m_auxText6(other.m_auxText6),
+      m_fileName(other.m_fileName) {}
+
 CSharedId CSharedId::SignatureKey(const std::wstring& corvinAuthSvcUrl, const std::wstring& authSvcId,
                                   const std::wstring& roleId) {
     CSharedId key;

@@ -9,36 +9,48 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-// The credential file kept open by the instance that answers for the credential, for as long
-// as it does: another instance starting meanwhile (a second desktop of the same user shares the
-// folder) sees the open file and leaves it alone. A copy of a record is not the record and
-// carries no claim.
+// The credential file, and beside it its holder list, kept open by the instance that answers for
+// the credential for as long as it does: another instance starting meanwhile (a second desktop of
+// the same user shares the folder) sees the open file and leaves it alone, and the list is
+// rewritten in place through its handle. Move-only: a claim is one instance's, never a copy's.
 class CFileClaim {
 public:
     CFileClaim() = default;
     explicit CFileClaim(NS_Utils::UniqueHandle file) noexcept : m_file(std::move(file)) {}
-    CFileClaim(const CFileClaim&) noexcept {}
-    CFileClaim& operator=(const CFileClaim& other) noexcept {
-        if (this != &other) m_file.reset();
-        return *this;
-    }
+    CFileClaim(const CFileClaim&) = delete;
+    CFileClaim& operator=(const CFileClaim&) = delete;
     CFileClaim(CFileClaim&&) noexcept = default;
     CFileClaim& operator=(CFileClaim&&) noexcept = default;
 
     bool Held() const noexcept { return m_file.valid(); }
     HANDLE Handle() const noexcept { return m_file.get(); }
-    void Release() noexcept { m_file.reset(); }
-    NS_Utils::UniqueHandle Take() noexcept { return std::move(m_file); }
+    // The holder list's open handle (none until the list was written or opened), and how many
+    // bytes the list file holds: a rewrite in place covers at least as many.
+    HANDLE HoldersHandle() const noexcept { return m_holders.get(); }
+    DWORD HoldersBytes() const noexcept { return m_holdersBytes; }
+    void KeepHolders(NS_Utils::UniqueHandle list, DWORD bytes) noexcept {
+        m_holders = std::move(list);
+        m_holdersBytes = bytes;
+    }
+    void SetHoldersBytes(DWORD bytes) noexcept { m_holdersBytes = bytes; }
+    void Release() noexcept {
+        m_holders.reset();
+        m_file.reset();
+    }
 
 private:
     NS_Utils::UniqueHandle m_file;
+    NS_Utils::UniqueHandle m_holders;
+    DWORD m_holdersBytes = 0;
 };
 
 // Threads: a record that the registry holds is read and changed (holders, listeners, expiry text,
 // file) only under the registry lock; once released it belongs to the collector's worker alone.
-// Copies are plain values of whichever thread made them.
+// Copies are plain values of whichever thread made them: a copy carries the texts, holders and
+// listeners, never the claim on the files (that stays with the record the registry holds).
 class CSharedId {
 public:
     CSharedId() = default;
@@ -53,8 +65,10 @@ public:
     static CSharedId SignatureKey(const std::wstring& corvinAuthSvcUrl, const std::wstring& authSvcId,
                                   const std::wstring& roleId);
 
-    CSharedId(const CSharedId&) = default;
-    CSharedId& operator=(const CSharedId&) = default;
+    CSharedId(const CSharedId& other);
+    // Assigning a copy would leave the target's claim on a file its new name does not name:
+    // a record is made as a copy or moved, never copied over.
+    CSharedId& operator=(const CSharedId&) = delete;
     CSharedId(CSharedId&&) noexcept = default;
     CSharedId& operator=(CSharedId&&) noexcept = default;
 
@@ -104,12 +118,13 @@ public:
     void SetAuxText4(std::wstring v) { m_auxText4 = std::move(v); }
     void SetFileName(std::wstring v) { m_fileName = std::move(v); }
 
-    // The open credential file; replacing it closes the one held before.
+    // The open credential file; replacing it closes the one held before, and its list's handle.
     void ClaimFile(NS_Utils::UniqueHandle file) noexcept { m_fileClaim = CFileClaim(std::move(file)); }
     void ReleaseFileClaim() noexcept { m_fileClaim.Release(); }
-    NS_Utils::UniqueHandle TakeFileClaim() noexcept { return m_fileClaim.Take(); }
+    CFileClaim TakeFileClaim() noexcept { return std::exchange(m_fileClaim, CFileClaim()); }
     bool HoldsFileClaim() const noexcept { return m_fileClaim.Held(); }
     HANDLE FileClaimHandle() const noexcept { return m_fileClaim.Handle(); }
+    CFileClaim& FileClaim() noexcept { return m_fileClaim; }
 
 private:
     bool m_flag = false;

@@ -123,6 +123,20 @@ TEST_F(SurvivalTest, ACrashOrACloseRequestEndsNoHolderAndChecksNothingInUnderOne
     EXPECT_EQ(CheckIns("cn=second"), 1u);
 }
 
+// A holder held again from its list after a crash registers again, as a client does whose answer
+// the crash lost: it holds the credential once, so its one release lets go.
+TEST_F(SurvivalTest, AHolderThatRegistersAgainAfterACrashHoldsItOnce) {
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(holder.Id(), Credential(L"again")), 0u);
+    Crash();
+    Restart();
+    ASSERT_EQ(StateOf(L"cn=again"), L"held");
+    ASSERT_EQ(Register(holder.Id(), Credential(L"again")), 0u);
+    ASSERT_EQ(Release(holder.Id(), Credential(L"again")), 0u);
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=again") == 1 && Files() == 0; }));
+    EXPECT_EQ(holder.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT));
+}
+
 TEST_F(SurvivalTest, AFileLeftWhileTheAgentIsAwayWaitsOnTheDiskUntilItIsBack) {
     CSharedId left = Credential(L"left");
     {

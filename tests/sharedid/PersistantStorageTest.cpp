@@ -55,6 +55,7 @@ TEST(PersistantStorageTest, AHolderListThatAPowerCutSpoiledNamesNoRunningHolder)
     const std::string spoiled[] = {"", whole.substr(0, whole.size() / 2), whole.substr(0, whole.size() - 1),
                                    std::string(whole.size(), '\0'), "garbage\n"};
     const std::wstring list = NS_SHAREDID_UTILS::HolderListPath(record.GetFileName());
+    record.ReleaseFileClaim();
     for (const std::string& text : spoiled) {
         ASSERT_TRUE(WriteFileBytes(list, text.data(), text.size()));
         const auto read = storage.ReadHolders(record);
@@ -62,6 +63,25 @@ TEST(PersistantStorageTest, AHolderListThatAPowerCutSpoiledNamesNoRunningHolder)
                                       return NS_SHAREDID_UTILS::IsStillRunning(h);
                                   });
         EXPECT_FALSE(namesRunning) << "list of " << text.size() << " bytes";
+    }
+}
+
+// The list is rewritten in place through the record's claim: what is left of a longer list must
+// read as nothing, and a list that outgrows a page (replaced whole) still reads back as written.
+TEST(PersistantStorageTest, AHolderListRewrittenInPlaceReadsBackAsWritten) {
+    ::SetEnvironmentVariableW(L"appdata", MakeTempFolder(L"appdata").c_str());
+    PersistantStorage storage;
+    CSharedId record = Credential(L"rewritten");
+    auto holders = [](size_t count) {
+        std::vector<HolderProcess> list;
+        for (size_t i = 0; i < count; ++i) list.push_back({static_cast<DWORD>(1000 + i), 132000000000000000ull + i});
+        return list;
+    };
+    const std::vector<HolderProcess> first = holders(3);
+    ASSERT_EQ(storage.Persist(record, &first), PersistantStorage::kOk);
+    for (size_t count : {1, 0, 2, 300, 1}) {
+        ASSERT_TRUE(storage.WriteHolders(record, holders(count))) << count;
+        EXPECT_EQ(storage.ReadHolders(record), holders(count)) << count;
     }
 }
 
