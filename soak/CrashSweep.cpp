@@ -11,6 +11,7 @@
 #include "tools/StatusReader.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <map>
 #include <set>
@@ -307,6 +308,20 @@ std::vector<Step> Spread(const std::vector<Step>& steps, unsigned long limit) {
     return some;
 }
 
+// Every step, ordered so that any first part of the sweep is spread over the whole workload: a
+// sweep cut short has still been everywhere, only more coarsely.
+std::vector<Step> CoarseToFine(const std::vector<Step>& steps) {
+    std::vector<Step> ordered;
+    std::vector<bool> taken(steps.size());
+    for (size_t stride = std::bit_floor(std::max<size_t>(steps.size(), 1)); stride >= 1; stride /= 2)
+        for (size_t i = 0; i < steps.size(); i += stride)
+            if (!taken[i]) {
+                taken[i] = true;
+                ordered.push_back(steps[i]);
+            }
+    return ordered;
+}
+
 // Every step of the recording; with a limit, the service's own writes and flushes first (they
 // are few, and each touches a file), then the Wine server requests spread over what is left.
 std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigned long limit) {
@@ -315,7 +330,7 @@ std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigne
         for (unsigned n = 1; n <= count; ++n)
             (syscall == "write" || syscall == "writev" ? requests : own).push_back({syscall, n});
     std::vector<Step> plan = Spread(own, limit);
-    const std::vector<Step> rest = Spread(requests, limit == 0 ? 0 : limit - plan.size());
+    const std::vector<Step> rest = limit == 0 ? CoarseToFine(requests) : Spread(requests, limit - plan.size());
     if (limit == 0 || plan.size() < limit) plan.insert(plan.end(), rest.begin(), rest.end());
     return plan;
 }
@@ -323,7 +338,8 @@ std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigne
 }  // namespace
 
 int RunCrashSweep(const Options& options) {
-    std::printf("crash sweep: %lu steps at most (0: all)\n", options.steps);
+    std::printf("crash sweep: %lu steps at most (0: all), shard %lu of %lu\n", options.steps, options.shard + 1,
+                options.shards);
     std::fflush(stdout);
     const ULONGLONG started = ::GetTickCount64();
     // Level 2: every line costs the Wine server requests of the log's mutex, which would make
@@ -341,7 +357,9 @@ int RunCrashSweep(const Options& options) {
     std::printf("    calls on credential files: %u\n", Strace::CallsOnFolder(kTraceFile, "/Kel/Tarrow/"));
     for (const std::string& v : recording.violations) std::printf("    violation: %s\n", v.c_str());
 
-    const std::vector<Step> steps = PlanSteps(most, options.steps);
+    std::vector<Step> steps;
+    const std::vector<Step> plan = PlanSteps(most, options.steps);
+    for (size_t i = options.shard; i < plan.size(); i += options.shards) steps.push_back(plan[i]);
     unsigned long violations = recording.violations.size(), killed = 0;
     unsigned run = 1;
     for (const Step& step : steps) {

@@ -16,7 +16,8 @@ Options ParseOptions(int argc, wchar_t** argv, int first) {
     unsigned long seed = options.seed;
     const Named named[] = {{L"--seed", &seed},       {L"--rounds", &options.rounds}, {L"--holders", &options.holders},
                            {L"--calls", &options.calls}, {L"--clients", &options.clients}, {L"--files", &options.files},
-                           {L"--batch", &options.batch}, {L"--steps", &options.steps}};
+                           {L"--batch", &options.batch}, {L"--steps", &options.steps},
+                           {L"--shards", &options.shards}, {L"--shard", &options.shard}};
     for (int i = first; i < argc; ++i) {
         const Named* found = nullptr;
         for (const Named& n : named)
@@ -33,7 +34,10 @@ Options ParseOptions(int argc, wchar_t** argv, int first) {
         ++i;
     }
     options.seed = static_cast<unsigned>(seed);
-    if (options.holders == 0 || options.clients == 0 || options.batch == 0) options.error = L"sizes must be positive";
+    if (options.holders == 0 || options.clients == 0 || options.batch == 0 || options.shards == 0)
+        options.error = L"sizes must be positive";
+    else if (options.shard >= options.shards)
+        options.error = L"--shard counts from 0 and must be below --shards";
     return options;
 }
 

@@ -16,12 +16,14 @@ struct Options {
     unsigned long files = 1000000;    // parser run
     unsigned long batch = 1000;       // parser run: files per start-up enumeration
     unsigned long steps = 0;          // crash sweep: at most this many steps, spread (0: all)
+    unsigned long shards = 1;         // crash sweep: the plan is split into this many runs at once
+    unsigned long shard = 0;          // crash sweep: which of them this run sweeps
     std::vector<std::wstring> words;  // the arguments of the internal modes
     std::wstring error;
 };
 
 // argv[first..]: --seed N, --rounds N, --holders N, --calls N, --clients N, --files N, --batch N,
-// --steps N;
+// --steps N, --shards N, --shard N;
 // any other word is kept in `words`.
 Options ParseOptions(int argc, wchar_t** argv, int first);
 
