@@ -11,7 +11,10 @@
 #include "tools/StatusReader.h"
 
 #include <algorithm>
-#include <bit>
+#include <cctype>
+#include <cstring>
+#include <thread>
+#include <tuple>
 #include <cstdio>
 #include <map>
 #include <set>
@@ -27,9 +30,13 @@ const std::string kFileSyscalls = "pwrite64,write,writev,fsync,fdatasync";
 const std::wstring kTraceFile = std::wstring(kInstallFolder) + L"sweep.trace";
 constexpr DWORD kSettleMs = 60000;
 
+// The service killed at the n-th call of `syscall` in the thread that was the `thread`-th oldest
+// when strace attached (in any thread that far for -1: one started after the attach).
 struct Step {
     std::string syscall;
     unsigned n = 0;  // 0: the recording run, nothing killed
+    int thread = -1;
+    std::string what;
 };
 
 // What one run found wrong, with the workload's step where it was seen.
@@ -274,8 +281,9 @@ private:
     size_t m_logStart = LogText().size();
 };
 
-// One run of the workload; the service killed at `step` (none for the recording run).
-RunResult RunOnce(unsigned run, const Step& step) {
+// One run of the workload; the service killed at `step` (none for the recording run, which gives
+// the service's threads at the attach).
+RunResult RunOnce(unsigned run, const Step& step, std::vector<DWORD>* threadsAtAttach = nullptr) {
     RunResult result;
     const ULONGLONG started = ::GetTickCount64();
     standin::ClearJournal();
@@ -288,9 +296,17 @@ RunResult RunOnce(unsigned run, const Step& step) {
     }
     Strace strace;
     const DWORD linuxPid = Strace::LinuxPid(L"Tarrow.exe");
+    const std::vector<DWORD> threads = Strace::Threads(linuxPid);
+    DWORD onlyThread = 0;
+    if (step.thread >= 0) {
+        if (static_cast<size_t>(step.thread) < threads.size()) onlyThread = threads[static_cast<size_t>(step.thread)];
+        else result.violations.push_back("setup: Tarrow has fewer threads than when its steps were recorded");
+    }
     const bool attached = linuxPid != 0 && (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
-                                                        : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n));
+                                                        : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n,
+                                                                        onlyThread));
     if (!attached) result.violations.push_back("setup: strace could not attach to Tarrow");
+    if (threadsAtAttach) *threadsAtAttach = threads;
     NS_Utils::ComApartment com;
     Workload(service, run, result).Run();
     strace.Detach();
@@ -308,34 +324,115 @@ std::vector<Step> Spread(const std::vector<Step>& steps, unsigned long limit) {
     return some;
 }
 
-// Every step, ordered so that any first part of the sweep is spread over the whole workload: a
-// sweep cut short has still been everywhere, only more coarsely.
-std::vector<Step> CoarseToFine(const std::vector<Step>& steps) {
-    std::vector<Step> ordered;
-    std::vector<bool> taken(steps.size());
-    for (size_t stride = std::bit_floor(std::max<size_t>(steps.size(), 1)); stride >= 1; stride /= 2)
-        for (size_t i = 0; i < steps.size(); i += stride)
-            if (!taken[i]) {
-                taken[i] = true;
-                ordered.push_back(steps[i]);
-            }
-    return ordered;
+std::string Utf16(const std::string& text) {
+    std::string bytes;
+    for (char c : text) bytes += {c, '\0'};
+    return bytes;
 }
 
-// Every step of the recording; with a limit, the service's own writes and flushes first (they
-// are few, and each touches a file), then the Wine server requests spread over what is left.
-std::vector<Step> PlanSteps(const std::map<std::string, unsigned>& most, unsigned long limit) {
-    std::vector<Step> own, requests;
-    for (const auto& [syscall, count] : most)
-        for (unsigned n = 1; n <= count; ++n)
-            (syscall == "write" || syscall == "writev" ? requests : own).push_back({syscall, n});
-    std::vector<Step> plan = Spread(own, limit);
-    const std::vector<Step> rest = limit == 0 ? CoarseToFine(requests) : Spread(requests, limit - plan.size());
-    if (limit == 0 || plan.size() < limit) plan.insert(plan.end(), rest.begin(), rest.end());
-    return plan;
+std::string Leaf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
+constexpr wchar_t kCalibrateEvent[] = L"TarrowSoakCalibrate";
+
+// The Wine server's request code for deleting a file through a handle, which names no file: learnt
+// from a deletion that a process of the sweep's makes between two marked writes under strace (the
+// codes differ between Wine versions). 0 when it could not be learnt.
+uint32_t DeleteRequestCode() {
+    const std::wstring trace = std::wstring(kInstallFolder) + L"calibrate.trace";
+    NS_Utils::UniqueHandle go(::CreateEventW(nullptr, TRUE, FALSE, kCalibrateEvent));
+    ChildProcess child = ChildProcess::Start(L"tarrow_soak.exe", L"calibrate");
+    const DWORD linuxPid = testsupport::WaitUntil([] { return Strace::LinuxPid(L"calibrate") != 0; }, 10000)
+                               ? Strace::LinuxPid(L"calibrate")
+                               : 0;
+    Strace strace;
+    const bool attached = go && child.Valid() && linuxPid != 0 && strace.Attach(linuxPid, kFileSyscalls, trace);
+    if (go) ::SetEvent(go.get());
+    if (child.Valid()) child.Wait(10000);
+    strace.Detach();
+    if (!attached) return 0;
+    // The deletion asks the server more than one thing; its own request is the one that the
+    // process makes nowhere else.
+    auto codeOf = [](const std::string& bytes) {
+        uint32_t code = 0;
+        if (bytes.size() >= 4) std::memcpy(&code, bytes.data(), sizeof(code));
+        return code;
+    };
+    std::map<uint32_t, unsigned> made, between;
+    DWORD marker = 0;
+    for (const Strace::Call& call : Strace::ReadCalls(trace)) {
+        if (call.bytes == "before" || call.bytes == "after") {
+            marker = call.bytes == "before" ? call.tid : 0;
+            continue;
+        }
+        if (call.name != "write" && call.name != "writev") continue;
+        ++made[codeOf(call.bytes)];
+        if (call.tid == marker) ++between[codeOf(call.bytes)];
+    }
+    std::vector<uint32_t> own;
+    for (const auto& [code, count] : between)
+        if (made[code] == count) own.push_back(code);
+    return own.size() == 1 ? own[0] : 0;
+}
+
+// What a call did to the credential files, or nothing: the service's own writes and flushes of
+// them, and its requests to the Wine server that name one (open, create, rename, delete by name)
+// or delete one through its handle.
+std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
+    if (call.path.find("/Kel/Tarrow/") != std::string::npos) return call.name + " " + Leaf(call.path);
+    if (call.name != "write" && call.name != "writev") return {};
+    static const std::string folder = Utf16("\\Kel\\Tarrow\\");
+    if (const size_t at = call.bytes.find(folder); at != std::string::npos) {
+        std::string name;
+        // The name runs on into whatever the request carries after it.
+        for (size_t i = at + folder.size(); i + 1 < call.bytes.size() && call.bytes[i + 1] == '\0' &&
+                                            (std::isalnum(static_cast<unsigned char>(call.bytes[i])) || call.bytes[i] == '.');
+             i += 2)
+            name += call.bytes[i];
+        return "request naming " + name;
+    }
+    uint32_t code = 0;
+    if (call.bytes.size() >= 4) std::memcpy(&code, call.bytes.data(), sizeof(code));
+    return deleteCode != 0 && code == deleteCode ? "request deleting through a handle" : std::string();
+}
+
+// Every file step of the recording, and the call of the same thread right after each (the step
+// done, its answer not yet used), each once.
+std::vector<Step> PlanFileSteps(const std::vector<Strace::Call>& calls, const std::vector<DWORD>& threads,
+                                uint32_t deleteCode) {
+    std::vector<Step> steps;
+    std::set<std::tuple<std::string, unsigned, int>> planned;
+    auto plan = [&](const Strace::Call& call, const std::string& what) {
+        const auto found = std::find(threads.begin(), threads.end(), call.tid);
+        const int thread = found == threads.end() ? -1 : static_cast<int>(found - threads.begin());
+        if (planned.insert({call.name, call.n, thread}).second) steps.push_back({call.name, call.n, thread, what});
+    };
+    for (size_t i = 0; i < calls.size(); ++i) {
+        const std::string what = FileStep(calls[i], deleteCode);
+        if (what.empty()) continue;
+        plan(calls[i], what);
+        for (size_t next = i + 1; next < calls.size(); ++next)
+            if (calls[next].tid == calls[i].tid) {
+                plan(calls[next], "after " + what);
+                break;
+            }
+    }
+    return steps;
 }
 
 }  // namespace
+
+int RunDeleteCalibration() {
+    NS_Utils::UniqueHandle go(::OpenEventW(SYNCHRONIZE, FALSE, kCalibrateEvent));
+    if (!go || ::WaitForSingleObject(go.get(), 15000) != WAIT_OBJECT_0) return 1;
+    NS_Utils::UniqueHandle file(::CreateFileW((std::wstring(kInstallFolder) + L"calibrate.tmp").c_str(),
+                                              GENERIC_WRITE | DELETE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    auto mark = [&](const char* text) {
+        OVERLAPPED at0{};
+        DWORD written = 0;
+        return ::WriteFile(file.get(), text, static_cast<DWORD>(std::strlen(text)), &written, &at0) != FALSE;
+    };
+    return file && mark("before") && NS_SHAREDID_UTILS::DeleteThroughHandle(file.get()) && mark("after") ? 0 : 1;
+}
 
 int RunCrashSweep(const Options& options) {
     std::printf("crash sweep: %lu steps at most (0: all), shard %lu of %lu\n", options.steps, options.shard + 1,
@@ -349,25 +446,31 @@ int RunCrashSweep(const Options& options) {
     NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Settings::kFreeSharedIdWaitTime.key,
                                  NS_Settings::kFreeSharedIdWaitTime.valueName, 1000);
 
-    const RunResult recording = RunOnce(0, {});
-    const std::map<std::string, unsigned> most = Strace::MostCallsPerThread(kTraceFile);
-    std::printf("  recording run          %.1f s, %u violations\n", recording.seconds,
-                static_cast<unsigned>(recording.violations.size()));
-    for (const auto& [syscall, count] : most) std::printf("    %-10s at most %u calls in one thread\n", syscall.c_str(), count);
-    std::printf("    calls on credential files: %u\n", Strace::CallsOnFolder(kTraceFile, "/Kel/Tarrow/"));
+    const uint32_t deleteCode = DeleteRequestCode();
+    if (deleteCode == 0)
+        std::printf("  the Wine server's delete request could not be learnt: deletes through a handle are not swept\n");
+    std::vector<DWORD> threads;
+    const RunResult recording = RunOnce(0, {}, &threads);
+    const std::vector<Strace::Call> calls = Strace::ReadCalls(kTraceFile);
+    const std::vector<Step> plan = PlanFileSteps(calls, threads, deleteCode);
+    const auto late = std::count_if(plan.begin(), plan.end(), [](const Step& s) { return s.thread < 0; });
+    std::printf("  recording run          %.1f s, %u violations, %zu calls traced, %zu threads at the attach\n",
+                recording.seconds, static_cast<unsigned>(recording.violations.size()), calls.size(), threads.size());
+    std::printf("  file steps, each with the call right after it: %zu (%ld in threads started later, killed at\n"
+                "  that call of whichever thread reaches it first)\n", plan.size(), static_cast<long>(late));
     for (const std::string& v : recording.violations) std::printf("    violation: %s\n", v.c_str());
 
     std::vector<Step> steps;
-    const std::vector<Step> plan = PlanSteps(most, options.steps);
-    for (size_t i = options.shard; i < plan.size(); i += options.shards) steps.push_back(plan[i]);
+    const std::vector<Step> limited = Spread(plan, options.steps);
+    for (size_t i = options.shard; i < limited.size(); i += options.shards) steps.push_back(limited[i]);
     unsigned long violations = recording.violations.size(), killed = 0;
     unsigned run = 1;
     for (const Step& step : steps) {
         const RunResult result = RunOnce(run++, step);
         killed += result.restarts > 0;
         violations += result.violations.size();
-        std::printf("  %-8s %4u  %5.1f s  %s\n", step.syscall.c_str(), step.n, result.seconds,
-                    result.restarts ? "killed" : "not reached");
+        std::printf("  %-8s %4u thread %2d  %5.1f s  %-11s %s\n", step.syscall.c_str(), step.n, step.thread,
+                    result.seconds, result.restarts ? "killed" : "not reached", step.what.c_str());
         for (const std::string& v : result.violations) std::printf("    violation: %s\n", v.c_str());
         std::fflush(stdout);
     }
@@ -375,7 +478,7 @@ int RunCrashSweep(const Options& options) {
     std::printf("  steps swept            %zu (the service killed in %lu)\n", steps.size(), killed);
     std::printf("  violations             %lu\n", violations);
     std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
-    const bool ok = violations == 0 && !most.empty();
+    const bool ok = violations == 0 && !plan.empty();
     std::printf("crash sweep: %s\n", ok ? "passed" : "FAILED");
     return ok ? 0 : 1;
 }

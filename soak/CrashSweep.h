@@ -10,5 +10,7 @@ namespace soak {
 
 // --steps N: at most N steps, spread over the whole workload (0: every step).
 int RunCrashSweep(const Options& options);
+// The process that shows the sweep which Wine server request deletes a file through its handle.
+int RunDeleteCalibration();
 
 }  // namespace soak

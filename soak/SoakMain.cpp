@@ -5,7 +5,7 @@
 //   tarrow_soak parser     [--seed N] [--files 1000000] [--batch 1000]
 //   tarrow_soak crash-sweep [--steps N]: the service killed at each file step of a workload
 //   tarrow_soak all        [any of the options above]: the first three in turn
-// The modes holder, hostile-client, idle and exit are the processes the soak starts itself.
+// The modes holder, hostile-client, idle, exit and calibrate are the processes the soak starts itself.
 
 #include "soak/CrashSweep.h"
 #include "soak/HostileCalls.h"
@@ -28,6 +28,7 @@ int wmain(int argc, wchar_t** argv) {
     if (mode == L"hostile-client") return soak::RunHostileClient(options);
     if (mode == L"idle") return ::Sleep(INFINITE), 0;
     if (mode == L"exit") return 0;
+    if (mode == L"calibrate") return soak::RunDeleteCalibration();
     if (!options.words.empty()) {
         std::fprintf(stderr, "tarrow_soak: unknown argument %ls\n", options.words[0].c_str());
         return 100;

@@ -50,6 +50,33 @@ bool RunShell(const std::string& command) {
 
 bool Exists(DWORD linuxPid) { return !ReadWhole(ProcPath(linuxPid, L"cmdline")).empty(); }
 
+// The bytes of the C strings strace printed on a line (escaped as -xx prints them).
+std::string QuotedBytes(const std::string& line) {
+    std::string bytes;
+    bool inside = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (!inside) {
+            inside = c == '"';
+            continue;
+        }
+        if (c == '"') {
+            inside = false;
+        } else if (c != '\\' || i + 1 >= line.size()) {
+            bytes += c;
+        } else if (line[i + 1] == 'x' && i + 3 < line.size()) {
+            bytes += static_cast<char>(std::strtoul(line.substr(i + 2, 2).c_str(), nullptr, 16));
+            i += 3;
+        } else {
+            static const std::string kFrom = "ntrvf", kTo = "\n\t\r\v\f";
+            const size_t known = kFrom.find(line[i + 1]);
+            bytes += known == std::string::npos ? line[i + 1] : kTo[known];
+            ++i;
+        }
+    }
+    return bytes;
+}
+
 DWORD TracerOf(const std::wstring& statusPath) {
     const std::string status = ReadWhole(statusPath), key = "TracerPid:";
     const size_t at = status.find(key);
@@ -91,18 +118,39 @@ DWORD Strace::LinuxPid(const std::wstring& exeName) {
     return 0;
 }
 
+DWORD Strace::CurrentLinuxThread() {
+    return std::strtoul(ReadWhole(L"Z:\\proc\\thread-self\\stat").c_str(), nullptr, 10);
+}
+
+std::vector<DWORD> Strace::Threads(DWORD linuxPid) {
+    std::vector<DWORD> threads;
+    WIN32_FIND_DATAW found;
+    NS_Utils::UniqueFindHandle search(::FindFirstFileW((ProcPath(linuxPid, L"task\\") + L"*").c_str(), &found));
+    if (!search) return threads;
+    do {
+        if (found.cFileName[0] >= L'0' && found.cFileName[0] <= L'9')
+            threads.push_back(std::wcstoul(found.cFileName, nullptr, 10));
+    } while (::FindNextFileW(search.get(), &found));
+    // Linux hands out ids in rising order: the oldest thread has the lowest.
+    std::sort(threads.begin(), threads.end());
+    return threads;
+}
+
 bool Strace::Attach(DWORD linuxPid, const std::string& syscalls, const std::wstring& traceFile,
-                    const std::string& killSyscall, unsigned killAt) {
+                    const std::string& killSyscall, unsigned killAt, DWORD onlyThread) {
     Detach();
     const std::wstring pidFile = L"C:\\TarrowSoak\\strace.pid";
     ::DeleteFileW(pidFile.c_str());
-    std::string command = "strace -f -qq -y -p " + std::to_string(linuxPid) + " -e trace=" + syscalls;
+    std::string command = std::string(onlyThread ? "strace" : "strace -f") + " -qq -y -xx -s 4096 -p " +
+                          std::to_string(onlyThread ? onlyThread : linuxPid) + " -e trace=" + syscalls;
     if (killAt > 0) command += " -e inject=" + killSyscall + ":signal=SIGKILL:when=" + std::to_string(killAt);
     command += " -o " + (traceFile.empty() ? std::string("/dev/null") : LinuxPath(traceFile));
     command += " 2>/dev/null & echo $! > " + LinuxPath(pidFile);
     if (!RunShell(command)) return false;
     if (!testsupport::WaitUntil([&] { return std::atoi(ReadWhole(pidFile).c_str()) > 0; }, 10000)) return false;
     m_stracePid = static_cast<DWORD>(std::atoi(ReadWhole(pidFile).c_str()));
+    if (onlyThread)
+        return testsupport::WaitUntil([&] { return TracerOf(ProcPath(onlyThread, L"status")) == m_stracePid; }, 10000);
     return testsupport::WaitUntil([&] { return AllThreadsTracedBy(linuxPid, m_stracePid); }, 10000);
 }
 
@@ -130,6 +178,31 @@ std::map<std::string, unsigned> Strace::MostCallsPerThread(const std::wstring& t
     std::map<std::string, unsigned> most;
     for (const auto& [key, count] : perThread) most[key.second] = std::max(most[key.second], count);
     return most;
+}
+
+std::vector<Strace::Call> Strace::ReadCalls(const std::wstring& traceFile) {
+    std::vector<Call> calls;
+    std::map<std::pair<DWORD, std::string>, unsigned> counts;
+    std::istringstream lines(ReadWhole(traceFile));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t space = line.find(' ');
+        if (space == std::string::npos) continue;
+        const size_t name = line.find_first_not_of(' ', space), paren = line.find('(', name);
+        if (name == std::string::npos || paren == std::string::npos || line[name] == '<' || line[name] == '+' ||
+            line[name] == '-')
+            continue;
+        Call call;
+        call.tid = std::strtoul(line.c_str(), nullptr, 10);
+        call.name = line.substr(name, paren - name);
+        call.n = ++counts[{call.tid, call.name}];
+        // "name(13</path/of/the/file>, ..." with -y.
+        const size_t open = line.find('<', paren), close = line.find('>', open == std::string::npos ? paren : open);
+        if (open != std::string::npos && close != std::string::npos && line.find_first_not_of("0123456789", paren + 1) == open)
+            call.path = QuotedBytes("\"" + line.substr(open + 1, close - open - 1) + "\"");
+        call.bytes = QuotedBytes(line.substr(paren));
+        calls.push_back(std::move(call));
+    }
+    return calls;
 }
 
 unsigned Strace::CallsOnFolder(const std::wstring& traceFile, const std::string& folder) {
