@@ -1,36 +1,16 @@
 #pragma once
-// An owner-drawn list box whose items carry a key into a map of rows as their data and the row's
+// An owner-drawn list box whose items carry a row's key (LeaseRows) as their data and the row's
 // text as their string (LBS_HASSTRINGS), so that a screen reader, or any process that sends
-// LB_GETTEXT, reads what the row shows. Keys only grow, so a key taken out of the map never
-// names a later row. The map may be used from any thread under the owner's lock; the list box
-// only from the thread that owns it.
+// LB_GETTEXT, reads what the row shows. Only the thread that owns the list box calls it.
 
 #include <windows.h>
 
-#include <map>
 #include <string>
-#include <utility>
-#include <vector>
 
-template <typename Row>
 class LBExtended {
 public:
     void Attach(HWND listBox) noexcept { m_listBox = listBox; }
     HWND ListBox() const noexcept { return m_listBox; }
-
-    int Add(Row row) {
-        int key = m_nextKey++;
-        m_rows.emplace(key, std::move(row));
-        return key;
-    }
-    Row Find(int key) const {
-        auto it = m_rows.find(key);
-        return it == m_rows.end() ? Row{} : it->second;
-    }
-    bool Erase(int key) { return m_rows.erase(key) > 0; }
-    void Clear() { m_rows.clear(); }
-    bool Empty() const noexcept { return m_rows.empty(); }
-    std::vector<std::pair<int, Row>> Rows() const { return {m_rows.begin(), m_rows.end()}; }
 
     LRESULT Append(int key, const std::wstring& text) const {
         LRESULT index = Send(LB_INSERTSTRING, static_cast<WPARAM>(-1), reinterpret_cast<LPARAM>(text.c_str()));
@@ -77,7 +57,5 @@ private:
         return m_listBox ? ::SendMessageW(m_listBox, message, wParam, lParam) : LB_ERR;
     }
 
-    std::map<int, Row> m_rows;
-    int m_nextKey = 0;
     HWND m_listBox = nullptr;
 };

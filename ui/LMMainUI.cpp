@@ -42,10 +42,6 @@ std::wstring Message(const wchar_t* key) {
     return text;
 }
 
-std::wstring Labelled(const std::wstring& label, const std::wstring& value) {
-    return label.empty() ? value : label + L": " + value;
-}
-
 // The window's DPI: GetDpiForWindow where the system has it (Windows 10 1607 and later), looked up
 // at run time so that the program still starts where it is missing; the DPI of the window's
 // screen otherwise.
@@ -79,7 +75,7 @@ void MoveIntoWorkArea(HWND dialog, POINT corner, HMONITOR monitor, HWND insertAf
 }  // namespace
 
 LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
-    : m_callbacks(std::move(callbacks)), m_graceSeconds(GetWaitingTimeToKillProcess()) {
+    : m_callbacks(std::move(callbacks)), m_rows(m_callbacks.now, GetWaitingTimeToKillProcess()) {
     m_startedEvent.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     EnsureUIThread();
 }
@@ -125,11 +121,8 @@ unsigned __stdcall LMMainUI::ThreadProc(void* param) {
         return 1;
     }
     self->RunUI(dialog.get());
-    {
-        NS_Utils::CritSecGuard guard(self->m_lock);
-        self->m_rows.Attach(nullptr);
-        self->m_rows.Clear();
-    }
+    self->m_list.Attach(nullptr);
+    self->m_rows.Clear();
     self->m_dialog = nullptr;
     self->m_parent = nullptr;
     return 0;
@@ -151,11 +144,8 @@ void LMMainUI::RunUI(HWND dialog) {
 
 bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog) {
     if (!CreateParentWindow(parent) || !CreateDialogWindow(parent.get(), dialog)) return false;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        m_rows.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
-    }
-    m_layout = MeasureRowLayout(m_rows.ListBox());
+    m_list.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
+    m_layout = MeasureRowLayout(m_list.ListBox());
     NS_Log::Log(3, L"[LMMainUI::InitInstance]", L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
                                 std::to_wstring(m_layout.height) + L" px");
     SetTexts(dialog.get());
@@ -197,9 +187,8 @@ void LMMainUI::SetTexts(HWND dialog) {
         ::SetWindowTextW(text, Message(L"DIALOG_CONTENT_LEASE_EXPIRY").c_str());
     else
         NS_Log::Log(2, L"[LMMainUI::InitInstance]", L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
-    m_processLabel = Message(L"LEASE_EXPIRY_PROCESS");
-    m_timeLabel = Message(L"LEASE_EXPIRY_TIME");
-    m_remainLabel = Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN");
+    m_rows.SetLabels({Message(L"LEASE_EXPIRY_PROCESS"), Message(L"LEASE_EXPIRY_TIME"),
+                      Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN")});
 }
 
 // The dialog's top-left corner goes to (500, 700), pulled back as far as needed to keep the whole
@@ -216,9 +205,9 @@ void LMMainUI::OnDpiChanged(HWND dialog) {
     ::GetWindowRect(dialog, &window);
     MoveIntoWorkArea(dialog, {window.left, window.top}, ::MonitorFromWindow(dialog, MONITOR_DEFAULTTONEAREST), nullptr,
                      SWP_NOZORDER);
-    HWND list = m_rows.ListBox();
+    HWND list = m_list.ListBox();
     m_layout = MeasureRowLayout(list);
-    m_rows.SetItemHeights(m_layout.height);
+    m_list.SetItemHeights(m_layout.height);
     ::InvalidateRect(list, nullptr, TRUE);
     NS_Log::Log(3, L"[LMMainUI::OnDpiChanged]", L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " +
                                 std::to_wstring(m_layout.height) + L" px");
@@ -296,107 +285,66 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
 void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
     NS_Log::Log(3, L"[LMMainUI::ShowProcessInfo]", L"\t About to add item and show window");
     EnsureUIThread();
-    // Made before the lock is taken: it looks at the holder's windows.
-    auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, Now() + m_graceSeconds);
-    int key;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        // A holder that registers while the lease monitor lists the credential's holders is
-        // reported twice, by the listener and in the list: it keeps one row.
-        if (FindRowKey(processId, credential) >= 0) return;
-        if (auto first = FirstRowOf(credential)) made->ShareEndTime(*first);
-        key = m_rows.Add(std::move(made));
-    }
+    int key = m_rows.Add(processId, std::move(process), credential);
+    if (key < 0) return;
     HWND dialog = m_dialog;
     if (!dialog || !::PostMessageW(dialog, kMsgRowAdded, static_cast<WPARAM>(key), 0))
         NS_Log::Log(1, L"[LMMainUI::ShowProcessInfo]", L"\t Cannot list the row. PID = " + std::to_wstring(processId));
 }
 
-__time64_t LMMainUI::Now() const { return m_callbacks.now ? m_callbacks.now() : _time64(nullptr); }
-
-int LMMainUI::FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const {
-    m_lock.CheckHeld(L"[LMMainUI::FindRowKey]\t the rows read without the row lock");
-    for (const auto& [key, row] : m_rows.Rows())
-        if (row->GetProcessId() == processId && row->IsFor(credential)) return key;
-    return -1;
-}
-
-std::shared_ptr<ProcessInfo> LMMainUI::FirstRowOf(const std::weak_ptr<CSharedId>& credential) const {
-    m_lock.CheckHeld(L"[LMMainUI::FirstRowOf]\t the rows read without the row lock");
-    for (const auto& [key, row] : m_rows.Rows())
-        if (row->IsFor(credential)) return row;
-    return nullptr;
-}
-
 void LMMainUI::ListRow(int key) {
     m_uiThread.Check(kListBoxOffThread);
-    std::shared_ptr<ProcessInfo> row;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        row = m_rows.Find(key);
-    }
+    std::shared_ptr<ProcessInfo> row = m_rows.Find(key);
     if (!row) return;
-    // The text is made without the row lock: it asks the lease monitor's clock.
-    std::wstring text = RowText(*row);
-    NS_Utils::CritSecGuard guard(m_lock);
+    std::wstring text = m_rows.Text(*row);
     // Removed meanwhile: its removal, posted after this, finds nothing to take off the list.
     if (!m_rows.Find(key)) return;
-    m_rows.Append(key, text);
-    if (m_rows.Count() != 1) return;
+    m_list.Append(key, text);
+    if (m_list.Count() != 1) return;
     NS_Log::Log(3, L"[LMMainUI::ListRow]", L"\t Showing the window ");
     ::ShowWindow(m_dialog, SW_SHOWNORMAL);
 }
 
 void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
-    int key;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        key = FindRowKey(processId, credential);
-        if (key < 0) {
-            NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
-                L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
-                    std::to_wstring(processId));
-            return;
-        }
-        if (!credential.lock())
-            NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
-                L"\t could not lock the shared id object that is being released by process with PID = " +
-                    std::to_wstring(processId));
-        m_rows.Erase(key);
+    int key = m_rows.Remove(processId, credential);
+    if (key < 0) {
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
+            L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
+                std::to_wstring(processId));
+        return;
     }
+    if (!credential.lock())
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
+            L"\t could not lock the shared id object that is being released by process with PID = " +
+                std::to_wstring(processId));
     HWND dialog = m_dialog;
     if (dialog) ::PostMessageW(dialog, kMsgRowRemoved, static_cast<WPARAM>(key), static_cast<LPARAM>(processId));
 }
 
 void LMMainUI::UnlistRow(int key, DWORD processId) {
     m_uiThread.Check(kListBoxOffThread);
-    NS_Utils::CritSecGuard guard(m_lock);
-    LRESULT index = m_rows.IndexOf(key);
+    LRESULT index = m_list.IndexOf(key);
     if (index == LB_ERR) {
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Finding the item on the Lease Expiry UI failed. nRet = " +
                                          std::to_wstring(index) + L". PID = " + std::to_wstring(processId));
         return;
     }
-    if (m_rows.Delete(index) == LB_ERR)
+    if (m_list.Delete(index) == LB_ERR)
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
-    else if (!::InvalidateRect(m_rows.ListBox(), nullptr, TRUE))
+    else if (!::InvalidateRect(m_list.ListBox(), nullptr, TRUE))
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
             L"\t Updating lease expiry UI for the removal of an item failed. PID = " + std::to_wstring(processId));
 }
 
 void LMMainUI::CheckItemsOnList() {
     m_uiThread.Check(kListBoxOffThread);
-    std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        rows = m_rows.Rows();
-    }
+    const auto rows = m_rows.Rows();
     NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Going to check all the items on the list.");
     NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
     // The registry's callbacks are asked without the row lock, so that no lock order between
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
-    const __time64_t now = Now();
+    const __time64_t now = m_rows.Now();
     for (const auto& [key, row] : rows) {
         if (!IsProcessMonitored(*row)) {
             TakeOffList(key, row->GetProcessId());
@@ -425,18 +373,16 @@ void LMMainUI::CheckItemsOnList() {
 void LMMainUI::TakeOffList(int key, DWORD processId) {
     NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]", L"\t the process with pid = " + std::to_wstring(processId) +
                                     L" is not being monitored anymore - taking it off the list");
-    NS_Utils::CritSecGuard guard(m_lock);
-    LRESULT index = m_rows.IndexOf(key);
+    LRESULT index = m_list.IndexOf(key);
     m_rows.Erase(key);
-    if (index == LB_ERR || m_rows.Delete(index) == LB_ERR)
+    if (index == LB_ERR || m_list.Delete(index) == LB_ERR)
         NS_Log::Log(2, L"[LMMainUI::CheckItemsOnList]", L"\t Could not remove item from the list.");
 }
 
 void LMMainUI::RefreshList() {
-    NS_Utils::CritSecGuard guard(m_lock);
     // Every row's countdown moves on, so the whole list is drawn again.
-    ::InvalidateRect(m_rows.ListBox(), nullptr, TRUE);
-    ::UpdateWindow(m_rows.ListBox());
+    ::InvalidateRect(m_list.ListBox(), nullptr, TRUE);
+    ::UpdateWindow(m_list.ListBox());
     ::UpdateWindow(m_dialog);
     // The map, not the list box: a removal posted by another thread may not have reached it yet.
     if (m_rows.Empty()) ::ShowWindow(m_dialog, SW_HIDE);
@@ -471,16 +417,10 @@ void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
 // title changes), so that what a screen reader reads is what the row shows.
 void LMMainUI::UpdateRowTexts() {
     m_uiThread.Check(kListBoxOffThread);
-    std::vector<std::pair<int, std::shared_ptr<ProcessInfo>>> rows;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        rows = m_rows.Rows();
-    }
-    std::map<int, std::wstring> texts;
-    for (const auto& [key, row] : rows) texts.emplace(key, RowText(*row));
-    for (LRESULT index = 0, count = m_rows.Count(); index < count; ++index) {
-        auto text = texts.find(m_rows.KeyAt(index));
-        if (text != texts.end() && m_rows.TextAt(index) != text->second) m_rows.SetText(index, text->second);
+    const std::map<int, std::wstring> texts = m_rows.Texts();
+    for (LRESULT index = 0, count = m_list.Count(); index < count; ++index) {
+        auto text = texts.find(m_list.KeyAt(index));
+        if (text != texts.end() && m_list.TextAt(index) != text->second) m_list.SetText(index, text->second);
     }
 }
 
@@ -492,11 +432,7 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
         ::DrawFocusRect(item.hDC, &item.rcItem);
         return;
     }
-    std::shared_ptr<ProcessInfo> row;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        row = m_rows.Find(static_cast<int>(item.itemData));
-    }
+    std::shared_ptr<ProcessInfo> row = m_rows.Find(static_cast<int>(item.itemData));
     const bool selected = (item.itemState & ODS_SELECTED) != 0;
     ::FillRect(item.hDC, &item.rcItem, ::GetSysColorBrush(selected ? COLOR_HIGHLIGHT : COLOR_WINDOW));
     if (!row) return;
@@ -510,7 +446,7 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
     rc.right -= layout.margin;
     rc.top += std::max(0, (rowHeight - 2 * layout.lineHeight) / 2);
     // The item's own string: what is drawn is what a screen reader reads.
-    std::wstring text = m_rows.TextAt(static_cast<LRESULT>(item.itemID));
+    std::wstring text = m_list.TextAt(static_cast<LRESULT>(item.itemID));
     ::SetBkMode(item.hDC, TRANSPARENT);
     ::SetTextColor(item.hDC, ::GetSysColor(selected ? COLOR_HIGHLIGHTTEXT : COLOR_WINDOWTEXT));
     // A line at a time, each cut with an ellipsis: a long window title wrapped onto a second line
@@ -524,20 +460,6 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
     if (item.itemState & ODS_FOCUS) ::DrawFocusRect(item.hDC, &item.rcItem);
     NS_Log::Log(4, L"[LMMainUI::DrawItem]", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
                             L". Text content: " + text);
-}
-
-std::wstring LMMainUI::RowText(const ProcessInfo& row) const {
-    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(Now()));
-    if (!m_remainLabel.empty()) remaining += L" " + m_remainLabel;
-    return Labelled(m_processLabel, row.DisplayName()) + L"\n" + Labelled(m_timeLabel, remaining);
-}
-
-std::vector<LMListedRow> LMMainUI::ListedRows() const {
-    std::vector<LMListedRow> listed;
-    NS_Utils::CritSecGuard guard(m_lock);
-    for (const auto& [key, row] : m_rows.Rows())
-        listed.push_back({row->GetProcessId(), row->GetCredential(), row->GetEndTime()});
-    return listed;
 }
 
 void LMMainUI::SetCredentialsHeld(bool held) {

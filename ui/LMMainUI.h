@@ -4,13 +4,16 @@
 // countdown each, and reports back through the lease monitor's callbacks when a row's time is
 // over or when the Windows session ends.
 //
+// The rows themselves, their moments and their texts are LeaseRows'; this class keeps the window
+// showing them and forwards.
+//
 // Threads: construction and destruction on the owner's thread, never on the UI thread, which the
 // destructor waits for; ShowProcessInfo from the lease monitor's poller and the COM thread;
 // RemoveProcessInfo from the COM thread; SetCredentialsHeld from the COM thread and the
 // collector's worker (the registry's wait callbacks never reach the window); ListedRows from the
-// COM thread for the status view; the window, its timer and the callbacks onExpiryPassed and
-// onSessionEnd on the UI thread. The row list is guarded by the controller's lock; no lock of the
-// registry is held while the window is called.
+// COM thread for the status view; the window, its list box, its timer and the callbacks
+// onExpiryPassed and onSessionEnd on the UI thread. The rows are guarded by LeaseRows' own lock;
+// no lock of the registry is held while the window is called.
 
 #include "common/CriticalSection.h"
 #include "common/ThreadRule.h"
@@ -18,6 +21,7 @@
 #include "sharedid/ListedRow.h"
 #include "sharedid/SharedId.h"
 #include "ui/LBExtended.h"
+#include "ui/LeaseRows.h"
 #include "ui/ProcessInfo.h"
 #include "ui/UiHandles.h"
 
@@ -59,22 +63,16 @@ public:
     // Windows lists the service at logoff with a reason instead of ending it unasked.
     void SetCredentialsHeld(bool held);
     // The rows listed now, copied under the row lock; any thread.
-    std::vector<LMListedRow> ListedRows() const;
+    std::vector<LMListedRow> ListedRows() const { return m_rows.Listed(); }
 
     // "WaitingTimeToKillProcess" in seconds, 120 when it cannot be read.
     static unsigned GetWaitingTimeToKillProcess();
 
 private:
-    using Rows = LBExtended<std::shared_ptr<ProcessInfo>>;
-
     static unsigned __stdcall ThreadProc(void* self);
     static LRESULT CALLBACK ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
     static INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
 
-    __time64_t Now() const;
-    // Under the row lock; a key below 0 when there is none.
-    int FindRowKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const;
-    std::shared_ptr<ProcessInfo> FirstRowOf(const std::weak_ptr<CSharedId>& credential) const;
     void EnsureUIThread();
     [[nodiscard]] bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
     [[nodiscard]] bool CreateParentWindow(NS_Utils::UniqueWindow& parent);
@@ -93,14 +91,13 @@ private:
     bool IsProcessMonitored(const ProcessInfo& row) const;
     void MeasureItem(MEASUREITEMSTRUCT& item) const;
     void DrawItem(const DRAWITEMSTRUCT& item);
-    std::wstring RowText(const ProcessInfo& row) const;
     void UpdateRowTexts();
     void ApplyShutdownBlockReason(bool held);
     void ReportSessionEnd();
     void OnSessionEnd();
 
     LMMainUICallbacks m_callbacks;
-    unsigned m_graceSeconds;
+    LeaseRows m_rows;
     NS_Utils::UniqueHandle m_startedEvent;
     NS_Utils::CriticalSection m_threadLock;
     NS_Utils::UniqueHandle m_thread;
@@ -109,8 +106,8 @@ private:
     NS_Utils::ThreadRule m_uiThread;
     std::atomic<HWND> m_parent{nullptr};
     std::atomic<HWND> m_dialog{nullptr};
-    mutable NS_Utils::CriticalSection m_lock;
-    Rows m_rows;
+    // The rows' keys and texts as the window lists them.
+    LBExtended m_list;
     std::atomic<bool> m_credentialsHeld{false};
     std::atomic<bool> m_sessionEndReported{false};
     // Sizes of a row in pixels, measured from the list's DPI and font; UI thread only.
@@ -122,8 +119,4 @@ private:
     };
     static RowLayout MeasureRowLayout(HWND listBox);
     RowLayout m_layout;
-    // Read on the UI thread when the windows are made.
-    std::wstring m_processLabel;
-    std::wstring m_timeLabel;
-    std::wstring m_remainLabel;
 };

@@ -17,11 +17,6 @@ namespace {
 constexpr __time64_t kNow = 1893456000;  // 20300101T000000Z
 constexpr const wchar_t* kStale = L"before time period of monitoring";
 
-std::wstring Shown(DWORD pid) {
-    return L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t Adding to UI process with Id = " + std::to_wstring(pid) +
-           L"\r\n";
-}
-
 // This process's lease-expiry window, or none.
 HWND LeaseDialog() {
     struct Search {
@@ -39,6 +34,13 @@ HWND LeaseDialog() {
         },
         reinterpret_cast<LPARAM>(&search));
     return search.dialog;
+}
+
+// The processes the window lists, in the order their rows appeared.
+std::vector<DWORD> ListedPids(const CLeaseMonitor& lease) {
+    std::vector<DWORD> pids;
+    for (const LMListedRow& row : lease.ListedRows()) pids.push_back(row.processId);
+    return pids;
 }
 
 // Rows in this process's lease-expiry window, -1 while there is no window.
@@ -77,31 +79,37 @@ protected:
     std::shared_ptr<CLeaseMonitor> lease;
 };
 
+// The stale lease first, then the due ones by expiry, equal expiries in registration order.
 TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     ChildProcess later = Hold(L"later", kNow + 61 * 60), soon = Hold(L"soon", kNow + 60 * 60);
     ChildProcess low = Hold(L"low", kNow - 3600), stale = Hold(L"stale", kNow - 7200);
     ChildProcess first = Hold(L"first", kNow), second = Hold(L"second", kNow);
-    ChildProcess unparsable = Hold(L"unparsable", L"tomorrow");
-    CSharedId stored;
-    ASSERT_TRUE(Registered(Credential(L"unparsable"), &stored));
-    EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800)) << "the record agrees with the map";
     const size_t staleLines = CountInServiceLog(kStale);
 
     lease->Poll(1);
-    for (const ChildProcess* shown : {&soon, &low, &stale, &first, &second})
-        EXPECT_EQ(CountInServiceLog(Shown(shown->Id())), 1u) << shown->Id();
-    EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 0u);
-    EXPECT_EQ(CountInServiceLog(Shown(unparsable.Id())), 0u);
+    std::vector<DWORD> shown{stale.Id(), low.Id(), first.Id(), second.Id(), soon.Id()};
+    EXPECT_EQ(ListedPids(*lease), shown);
     EXPECT_EQ(CountInServiceLog(kStale), staleLines + 1);
-    const std::wstring log = ServiceLogText();
-    EXPECT_LT(log.find(Shown(first.Id())), log.find(Shown(second.Id()))) << "equal expiries in registration order";
-    EXPECT_EQ(lease->PendingCount(), 2u);
+    EXPECT_EQ(lease->PendingCount(), 1u);
 
     now += 60;
     lease->Poll(2);
-    EXPECT_EQ(CountInServiceLog(Shown(later.Id())), 1u);
-    EXPECT_EQ(CountInServiceLog(Shown(soon.Id())), 1u) << "each registration is shown once";
-    EXPECT_EQ(lease->PendingCount(), 1u);
+    shown.push_back(later.Id());
+    EXPECT_EQ(ListedPids(*lease), shown) << "each registration is shown once";
+    EXPECT_EQ(lease->PendingCount(), 0u);
+}
+
+TEST_F(LeaseTest, AnUnreadableExpiryIsTheDefaultDurationFromNowInTheRecordToo) {
+    ChildProcess unparsable = Hold(L"unparsable", L"tomorrow");
+    CSharedId stored;
+    ASSERT_TRUE(Registered(Credential(L"unparsable"), &stored));
+    EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800));
+    now += 28800 - 3600 - 1;
+    lease->Poll(1);
+    EXPECT_TRUE(ListedPids(*lease).empty());
+    now += 1;
+    lease->Poll(2);
+    EXPECT_EQ(ListedPids(*lease), std::vector<DWORD>{unparsable.Id()});
 }
 
 // Stale: before now - delta; due: from now - delta up to now + delta. A negative delta makes
@@ -123,10 +131,10 @@ TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
             credential.SetLeaseExpiry(TimeToExpiryText(kNow + offset));
             ASSERT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
         }
-        const size_t staleBefore = CountInServiceLog(kStale), shownBefore = CountInServiceLog(Shown(holder.Id()));
+        const size_t staleBefore = CountInServiceLog(kStale);
         lease->Poll(1);
         EXPECT_EQ(CountInServiceLog(kStale) - staleBefore, stale) << delta;
-        EXPECT_EQ(CountInServiceLog(Shown(holder.Id())) - shownBefore, stale + due) << delta;
+        EXPECT_EQ(ListedPids(*lease), std::vector<DWORD>(stale + due, holder.Id())) << delta;
         EXPECT_EQ(lease->PendingCount(), 7 - stale - due) << delta;
     }
 }
@@ -161,10 +169,9 @@ TEST_F(LeaseTest, ARowIsAHolderAndItsCredentialAndCountsDownToItsEnd) {
 
     HWND dialog = nullptr;
     ASSERT_TRUE(WaitUntil([&] { return (dialog = LeaseDialog()) != nullptr; }));
-    const size_t endedBefore = CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]");
     now = end - 1;
     ::SendMessageW(dialog, WM_TIMER, 0, 0);
-    EXPECT_EQ(CountInServiceLog(L"[CLeaseMonitor::OnProcessWaitDone]"), endedBefore) << "ended before its row reached zero";
+    EXPECT_EQ(first.Wait(1000), static_cast<DWORD>(WAIT_TIMEOUT)) << "ended before its row reached zero";
     now = end;
     ::SendMessageW(dialog, WM_TIMER, 0, 0);
     for (const ChildProcess* holder : {&first, &joining}) {

@@ -8,6 +8,7 @@
 #include "common/Registry.h"
 #include "tests/support/TestSupport.h"
 #include "tests/ui/VisibleWindow.h"
+#include "ui/LMMainUIRes.h"
 #include "ui/UiHandles.h"
 
 #include <gtest/gtest.h>
@@ -20,18 +21,7 @@
 
 namespace {
 
-constexpr int kListId = 201;
-constexpr int kTextId = 202;
-
-// The item's text as another process reads it.
-std::wstring ItemText(HWND list, int index) {
-    LRESULT length = ::SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(index), 0);
-    if (length <= 0) return {};
-    std::wstring text(static_cast<size_t>(length) + 1, L'\0');
-    length = ::SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(index), reinterpret_cast<LPARAM>(text.data()));
-    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
-    return text;
-}
+using testsupport::ItemText;
 
 bool Inside(const RECT& inner, const RECT& outer) {
     return inner.left >= outer.left && inner.top >= outer.top && inner.right <= outer.right && inner.bottom <= outer.bottom;
@@ -156,7 +146,7 @@ protected:
         HWND dialog = nullptr;
         EXPECT_TRUE(testsupport::WaitUntil([&] {
             dialog = testsupport::VisibleWindowOf(m_window.Id(), L"#32770");
-            return dialog && ::SendMessageW(::GetDlgItem(dialog, kListId), LB_GETCOUNT, 0, 0) == rows;
+            return dialog && ::SendMessageW(::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST), LB_GETCOUNT, 0, 0) == rows;
         })) << "the window child showed no rows";
         return dialog;
     }
@@ -177,7 +167,7 @@ TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
         SCOPED_TRACE("at " + std::to_string(dpi) + " DPI");
         HWND dialog = ShowAt(dpi, L"--dpi-change " + std::to_wstring(m_plain.Id()) + L" " + std::to_wstring(notepad.Id()), 2);
         ASSERT_TRUE(dialog);
-        HWND list = ::GetDlgItem(dialog, kListId);
+        HWND list = ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST);
         EXPECT_EQ(ItemText(list, 0).rfind(L"Program: tarrow_testchild.exe\nCloses in: ", 0), 0u) << ItemText(list, 0).c_str();
         EXPECT_NE(ItemText(list, 1).find(L"Notepad"), std::wstring::npos) << "the program's title";
 
@@ -216,7 +206,7 @@ TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
 TEST_F(ScaleTest, KeyboardAndScreenReadersReachTheRowsAndTheirCountdown) {
     HWND dialog = ShowAt(96, std::to_wstring(m_plain.Id()), 1);
     ASSERT_TRUE(dialog);
-    HWND list = ::GetDlgItem(dialog, kListId);
+    HWND list = ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST);
     LONG_PTR style = ::GetWindowLongPtrW(list, GWL_STYLE);
     EXPECT_NE(style & LBS_HASSTRINGS, 0);
     EXPECT_EQ(::GetNextDlgTabItem(dialog, nullptr, FALSE), list) << "the list is the first tab stop";
@@ -228,13 +218,13 @@ TEST_F(ScaleTest, KeyboardAndScreenReadersReachTheRowsAndTheirCountdown) {
     ::PostMessageW(list, WM_KEYDOWN, VK_DOWN, 0);
     EXPECT_TRUE(testsupport::WaitUntil([&] { return ::SendMessageW(list, LB_GETCURSEL, 0, 0) == 0; }, 5000))
         << "the arrow keys walk the rows";
-    EXPECT_EQ(::GetWindow(list, GW_HWNDPREV), ::GetDlgItem(dialog, kTextId)) << "the explanation labels the list";
+    EXPECT_EQ(::GetWindow(list, GW_HWNDPREV), ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_TEXT)) << "the explanation labels the list";
 
     // A screen reader names a list after the static text before it; Wine 8 cannot be asked
     // (AccessibleObjectFromWindow answers E_NOINTERFACE for another process's list), so the
     // label is checked where the reader looks for it.
     wchar_t label[512] = {};
-    EXPECT_GT(::GetWindowTextW(::GetDlgItem(dialog, kTextId), label, 512), 0);
+    EXPECT_GT(::GetWindowTextW(::GetDlgItem(dialog, IDC_LEASE_EXPIRY_TEXT), label, 512), 0);
 
     // The countdown moves in the item's text, not only on the screen.
     std::wstring before = ItemText(list, 0);

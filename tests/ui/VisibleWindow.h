@@ -1,6 +1,6 @@
 #pragma once
-// Finding the lease-expiry window from a test or the window child: a visible top-level window of
-// one process, by its class and, when given, its caption.
+// Finding the lease-expiry window from a test or the window child, and reading its rows as
+// another process or a screen reader does.
 
 #include <windows.h>
 
@@ -8,6 +8,7 @@
 
 namespace testsupport {
 
+// A visible top-level window of one process, by its class and, when given, its caption.
 inline HWND VisibleWindowOf(DWORD pid, const wchar_t* windowClass, const wchar_t* caption = nullptr) {
     struct Search {
         DWORD pid;
@@ -30,6 +31,16 @@ inline HWND VisibleWindowOf(DWORD pid, const wchar_t* windowClass, const wchar_t
         return FALSE;
     }, reinterpret_cast<LPARAM>(&search));
     return search.found;
+}
+
+// The string of the list box's item at `index` (LB_GETTEXT), empty when there is none.
+inline std::wstring ItemText(HWND list, int index) {
+    LRESULT length = ::SendMessageW(list, LB_GETTEXTLEN, static_cast<WPARAM>(index), 0);
+    if (length <= 0) return {};
+    std::wstring text(static_cast<size_t>(length) + 1, L'\0');
+    length = ::SendMessageW(list, LB_GETTEXT, static_cast<WPARAM>(index), reinterpret_cast<LPARAM>(text.data()));
+    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    return text;
 }
 
 }  // namespace testsupport

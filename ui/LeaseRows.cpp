@@ -1,0 +1,109 @@
+#include "ui/LeaseRows.h"
+
+namespace {
+
+constexpr const wchar_t* kUnlocked = L"[LeaseRows]\t the rows read without the row lock";
+
+std::wstring Labelled(const std::wstring& label, const std::wstring& value) {
+    return label.empty() ? value : label + L": " + value;
+}
+
+}  // namespace
+
+LeaseRows::LeaseRows(Clock now, unsigned graceSeconds) : m_clock(std::move(now)), m_graceSeconds(graceSeconds) {}
+
+int LeaseRows::Add(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
+    // Made before the lock is taken: it looks at the holder's windows and asks the clock.
+    auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, Now() + m_graceSeconds);
+    NS_Utils::CritSecGuard guard(m_lock);
+    // A holder that registers while the lease monitor lists the credential's holders is reported
+    // twice, by the listener and in the list: it keeps one row.
+    if (FindKey(processId, credential) >= 0) return -1;
+    if (Row first = FirstRowOf(credential)) made->ShareEndTime(*first);
+    int key = m_nextKey++;
+    m_rows.emplace(key, std::move(made));
+    return key;
+}
+
+int LeaseRows::Remove(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    int key = FindKey(processId, credential);
+    if (key >= 0) m_rows.erase(key);
+    return key;
+}
+
+bool LeaseRows::Erase(int key) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    return m_rows.erase(key) > 0;
+}
+
+void LeaseRows::Clear() {
+    NS_Utils::CritSecGuard guard(m_lock);
+    m_rows.clear();
+}
+
+bool LeaseRows::Empty() const {
+    NS_Utils::CritSecGuard guard(m_lock);
+    return m_rows.empty();
+}
+
+LeaseRows::Row LeaseRows::Find(int key) const {
+    NS_Utils::CritSecGuard guard(m_lock);
+    auto it = m_rows.find(key);
+    return it == m_rows.end() ? Row{} : it->second;
+}
+
+std::vector<std::pair<int, LeaseRows::Row>> LeaseRows::Rows() const {
+    NS_Utils::CritSecGuard guard(m_lock);
+    return {m_rows.begin(), m_rows.end()};
+}
+
+std::vector<LMListedRow> LeaseRows::Listed() const {
+    std::vector<LMListedRow> listed;
+    NS_Utils::CritSecGuard guard(m_lock);
+    for (const auto& [key, row] : m_rows) listed.push_back({row->GetProcessId(), row->GetCredential(), row->GetEndTime()});
+    return listed;
+}
+
+int LeaseRows::FindKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const {
+    m_lock.CheckHeld(kUnlocked);
+    for (const auto& [key, row] : m_rows)
+        if (row->GetProcessId() == processId && row->IsFor(credential)) return key;
+    return -1;
+}
+
+LeaseRows::Row LeaseRows::FirstRowOf(const std::weak_ptr<CSharedId>& credential) const {
+    m_lock.CheckHeld(kUnlocked);
+    for (const auto& [key, row] : m_rows)
+        if (row->IsFor(credential)) return row;
+    return nullptr;
+}
+
+__time64_t LeaseRows::Now() const {
+    // The clock is the lease monitor's, whose workings the rows do not know: never asked under
+    // the row lock, so that no lock order can arise between the two.
+    m_lock.CheckNotHeld(L"[LeaseRows::Now]\t the clock asked under the row lock");
+    return m_clock ? m_clock() : _time64(nullptr);
+}
+
+void LeaseRows::SetLabels(Labels labels) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    m_labels = std::move(labels);
+}
+
+std::wstring LeaseRows::Text(const ProcessInfo& row) const {
+    Labels labels;
+    {
+        NS_Utils::CritSecGuard guard(m_lock);
+        labels = m_labels;
+    }
+    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(Now()));
+    if (!labels.remain.empty()) remaining += L" " + labels.remain;
+    return Labelled(labels.process, row.DisplayName()) + L"\n" + Labelled(labels.time, remaining);
+}
+
+std::map<int, std::wstring> LeaseRows::Texts() const {
+    std::map<int, std::wstring> texts;
+    for (const auto& [key, row] : Rows()) texts.emplace(key, Text(*row));
+    return texts;
+}
