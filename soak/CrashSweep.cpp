@@ -119,13 +119,11 @@ private:
     // A call, made again after the service had to be started again.
     template <class Call>
     bool Answered(Call call, DWORD& result, const std::string& step) {
-        m_lostAnswer = false;
         for (int attempt = 0; attempt < 3; ++attempt) {
             if (!Reach()) break;
             result = 99;
             if (SUCCEEDED(call(result))) return true;
             m_tarrow = {};
-            m_lostAnswer = true;
         }
         Violation(step, "the service did not answer");
         return false;
@@ -149,27 +147,11 @@ private:
         return -1;
     }
 
-    // Whether the service holds `dn` for `pid`: a registration whose answer a kill lost may have
-    // been made (and kept in the holder list) all the same. A client asks before it registers again,
-    // or it would hold the credential twice.
-    bool HeldFor(const std::wstring& dn, DWORD pid) {
-        tarrowctl::StatusText text;
-        if (!Status(text)) return false;
-        const auto& columns = tarrowctl::StatusColumns();
-        const size_t dnColumn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
-        const size_t holdersColumn = std::find(columns.begin(), columns.end(), L"holders") - columns.begin();
-        for (const auto& row : text.credentials)
-            if (row.at(dnColumn) == dn && (L"; " + row.at(holdersColumn)).find(L"; " + std::to_wstring(pid) + L" ") != std::wstring::npos)
-                return true;
-        return false;
-    }
-
     void Register(const ChildProcess& holder, int signature, const std::wstring& dn, const std::string& step) {
         CheckNoEarlyCheckIn(step);
         DWORD result = 99;
         const DWORD pid = holder.Id();
         const bool answered = Answered([&](DWORD& out) {
-            if (m_lostAnswer && HeldFor(dn, pid)) return out = 0, S_OK;
             auto url = Bstr(SignatureUrl(signature)), srv = Bstr(L"srv-sweep"), svc = Bstr(SignatureService(signature)),
                  account = Bstr(L"acct-sweep"), role = Bstr(SignatureRole(signature)), lease = Bstr(dn),
                  expiry = Bstr(L"20301231T120000Z");
@@ -277,7 +259,6 @@ private:
     std::set<std::string> m_registered;              // answered 0, or left in a forged file
     std::map<std::string, std::set<DWORD>> m_holding;  // by lease DN: registered, not let go, running
     std::set<std::string> m_reported;
-    bool m_lostAnswer = false;  // the call being made lost an answer to a kill
     size_t m_logStart = LogText().size();
 };
 
