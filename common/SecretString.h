@@ -31,7 +31,7 @@ public:
     SecretString() = default;
     // The parameter is wiped too: a short text moved out of it stays in its inline buffer.
     explicit SecretString(std::wstring text) : m_text(std::move(text)) { WipeString(text); }
-    SecretString(const SecretString& other) : m_text(other.m_text) {}
+    SecretString(const SecretString& other) = default;
     SecretString(SecretString&& other) noexcept : m_text(std::move(other.m_text)) { other.Wipe(); }
     SecretString& operator=(const SecretString& other) {
         if (this != &other) {

@@ -28,7 +28,7 @@ bool CThread::Start(void* args) {
     unsigned id = 0;
     uintptr_t handle = ::_beginthreadex(nullptr, 0, &CThread::Entry, context.get(), 0, &id);
     if (handle == 0) return false;
-    context.release();
+    (void)context.release();  // Entry owns it from here
     m_thread.reset(reinterpret_cast<HANDLE>(handle));
     m_rule.Bind(id);
     return true;

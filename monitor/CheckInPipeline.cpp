@@ -26,7 +26,7 @@ CCheckInPipeline::CCheckInPipeline(NS_Utils::CGarbageCollector& collector, Persi
 
 template <typename Work>
 void CCheckInPipeline::QueueWork(Work work) {
-    m_collector.Queue([this, weak = m_registry, work = std::move(work)] {
+    m_collector.Queue([weak = m_registry, work = std::move(work)] {
         if (std::shared_ptr<ICheckInRegistry> registry = weak.lock()) work(*registry);
     });
 }
@@ -140,6 +140,7 @@ std::vector<NS_CheckIn::RowOutcome> CCheckInPipeline::CheckIn(const std::vector<
         const CCheckInWatch watch(batch.front().credential->GetSignature() +
                                   (batch.size() > 1 ? L" and " + std::to_wstring(batch.size() - 1) + L" more" : L""));
         std::vector<const CSharedId*> rows;
+        rows.reserve(batch.size());
         for (const PendingCheckIn& pending : batch) rows.push_back(pending.credential.get());
         m_releaser.ReleaseCreds(rows, outcomes, &hrCIRes);
     } catch (const std::bad_alloc&) {

@@ -82,7 +82,7 @@ bool WaitInfo::QueueFree(const std::shared_ptr<WaitInfo>& self) {
     return true;
 }
 
-void FreeWaitInfo(std::shared_ptr<WaitInfo> waitInfo) {
+void FreeWaitInfo(const std::shared_ptr<WaitInfo>& waitInfo) {
     if (!waitInfo) {
         NS_Log::Log(1, L"FreeWaitInfo\t Invalid WaitInfo object shared_ptr.");
         return;

@@ -54,4 +54,4 @@ private:
 
 // The collector's work item: frees the WaitInfo once its cancel event is signalled, and queues
 // itself again until then.
-void FreeWaitInfo(std::shared_ptr<WaitInfo> waitInfo);
+void FreeWaitInfo(const std::shared_ptr<WaitInfo>& waitInfo);

@@ -30,7 +30,7 @@ bool IsReadOnly(HANDLE file) {
 
 // The start of a credential file's text, as far as its reader ever looks.
 std::wstring ReadText(HANDLE file) {
-    std::wstring text(6 * 1024, L'\0');
+    std::wstring text(std::size_t{6} * 1024, L'\0');
     DWORD read = 0;
     if (!::ReadFile(file, text.data(), static_cast<DWORD>(text.size() * sizeof(wchar_t)), &read, nullptr)) return {};
     text.resize(read / sizeof(wchar_t));

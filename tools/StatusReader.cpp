@@ -95,7 +95,7 @@ bool ReadStatus(const VARIANT& snapshot, StatusText& status) {
 
 std::wstring StatusTable(const StatusText& status) {
     std::wstring text;
-    for (const auto& [name, value] : status.service) text += name + L": " + value + L"\n";
+    for (const auto& [name, value] : status.service) text.append(name).append(L": ").append(value).append(L"\n");
     text += L"\n";
     if (status.credentials.empty()) return text + L"no credentials\n";
     std::vector<size_t> widths;

@@ -180,7 +180,7 @@ int Query(ITarrow* tarrow, const Options& options) {
     if (!tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(serialized.get()), serialized.ByteLength(), fields))
         return Fail(kCallFailed, L"the service answered with a malformed record");
     for (const auto& [name, value] : fields)
-        if (name != L"auxText2" || options.showAux2) Print(stdout, name + L" = " + value);
+        if (name != L"auxText2" || options.showAux2) Print(stdout, std::wstring(name).append(L" = ").append(value));
     return 0;
 }
 

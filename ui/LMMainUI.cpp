@@ -282,7 +282,7 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
     }
 }
 
-void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
+void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, const std::weak_ptr<CSharedId>& credential) {
     NS_Log::Log(3, L"[LMMainUI::ShowProcessInfo]", L"\t About to add item and show window");
     EnsureUIThread();
     int key = m_rows.Add(processId, std::move(process), credential);
@@ -355,7 +355,7 @@ void LMMainUI::CheckItemsOnList() {
             // Detail: written only at the highest level the settings allow.
             NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]",
                 L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
-        else if (std::none_of(expired.begin(), expired.end(), [&](const auto& c) { return row->IsFor(c); }))
+        else if (std::none_of(expired.begin(), expired.end(), [&held = row](const auto& c) { return held->IsFor(c); }))
             // The handler ends every holder of the credential: once a tick is enough.
             expired.push_back(row->GetCredential());
     }

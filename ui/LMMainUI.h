@@ -55,7 +55,7 @@ public:
 
     // Adds a row for the process (the handle is a duplicate the row keeps) and shows the window.
     // Every row of one credential ends at the moment fixed when its first row appeared.
-    void ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential);
+    void ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, const std::weak_ptr<CSharedId>& credential);
     // Removes the row of that process for that credential; its other credentials keep theirs.
     void RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential);
     void IssueStop();
