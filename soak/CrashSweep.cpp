@@ -43,6 +43,7 @@ struct Step {
 struct RunResult {
     std::vector<std::string> violations;
     unsigned restarts = 0;
+    bool killed = false;  // the step was reached: some instance of the service was ended at it
     double seconds = 0;
 };
 
@@ -132,11 +133,17 @@ private:
     static NS_Utils::UniqueBstr Bstr(const std::wstring& text) { return NS_Utils::UniqueBstr(text); }
 
     // The service's status: its lease count, and its credentials' lease DNs and holders.
+    // Asked again of the next instance when the step's kill falls in the call itself.
     bool Status(tarrowctl::StatusText& text) {
-        NS_Utils::ComPtr<ITarrowStatus> status;
-        NS_Utils::UniqueVariant snapshot;
-        return Reach() && SUCCEEDED(m_tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
-               SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text);
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            NS_Utils::ComPtr<ITarrowStatus> status;
+            NS_Utils::UniqueVariant snapshot;
+            if (Reach() && SUCCEEDED(m_tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
+                SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text))
+                return true;
+            m_tarrow = {};
+        }
+        return false;
     }
 
     long LeaseCount() {
@@ -290,6 +297,7 @@ RunResult RunOnce(unsigned run, const Step& step, std::vector<DWORD>* threadsAtA
     if (threadsAtAttach) *threadsAtAttach = threads;
     NS_Utils::ComApartment com;
     Workload(service, run, result).Run();
+    result.killed = result.restarts > 0 || !service.Running();
     strace.Detach();
     if (const DWORD stopped = service.Stop(); stopped != 0)
         result.violations.push_back("end: Tarrow's stop ended with " + std::to_string(stopped));
@@ -448,10 +456,10 @@ int RunCrashSweep(const Options& options) {
     unsigned run = 1;
     for (const Step& step : steps) {
         const RunResult result = RunOnce(run++, step);
-        killed += result.restarts > 0;
+        killed += result.killed;
         violations += result.violations.size();
         std::printf("  %-8s %4u thread %2d  %5.1f s  %-11s %s\n", step.syscall.c_str(), step.n, step.thread,
-                    result.seconds, result.restarts ? "killed" : "not reached", step.what.c_str());
+                    result.seconds, result.killed ? "killed" : "not reached", step.what.c_str());
         for (const std::string& v : result.violations) std::printf("    violation: %s\n", v.c_str());
         std::fflush(stdout);
     }
