@@ -6,9 +6,9 @@
 // longest time, and the status call's). Starts Tarrow.exe itself.
 //   host_bench [calls per figure]
 
-#include "common/Registry.h"
 #include "bench/BenchService.h"
 #include "bench/Timing.h"
+#include "common/Registry.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
@@ -47,7 +47,8 @@ Figures Measure(ITarrow* tarrow, DWORD holder, int calls) {
         double t3 = Now();
         // The check-in of this credential runs on the service's worker: left to overlap the next
         // round, it would be counted in whichever call it happens to share the machine with.
-        testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); }, 2000);
+        testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
+                               2000);
         bare.push_back(t1 - t0);
         registration.push_back(t2 - t1);
         release.push_back(t3 - t2);
@@ -56,8 +57,9 @@ Figures Measure(ITarrow* tarrow, DWORD holder, int calls) {
 }
 
 void Print(const char* level, const Figures& f) {
-    std::printf("%-14s GetTypeInfoCount %7.3f ms | RegisterSharedId %7.3f ms (x%.2f) | ReleaseSharedId %7.3f ms (x%.2f)\n",
-                level, f.bare, f.registration, f.registration / f.bare, f.release, f.release / f.bare);
+    std::printf(
+        "%-14s GetTypeInfoCount %7.3f ms | RegisterSharedId %7.3f ms (x%.2f) | ReleaseSharedId %7.3f ms (x%.2f)\n",
+        level, f.bare, f.registration, f.registration / f.bare, f.release, f.release / f.bare);
 }
 
 struct Burst {
@@ -93,7 +95,8 @@ Burst HundredHolders(ITarrow* tarrow, bool withStatus) {
         DWORD result = 0;
         double t0 = Now();
         tarrow->RegisterSharedId(holders[i].Id(), url.get(), svc.get(), nullptr, svc.get(), account.get(), nullptr,
-                                 role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE, nullptr, &result);
+                                 role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE, nullptr,
+                                 &result);
         registrations.push_back(Now() - t0);
     }
     // They exit together: their exits take the registry lock while the status copies under it.

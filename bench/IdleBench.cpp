@@ -3,9 +3,9 @@
 // their leases far ahead, so that only the lease monitor's polls and the holders' waits can cost.
 //   idle_bench [seconds=300] [credentials=100]
 
-#include "common/Registry.h"
 #include "bench/BenchService.h"
 #include "bench/Timing.h"
+#include "common/Registry.h"
 #include "tests/support/TestSupport.h"
 #include "tools/TarrowClient.h"
 
@@ -81,8 +81,8 @@ int wmain(int argc, wchar_t** argv) {
                  wall = bench::Now() - wall0;
     std::printf("credentials %d registered of %d, %d holder processes\n", registered, credentials,
                 static_cast<int>(holders.size()));
-    std::printf("service CPU time (GetProcessTimes) %.1f ms over %.1f s = %.4f %% of one core (%.2f ms per minute)\n", cpu,
-                wall / 1000.0, 100.0 * cpu / wall, cpu * 60000.0 / wall);
+    std::printf("service CPU time (GetProcessTimes) %.1f ms over %.1f s = %.4f %% of one core (%.2f ms per minute)\n",
+                cpu, wall / 1000.0, 100.0 * cpu / wall, cpu * 60000.0 / wall);
     std::printf("summed over its threads %.1f ms = %.4f %% of one core\n", threads, 100.0 * threads / wall);
 
     tarrow.reset();

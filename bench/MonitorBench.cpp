@@ -12,11 +12,11 @@
 //     agent saw).
 //   monitor_bench [exit samples] [holder counts...]
 
+#include "bench/Timing.h"
 #include "common/Registry.h"
 #include "common/Settings.h"
 #include "monitor/SharedIdMonitor.h"
 #include "sharedid/PersistantStorage.h"
-#include "bench/Timing.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/support/TestSupport.h"
 
@@ -180,8 +180,10 @@ void MeasureStartUp(int credentials) {
     double queued = Now() - start;
     while (monitor->LeaseCount() != 0) ::Sleep(1);
     double done = Now() - start;
-    std::printf("%d credentials on disk at start: queued in %8.1f ms (before the object is published), "
-                "all checked in after %8.1f ms\n", credentials, queued, done);
+    std::printf(
+        "%d credentials on disk at start: queued in %8.1f ms (before the object is published), "
+        "all checked in after %8.1f ms\n",
+        credentials, queued, done);
     (void)monitor->Shutdown();
 }
 
@@ -200,9 +202,11 @@ void MeasureLogoff(int credentials, DWORD callMs, int servers) {
     double start = Now();
     monitor->OnWndSessionEnd();
     double done = Now() - start;
-    std::printf("end of the session, %d credentials of %d server(s), %lu ms a call: all checked in after %8.1f ms, "
-                "in %zu calls (%zu rows)\n", credentials, servers, static_cast<unsigned long>(callMs), done,
-                CheckInsJournaled() - calls, RowsJournaled() - rows);
+    std::printf(
+        "end of the session, %d credentials of %d server(s), %lu ms a call: all checked in after %8.1f ms, "
+        "in %zu calls (%zu rows)\n",
+        credentials, servers, static_cast<unsigned long>(callMs), done, CheckInsJournaled() - calls,
+        RowsJournaled() - rows);
     standin::SetScript(L"CheckInDelayMs", DWORD{0});
     (void)monitor->Shutdown();
 }

@@ -5,8 +5,8 @@
 // IUnknown's three (and IDispatch's four more where derived from it). Reserved slots exist in
 // the agent's objects but Tarrow never calls them.
 
-#include <objbase.h>
 #include <oaidl.h>
+#include <objbase.h>
 
 // Runtime library "KelRuntime.dll" in the agent's installation folder. Its process-wide table
 // of 16 slots; slot 7 holds the site container and is read under the named mutex below.
@@ -26,37 +26,39 @@ struct IKelSiteContainer : public IUnknown {
 
 // State-engine runtime: QueryInterface of the first state engine for this interface id.
 struct IKelStateEngineRuntime : public IDispatch {
-    virtual HRESULT STDMETHODCALLTYPE GetPropertyManager(IDispatch** manager) = 0;    // slot 7
-    virtual HRESULT STDMETHODCALLTYPE Reserved8() = 0;                                // slot 8
-    virtual HRESULT STDMETHODCALLTYPE Reserved9() = 0;                                // slot 9
-    virtual HRESULT STDMETHODCALLTYPE Reserved10() = 0;                               // slot 10
-    virtual HRESULT STDMETHODCALLTYPE GetPolicyProvider(IDispatch** provider) = 0;    // slot 11
+    virtual HRESULT STDMETHODCALLTYPE GetPropertyManager(IDispatch** manager) = 0;  // slot 7
+    virtual HRESULT STDMETHODCALLTYPE Reserved8() = 0;                              // slot 8
+    virtual HRESULT STDMETHODCALLTYPE Reserved9() = 0;                              // slot 9
+    virtual HRESULT STDMETHODCALLTYPE Reserved10() = 0;                             // slot 10
+    virtual HRESULT STDMETHODCALLTYPE GetPolicyProvider(IDispatch** provider) = 0;  // slot 11
 };
 // {D97C8895-73BF-4138-B227-B3D52EEF8A43}
-constexpr IID IID_IKelStateEngineRuntime = {0xD97C8895, 0x73BF, 0x4138, {0xB2, 0x27, 0xB3, 0xD5, 0x2E, 0xEF, 0x8A, 0x43}};
+constexpr IID IID_IKelStateEngineRuntime = {
+    0xD97C8895, 0x73BF, 0x4138, {0xB2, 0x27, 0xB3, 0xD5, 0x2E, 0xEF, 0x8A, 0x43}};
 
 // Property manager: the user's wallet and account data bags. A scope VARIANT is a VT_BOOL; a
 // VARIANT_BOOL answer counts as true only when it is VARIANT_TRUE.
 struct IKelPropertyManager : public IDispatch {
-    virtual HRESULT STDMETHODCALLTYPE Reserved7() = 0;                                               // slot 7
-    virtual HRESULT STDMETHODCALLTYPE Reserved8() = 0;                                               // slot 8
-    virtual HRESULT STDMETHODCALLTYPE GetAccDataItem(BSTR bag, BSTR item, VARIANT scope, BSTR* value) = 0;  // 9
-    virtual HRESULT STDMETHODCALLTYPE Reserved10() = 0;                                              // slot 10
-    virtual HRESULT STDMETHODCALLTYPE Reserved11() = 0;                                              // slot 11
+    virtual HRESULT STDMETHODCALLTYPE Reserved7() = 0;                                                       // slot 7
+    virtual HRESULT STDMETHODCALLTYPE Reserved8() = 0;                                                       // slot 8
+    virtual HRESULT STDMETHODCALLTYPE GetAccDataItem(BSTR bag, BSTR item, VARIANT scope, BSTR* value) = 0;   // 9
+    virtual HRESULT STDMETHODCALLTYPE Reserved10() = 0;                                                      // slot 10
+    virtual HRESULT STDMETHODCALLTYPE Reserved11() = 0;                                                      // slot 11
     virtual HRESULT STDMETHODCALLTYPE IsAccDataBagExist(BSTR bag, VARIANT scope, VARIANT_BOOL* exists) = 0;  // 12
-    virtual HRESULT STDMETHODCALLTYPE Reserved13() = 0;                                              // slot 13
-    virtual HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR authSvcId, VARIANT scope, VARIANT_BOOL* ok) = 0;  // 14
-    virtual HRESULT STDMETHODCALLTYPE Reserved15() = 0;                                              // slot 15
+    virtual HRESULT STDMETHODCALLTYPE Reserved13() = 0;                                                      // slot 13
+    virtual HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR authSvcId, VARIANT scope,
+                                                    VARIANT_BOOL* ok) = 0;  // 14
+    virtual HRESULT STDMETHODCALLTYPE Reserved15() = 0;                     // slot 15
     virtual HRESULT STDMETHODCALLTYPE SetAccDataBagAdt(BSTR bag, BSTR adt, VARIANT scope, VARIANT_BOOL* ok) = 0;  // 16
-    virtual HRESULT STDMETHODCALLTYPE Reserved17() = 0;                                              // slot 17
-    virtual HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) = 0;              // slot 18
+    virtual HRESULT STDMETHODCALLTYPE Reserved17() = 0;                                                // slot 17
+    virtual HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) = 0;                // slot 18
     virtual HRESULT STDMETHODCALLTYPE GetAccountData(BSTR target, BSTR source, VARIANT_BOOL* ok) = 0;  // slot 19
-    virtual HRESULT STDMETHODCALLTYPE Reserved20() = 0;                                              // slot 20
-    virtual HRESULT STDMETHODCALLTYPE Reserved21() = 0;                                              // slot 21
-    virtual HRESULT STDMETHODCALLTYPE Reserved22() = 0;                                              // slot 22
-    virtual HRESULT STDMETHODCALLTYPE Reserved23() = 0;                                              // slot 23
-    virtual HRESULT STDMETHODCALLTYPE Reserved24() = 0;                                              // slot 24
-    virtual HRESULT STDMETHODCALLTYPE DeleteAccDataBag(BSTR bag, VARIANT scope) = 0;                 // slot 25
+    virtual HRESULT STDMETHODCALLTYPE Reserved20() = 0;                                                // slot 20
+    virtual HRESULT STDMETHODCALLTYPE Reserved21() = 0;                                                // slot 21
+    virtual HRESULT STDMETHODCALLTYPE Reserved22() = 0;                                                // slot 22
+    virtual HRESULT STDMETHODCALLTYPE Reserved23() = 0;                                                // slot 23
+    virtual HRESULT STDMETHODCALLTYPE Reserved24() = 0;                                                // slot 24
+    virtual HRESULT STDMETHODCALLTYPE DeleteAccDataBag(BSTR bag, VARIANT scope) = 0;                   // slot 25
 };
 
 // Policy provider: the agent's central policies.

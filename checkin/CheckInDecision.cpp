@@ -13,16 +13,11 @@ struct Rule {
 
 // The first rule that matches decides; the last one makes every other answer final.
 constexpr Rule kRules[] = {
-    {Reply::kNotSent, std::nullopt, Action::kSendAgain},
-    {Reply::kNoAnswer, std::nullopt, Action::kRetryLater},
-    {Reply::kAnswered, kTransient5, Action::kRetryLater},
-    {Reply::kAnswered, kTransient7, Action::kRetryLater},
-    {Reply::kAnswered, kTransient8, Action::kRetryLater},
-    {Reply::kAnswered, kTransient37, Action::kRetryLater},
-    {Reply::kAnswered, kTransient41, Action::kRetryLater},
-    {Reply::kAnswered, kTransient43, Action::kRetryLater},
-    {Reply::kAnswered, kDifferentUser, Action::kGiveUp},
-    {Reply::kAnswered, std::nullopt, Action::kForget},
+    {Reply::kNotSent, std::nullopt, Action::kSendAgain},   {Reply::kNoAnswer, std::nullopt, Action::kRetryLater},
+    {Reply::kAnswered, kTransient5, Action::kRetryLater},  {Reply::kAnswered, kTransient7, Action::kRetryLater},
+    {Reply::kAnswered, kTransient8, Action::kRetryLater},  {Reply::kAnswered, kTransient37, Action::kRetryLater},
+    {Reply::kAnswered, kTransient41, Action::kRetryLater}, {Reply::kAnswered, kTransient43, Action::kRetryLater},
+    {Reply::kAnswered, kDifferentUser, Action::kGiveUp},   {Reply::kAnswered, std::nullopt, Action::kForget},
 };
 
 // Each says that the server, or the connection to it, is gone: the call was not answered.

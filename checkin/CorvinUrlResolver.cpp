@@ -1,10 +1,10 @@
 #include "checkin/CorvinUrlResolver.h"
 
 #include "checkin/AgentRuntime.h"
-#include "common/Settings.h"
 #include "common/ComHandles.h"
 #include "common/Log.h"
 #include "common/Registry.h"
+#include "common/Settings.h"
 
 #include <vector>
 
@@ -72,7 +72,7 @@ int CCorvinUrlResolver::GetKelSystemPolicy(IKelStateEngineRuntime* runtime, std:
 
 LSTATUS CCorvinUrlResolver::GetKelStringValueFromRegistry(std::wstring& value) {
     const std::wstring where = std::wstring(L"RegKey = ") + NS_Settings::kAuthSvc.key + L", RegValue = " +
-                              NS_Settings::kAuthSvc.valueName;
+                               NS_Settings::kAuthSvc.valueName;
     const std::optional<std::wstring> read = NS_Settings::ReadText(NS_Settings::kAuthSvc);
     const LSTATUS status = read ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
     if (read) value = *read;

@@ -1,9 +1,9 @@
 #include "checkin/KelUtils.h"
 
 #include "checkin/AgentRuntime.h"
-#include "common/SecretString.h"
 #include "common/ComHandles.h"
 #include "common/Log.h"
+#include "common/SecretString.h"
 
 namespace {
 constexpr const wchar_t* kTag = L"[CKelUtils::ObtainMirelIdFromBriskScriptSupport]\t";
@@ -106,8 +106,8 @@ std::wstring CKelUtils::ObtainMirelIdFromBriskScriptSupport() {
     NS_Utils::UniqueVariant value;
     DISPPARAMS none{};
     if (SUCCEEDED(hr))
-        hr = support->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET, &none, value.put(),
-                             nullptr, nullptr);
+        hr = support->Invoke(id, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_PROPERTYGET, &none, value.put(), nullptr,
+                             nullptr);
     if (SUCCEEDED(hr)) hr = ::VariantChangeType(value.get(), value.get(), 0, VT_BSTR);
     if (FAILED(hr)) {
         NS_Log::Log(2, std::wstring(kTag) + L" EnterpriseId could not be read. HRESULT = 0x" + NS_Log::Hex(hr));

@@ -2,11 +2,11 @@
 
 #include "checkin/AgentRuntime.h"
 #include "checkin/CheckInRow.h"
-#include "checkin/KelUtils.h"
 #include "checkin/CorvinUrlResolver.h"
-#include "common/SecretString.h"
+#include "checkin/KelUtils.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
+#include "common/SecretString.h"
 
 
 namespace {
@@ -83,8 +83,8 @@ bool SharedIdReleaser::CreateScriptSupport() {
     hr = object->QueryInterface(IID_IDispatch, dispatch.put_void());
     if (SUCCEEDED(hr)) hr = dispatch->GetIDsOfNames(IID_NULL, &name, 1, kAgentLcid, &id);
     if (FAILED(hr)) {
-        NS_Log::Log(1, L"[SharedIdReleaser::Init]\t BriskScriptSupport does not answer EnterpriseId. HR = " +
-                           HrText(hr));
+        NS_Log::Log(1,
+                    L"[SharedIdReleaser::Init]\t BriskScriptSupport does not answer EnterpriseId. HR = " + HrText(hr));
         return false;
     }
     m_scriptSupport = dispatch;
@@ -103,8 +103,9 @@ void SharedIdReleaser::ReleaseCreds(std::span<const CSharedId* const> credential
                                     std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
     if (credentials.size() == 1 || m_singleRows) return OnePerCall(credentials, outcomes, hrCIRes);
     if (Exchange(credentials, outcomes, hrCIRes)) return;
-    NS_Log::Log(2, kReleaseTag, L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
-                            L" rows: they are sent again one per call, and single rows from now on.");
+    NS_Log::Log(2, kReleaseTag,
+                L"]\t The agent did not answer one result per row for " + std::to_wstring(credentials.size()) +
+                    L" rows: they are sent again one per call, and single rows from now on.");
     m_singleRows = true;
     for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {};
     OnePerCall(credentials, outcomes, hrCIRes);
@@ -137,13 +138,15 @@ bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
     LONG nRet = 0;
     // From here the rows are on their way: whatever the call does, none of them is unsent.
     for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {NS_CheckIn::Reply::kNoAnswer, 0};
-    const HRESULT hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(), input.get(),
-                                               output.get(), &nRet);
+    const HRESULT hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(),
+                                               input.get(), output.get(), &nRet);
     if (hrCIRes) *hrCIRes = hr;
     // The answer is read once more only for a call that failed as a server gone does.
-    if (NS_CheckIn::IsServerGone(hr) && nRet == 0 && NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty()) {
-        NS_Log::Log(2, kReleaseTag, L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
-                                L"; its objects are made anew for the next attempt.");
+    if (NS_CheckIn::IsServerGone(hr) && nRet == 0 &&
+        NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty()) {
+        NS_Log::Log(2, kReleaseTag,
+                    L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
+                        L"; its objects are made anew for the next attempt.");
         DropAgentObjects();
         return true;
     }
@@ -170,12 +173,14 @@ bool SharedIdReleaser::RefreshAccountForCheckIn() {
 }
 
 void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
-    NS_Log::Log(4, kReleaseTag, L"]\tAbout to delete the associated global account data bag for " + credential.GetSignature());
+    NS_Log::Log(4, kReleaseTag,
+                L"]\tAbout to delete the associated global account data bag for " + credential.GetSignature());
     NS_Utils::ComPtr<IDispatch> store;
     HRESULT hr = m_runtime ? m_runtime->GetPropertyManager(store.put()) : E_POINTER;
     if (SUCCEEDED(hr) && !store) hr = E_POINTER;
     auto failed = [](HRESULT result) {
-        NS_Log::Log(1, kReleaseTag, L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(result)));
+        NS_Log::Log(1, kReleaseTag,
+                    L"]\t Delete global account data bag failed " + NS_Log::Hex(static_cast<unsigned long>(result)));
     };
     if (FAILED(hr)) return failed(hr);
     auto manager = NS_AgentRuntime::AgentObjectAs<IKelPropertyManager>(store);

@@ -56,7 +56,8 @@ public:
     UniqueBstr() noexcept = default;
     // Always allocated, an empty text as an empty BSTR (never null); COM callers often treat the two
     // alike, and SecretBstr gives null for an empty text where that is wanted.
-    explicit UniqueBstr(const std::wstring& text) : m_bstr(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
+    explicit UniqueBstr(const std::wstring& text)
+        : m_bstr(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
     UniqueBstr(const UniqueBstr&) = delete;
     UniqueBstr& operator=(const UniqueBstr&) = delete;
     UniqueBstr(UniqueBstr&& other) noexcept : m_bstr(std::exchange(other.m_bstr, nullptr)) {}

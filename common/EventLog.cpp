@@ -78,8 +78,8 @@ std::wstring ReadMarker(const std::wstring& path) {
 }
 
 void WriteMarker(const std::wstring& path, const std::wstring& text) {
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                              FILE_ATTRIBUTE_NORMAL, nullptr));
+    NS_Utils::UniqueHandle file(
+        ::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;
     const DWORD bytes = static_cast<DWORD>(text.size() * sizeof(wchar_t));
     if (file) (void)::WriteFile(file.get(), text.data(), bytes, &written, nullptr);

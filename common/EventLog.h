@@ -24,15 +24,15 @@ inline constexpr const wchar_t* kSourceKey = L"SYSTEM\\CurrentControlSet\\Servic
 // The ids of eventlog/TarrowEvents.mc (the build checks that they agree), with their insertion
 // strings in order. Never renumbered nor reused: administrators' filters and alerts name them.
 enum class Event : DWORD {
-    Started = 1,              // information: process id, version
-    Stopped = 2,              // information: process id
-    EndedByForce = 3,         // warning, at a start: the earlier run's process id and start time
-    Failure = 100,            // error: a level-1 log line
-    CheckInFailedFinally = 101,  // error: lease DN, shared account, the agent's result
-    HoldersEndedAtExpiry = 102,  // warning: lease DN, the holders as "program (pid)", comma-separated
+    Started = 1,                  // information: process id, version
+    Stopped = 2,                  // information: process id
+    EndedByForce = 3,             // warning, at a start: the earlier run's process id and start time
+    Failure = 100,                // error: a level-1 log line
+    CheckInFailedFinally = 101,   // error: lease DN, shared account, the agent's result
+    HoldersEndedAtExpiry = 102,   // warning: lease DN, the holders as "program (pid)", comma-separated
     LogoffLeftCredentials = 103,  // warning: count of credentials still on disk
-    AgentUnreachable = 104,   // error: count of credential files kept
-    AgentReachedAgain = 105,  // information: count of credential files taken up again
+    AgentUnreachable = 104,       // error: count of credential files kept
+    AgentReachedAgain = 105,      // information: count of credential files taken up again
 };
 
 struct EventSourceTraits {

@@ -8,7 +8,7 @@ namespace NS_Utils {
 namespace {
 constexpr DWORD kStopGraceMs = 500;
 constexpr const wchar_t* kTag = L"[NS_Utils::CGarbageCollector]\t";
-}
+}  // namespace
 
 CGarbageCollector::~CGarbageCollector() {
     // An owner that did not stop the worker in order ends the process before it gets here.
@@ -98,8 +98,10 @@ void CGarbageCollector::WorkerLoop() {
     }
     if (m_running.load() != 0) {
         m_broken.store(true);
-        NS_Log::Log(1, kTag + std::wstring(L" The worker ended without being stopped; nothing will be checked in. "
-                                           L"GLE = ") + std::to_wstring(::GetLastError()));
+        NS_Log::Log(1, kTag +
+                           std::wstring(L" The worker ended without being stopped; nothing will be checked in. "
+                                        L"GLE = ") +
+                           std::to_wstring(::GetLastError()));
     }
     if (m_exitHook) m_exitHook();
 }

@@ -8,10 +8,10 @@
 // the end, since the worker cannot wait for itself. SetWorkerExitHook before the first Start.
 // WaitUnlessStopping and PauseUnlessWork from the worker, inside an item: checked.
 
+#include "common/ConcurrentQueue.h"
 #include "common/CriticalSection.h"
 #include "common/ThreadRule.h"
 #include "common/WinHandles.h"
-#include "common/ConcurrentQueue.h"
 
 #include <atomic>
 #include <functional>

@@ -41,13 +41,13 @@ bool IsEnabled(unsigned short level) { return level <= DefaultWriter().CurrentSe
 
 std::wstring FormatTimeStamp(const SYSTEMTIME& t) {
     wchar_t text[32];
-    std::swprintf(text, 32, L"%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear, t.wMonth, t.wDay, t.wHour,
-                  t.wMinute, t.wSecond, t.wMilliseconds);
+    std::swprintf(text, 32, L"%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                  t.wSecond, t.wMilliseconds);
     return text;
 }
 
-std::wstring FormatLogLine(unsigned short level, const SYSTEMTIME& time, DWORD processId,
-                           DWORD threadId, DWORD sessionId, const std::wstring& text) {
+std::wstring FormatLogLine(unsigned short level, const SYSTEMTIME& time, DWORD processId, DWORD threadId,
+                           DWORD sessionId, const std::wstring& text) {
     std::wstring line = L"L:" + std::to_wstring(level) + L" " + FormatTimeStamp(time) + L" P:" +
                         std::to_wstring(processId) + L" T:" + std::to_wstring(threadId);
     if (sessionId != 0) line += L" S:" + std::to_wstring(sessionId);

@@ -35,8 +35,8 @@ bool IsEnabled(unsigned short level);
 std::wstring FormatTimeStamp(const SYSTEMTIME& time);
 
 // "L:3 <time> P:<pid> T:<tid>[ S:<session>]\t<text>\r\n"; the session item only when it is not 0.
-std::wstring FormatLogLine(unsigned short level, const SYSTEMTIME& time, DWORD processId,
-                           DWORD threadId, DWORD sessionId, const std::wstring& text);
+std::wstring FormatLogLine(unsigned short level, const SYSTEMTIME& time, DWORD processId, DWORD threadId,
+                           DWORD sessionId, const std::wstring& text);
 
 SYSTEMTIME CurrentLogTime();
 

@@ -10,11 +10,11 @@
 namespace NS_Log {
 
 struct LogSettings {
-    DWORD level = NS_Settings::kLogLevel.defaultNumber;           // messages above it are dropped
-    DWORD fileSizeKiB = NS_Settings::kLogFileSize.defaultNumber;  // rotate once the file is larger
+    DWORD level = NS_Settings::kLogLevel.defaultNumber;                       // messages above it are dropped
+    DWORD fileSizeKiB = NS_Settings::kLogFileSize.defaultNumber;              // rotate once the file is larger
     bool scrambled = NS_Settings::kLogObfuscationEnabled.defaultNumber != 0;  // ".enl" files, scrambled
-    DWORD fileCount = NS_Settings::kLogFileCount.defaultNumber;   // rotated files kept
-    DWORD sync = NS_Settings::kLogSyncEnabled.defaultNumber;      // 2 or more also flushes every line
+    DWORD fileCount = NS_Settings::kLogFileCount.defaultNumber;               // rotated files kept
+    DWORD sync = NS_Settings::kLogSyncEnabled.defaultNumber;                  // 2 or more also flushes every line
     bool eventLog = NS_Settings::kWindowsEventLogEnabled.defaultNumber != 0;  // failures also to the event log
 };
 

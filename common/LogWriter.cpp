@@ -25,8 +25,8 @@ std::wstring RotationStamp() {
     SYSTEMTIME t;
     ::GetLocalTime(&t);
     wchar_t stamp[32];
-    std::swprintf(stamp, 32, L"%04d%02d%02d%02d%02d%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour,
-                  t.wMinute, t.wSecond, t.wMilliseconds);
+    std::swprintf(stamp, 32, L"%04d%02d%02d%02d%02d%02d.%03d", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond,
+                  t.wMilliseconds);
     return stamp;
 }
 
@@ -65,8 +65,8 @@ int CLogWriter::Log(unsigned short level, const std::wstring& text) {
     RefreshSettingsIfDue();
     LogSettings settings = CurrentSettings();
     if (level > settings.level) return -1;
-    Append(FormatLogLine(level, CurrentLogTime(), ::GetCurrentProcessId(), ::GetCurrentThreadId(),
-                         ProcessSessionId(), text),
+    Append(FormatLogLine(level, CurrentLogTime(), ::GetCurrentProcessId(), ::GetCurrentThreadId(), ProcessSessionId(),
+                         text),
            settings);
     return 0;
 }
@@ -115,8 +115,7 @@ NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& path) const
     return file;
 }
 
-void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line,
-                              const LogSettings& settings) {
+void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line, const LogSettings& settings) {
     NS_Utils::UniqueHandle file = OpenForAppend(path);
     if (!file) {
         ::OutputDebugStringW(L"Log File Handle could not be obtained");
@@ -150,8 +149,7 @@ void CLogWriter::Rotate(const std::wstring& path, const LogSettings& settings) {
     std::wstring base = path.substr(0, dot);
     std::wstring extension = path.substr(dot);
     wchar_t rotated[MAX_PATH * 2];
-    std::swprintf(rotated, MAX_PATH * 2, L"%ls-%ls%ls", base.c_str(), RotationStamp().c_str(),
-                  extension.c_str());
+    std::swprintf(rotated, MAX_PATH * 2, L"%ls-%ls%ls", base.c_str(), RotationStamp().c_str(), extension.c_str());
     // A copy that fails (two rotations in one millisecond) leaves the file to grow a little more:
     // nothing is overwritten and the next write rotates again.
     if (::CopyFileW(path.c_str(), rotated, TRUE) && ::DeleteFileW(path.c_str())) {

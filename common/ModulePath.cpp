@@ -29,8 +29,7 @@ std::wstring FileNameOf(const std::wstring& path) {
 std::wstring ProcessImagePath(HANDLE process) {
     wchar_t path[MAX_PATH * 2] = {};
     DWORD size = static_cast<DWORD>(std::size(path));
-    return process && ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size)
-                                                                             : std::wstring();
+    return process && ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
 }
 
 std::wstring AgentInstallFolder() {

@@ -41,8 +41,7 @@ void CPoller::Run(void* args) {
         if (m_maxPolls != 0 && count >= m_maxPolls) break;
         std::vector<HANDLE> handles = m_extraHandles;
         handles.push_back(m_stopEvent.get());
-        DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE,
-                                              m_intervalMs);
+        DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, m_intervalMs);
         if (wait != WAIT_TIMEOUT) break;
     }
     EndLoop();

@@ -14,8 +14,8 @@ bool Succeeded(LSTATUS status) {
 }
 
 LSTATUS OpenForWrite(HKEY root, const wchar_t* subKey, UniqueRegKey& key) {
-    return ::RegCreateKeyExW(root, subKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr,
-                             key.put(), nullptr);
+    return ::RegCreateKeyExW(root, subKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr, key.put(),
+                             nullptr);
 }
 
 LSTATUS ReadString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, std::wstring& value) {

@@ -29,8 +29,7 @@ inline constexpr const wchar_t* kPolicyConfig = L"SOFTWARE\\Policies\\Orvane\\Ke
 // True and the value; or false with `value` unchanged and the registry's error code as the
 // thread's last error, which the log keeps.
 [[nodiscard]] bool ReadRegistryDword(HKEY root, const wchar_t* subKey, const wchar_t* valueName, DWORD& value);
-[[nodiscard]] bool ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                                      std::wstring& value);
+[[nodiscard]] bool ReadRegistryString(HKEY root, const wchar_t* subKey, const wchar_t* valueName, std::wstring& value);
 
 // Writers exist for tests and the registration switches; the running service only reads. False
 // with the registry's error code as the last error.

@@ -35,10 +35,10 @@ struct Setting {
     const wchar_t* policyKey;  // the same sub-key below SOFTWARE\Policies; unused with Policy::None
     const wchar_t* valueName;
     Type type;
-    DWORD defaultNumber;  // Dword only
-    DWORD minimum;        // Dword only: what the templates let an administrator set
-    DWORD maximum;        // Dword only
-    const wchar_t* defaultText;  // String only
+    DWORD defaultNumber;               // Dword only
+    DWORD minimum;                     // Dword only: what the templates let an administrator set
+    DWORD maximum;                     // Dword only
+    const wchar_t* defaultText;        // String only
     Counts counts = Counts::Unsigned;  // Dword only
     Policy policy = Policy::Machine;
 
@@ -76,29 +76,39 @@ using NS_Utils::RegKeys::kWex;
 
 // The log's values count only when present and greater than 0, so 0 is never a value of its own.
 // The log file and its mutex are the machine's, so its settings are too.
-inline constexpr Setting kLogLevel{kLogging, kPolicyLogging, L"LogLevel", Type::Dword, 1, 1, 4, nullptr, Counts::AboveZero};
-inline constexpr Setting kLogFileSize{kLogging, kPolicyLogging, L"LogFileSize", Type::Dword, 1024, 1, 1048576, nullptr, Counts::AboveZero};
-inline constexpr Setting kLogFileCount{kLogging, kPolicyLogging, L"LogFileCount", Type::Dword, 10, 1, 1000, nullptr, Counts::AboveZero};
-inline constexpr Setting kLogObfuscationEnabled{kLogging, kPolicyLogging, L"LogObfuscationEnabled", Type::Dword, 0, 0, 1, nullptr, Counts::AboveZero};
-inline constexpr Setting kLogSyncEnabled{kLogging, kPolicyLogging, L"LogSyncEnabled", Type::Dword, 1, 1, 2, nullptr, Counts::AboveZero};
-inline constexpr Setting kWindowsEventLogEnabled{kLogging, kPolicyLogging, L"WindowsEventLogEnabled", Type::Dword, 0, 0, 1, nullptr, Counts::AboveZero};
+inline constexpr Setting kLogLevel{kLogging, kPolicyLogging, L"LogLevel",      Type::Dword, 1, 1,
+                                   4,        nullptr,        Counts::AboveZero};
+inline constexpr Setting kLogFileSize{kLogging, kPolicyLogging, L"LogFileSize", Type::Dword,      1024,
+                                      1,        1048576,        nullptr,        Counts::AboveZero};
+inline constexpr Setting kLogFileCount{kLogging, kPolicyLogging, L"LogFileCount", Type::Dword,      10,
+                                       1,        1000,           nullptr,         Counts::AboveZero};
+inline constexpr Setting kLogObfuscationEnabled{kLogging, kPolicyLogging, L"LogObfuscationEnabled", Type::Dword, 0, 0,
+                                                1,        nullptr,        Counts::AboveZero};
+inline constexpr Setting kLogSyncEnabled{kLogging, kPolicyLogging, L"LogSyncEnabled", Type::Dword, 1, 1,
+                                         2,        nullptr,        Counts::AboveZero};
+inline constexpr Setting kWindowsEventLogEnabled{kLogging, kPolicyLogging, L"WindowsEventLogEnabled", Type::Dword, 0, 0,
+                                                 1,        nullptr,        Counts::AboveZero};
 
 // The identity server and the agent are the machine's; the warning and the grace a user gets
 // on the lease-expiry window may differ per user.
-inline constexpr Setting kFreeSharedIdWaitTime{kWex, kPolicyWex, L"FreeSharedIdWaitTime", Type::Dword, 10000, 1000, 3600000, nullptr};
+inline constexpr Setting kFreeSharedIdWaitTime{kWex,    kPolicyWex, L"FreeSharedIdWaitTime", Type::Dword, 10000, 1000,
+                                               3600000, nullptr};
 inline constexpr Setting kUseLocalKelSettings{kWex, kPolicyWex, L"UseLocalKelSettings", Type::Dword, 0, 0, 1, nullptr};
 inline constexpr Setting kAuthSvc{kWex, kPolicyWex, L"AUTH_SVC", Type::String, 0, 0, 0, L""};
-inline constexpr Setting kLeaseMonitorDeltaTime{kWex, kPolicyWex, L"LeaseMonitorDeltaTime", Type::Dword, 3600, 60, 604800, nullptr,
-                                                Counts::Signed, Policy::MachineAndUser};
-inline constexpr Setting kDefaultLeaseExpiryDuration{kWex, kPolicyWex, L"DefaultLeaseExpiryDuration", Type::Dword, 28800, 60, 604800, nullptr, Counts::Signed};
-inline constexpr Setting kWaitingTimeToKillProcess{kWex, kPolicyWex, L"WaitingTimeToKillProcess", Type::Dword, 120, 10, 3600, nullptr,
-                                                   Counts::Unsigned, Policy::MachineAndUser};
+inline constexpr Setting kLeaseMonitorDeltaTime{
+    kWex,   kPolicyWex, L"LeaseMonitorDeltaTime", Type::Dword,           3600, 60,
+    604800, nullptr,    Counts::Signed,           Policy::MachineAndUser};
+inline constexpr Setting kDefaultLeaseExpiryDuration{
+    kWex, kPolicyWex, L"DefaultLeaseExpiryDuration", Type::Dword, 28800, 60, 604800, nullptr, Counts::Signed};
+inline constexpr Setting kWaitingTimeToKillProcess{
+    kWex,    kPolicyWex,       L"WaitingTimeToKillProcess", Type::Dword, 120, 10, 3600,
+    nullptr, Counts::Unsigned, Policy::MachineAndUser};
 
 // The message libraries installed are the machine's.
 inline constexpr Setting kInstalledLang{kConfig, kPolicyConfig, L"InstalledLang", Type::String, 0, 0, 0, L"en-us"};
 // The agent's installation folder, which holds the log folder and the message libraries.
-inline constexpr Setting kProgramDir{NS_Utils::RegKeys::kProduct, nullptr, L"ProgramDir", Type::String, 0, 0, 0, L"",
-                                     Counts::Unsigned, Policy::None};
+inline constexpr Setting kProgramDir{
+    NS_Utils::RegKeys::kProduct, nullptr, L"ProgramDir", Type::String, 0, 0, 0, L"", Counts::Unsigned, Policy::None};
 
 // Every entry above; the administered ones in the order the templates and the README list them.
 std::span<const Setting> AllSettings();

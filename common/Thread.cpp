@@ -39,8 +39,6 @@ DWORD CThread::Join(DWORD timeoutMs) const {
     return ::WaitForSingleObject(m_thread.get(), timeoutMs);
 }
 
-bool CThread::Terminate(DWORD exitCode) {
-    return m_thread && ::TerminateThread(m_thread.get(), exitCode);
-}
+bool CThread::Terminate(DWORD exitCode) { return m_thread && ::TerminateThread(m_thread.get(), exitCode); }
 
 }  // namespace NS_THREAD_UTILS

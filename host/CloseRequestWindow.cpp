@@ -20,8 +20,8 @@ bool CCloseRequestWindow::Create(std::function<void()> onSessionEnd) {
     m_window.reset(::CreateWindowExW(0, kClassName, L"Tarrow", WS_OVERLAPPED, 0, 0, 0, 0, nullptr, nullptr,
                                      windowClass.hInstance, nullptr));
     if (!m_window) {
-        NS_Log::Log(2, L"[CCloseRequestWindow::Create]\t Cannot create the window; GLE = " +
-                           std::to_wstring(::GetLastError()));
+        NS_Log::Log(
+            2, L"[CCloseRequestWindow::Create]\t Cannot create the window; GLE = " + std::to_wstring(::GetLastError()));
         return false;
     }
     m_onSessionEnd = std::move(onSessionEnd);
@@ -33,8 +33,9 @@ LRESULT CALLBACK CCloseRequestWindow::WindowProc(HWND window, UINT message, WPAR
     if (message == WM_QUERYENDSESSION) return TRUE;
     if (message == WM_ENDSESSION) {
         if (wParam && (lParam & ENDSESSION_CLOSEAPP)) {
-            NS_Log::Log(2, L"[CCloseRequestWindow::WindowProc]\t Asked to close the application: ending in order; "
-                           L"holders run on and their credentials stay on disk.");
+            NS_Log::Log(2,
+                        L"[CCloseRequestWindow::WindowProc]\t Asked to close the application: ending in order; "
+                        L"holders run on and their credentials stay on disk.");
             ::PostQuitMessage(0);
         } else if (wParam) {
             auto* self = reinterpret_cast<CCloseRequestWindow*>(::GetWindowLongPtrW(window, GWLP_USERDATA));

@@ -20,7 +20,8 @@ HRESULT RegisterEventSource() {
 }
 
 HRESULT UnregisterEventSource() {
-    return NS_Utils::DeleteRegistryKey(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey) ? S_OK : NS_Utils::LastRegistryError();
+    return NS_Utils::DeleteRegistryKey(HKEY_LOCAL_MACHINE, NS_EventLog::kSourceKey) ? S_OK
+                                                                                    : NS_Utils::LastRegistryError();
 }
 
 }  // namespace NS_Registration

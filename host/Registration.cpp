@@ -26,9 +26,9 @@ constexpr const wchar_t* kProgId = L"Tarrow.Tarrow.1";
 constexpr const wchar_t* kVersionIndependentProgId = L"Tarrow.Tarrow";
 
 struct Entry {
-    std::wstring key;  // below the classes root
+    std::wstring key;          // below the classes root
     const wchar_t* valueName;  // nullptr: the key's default value
-    std::wstring text;  // written when `isDword` is false; an empty text with no value name makes only the key
+    std::wstring text;         // written when `isDword` is false; an empty text with no value name makes only the key
     bool isDword = false;
     DWORD number = 0;
 };
@@ -63,8 +63,8 @@ std::vector<std::wstring> OwnedKeys() {
 // The scope's classes key, opened into `owner`; the registry's answer as an HRESULT.
 HRESULT OpenClassesRoot(Scope scope, NS_Utils::UniqueRegKey& owner) {
     HKEY base = scope == Scope::AllUsers ? HKEY_LOCAL_MACHINE : HKEY_CURRENT_USER;
-    const LSTATUS status =
-        ::RegCreateKeyExW(base, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, owner.put(), nullptr);
+    const LSTATUS status = ::RegCreateKeyExW(base, L"Software\\Classes", 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                             owner.put(), nullptr);
     return HRESULT_FROM_WIN32(status);
 }
 
@@ -114,7 +114,8 @@ HRESULT UnregisterServer(Scope scope) {
     HKEY root = owner.get();
     HRESULT result = UnregisterTypeLibrary(scope);
     for (const std::wstring& key : OwnedKeys()) {
-        if (!NS_Utils::DeleteRegistryKey(root, key.c_str()) && SUCCEEDED(result)) result = NS_Utils::LastRegistryError();
+        if (!NS_Utils::DeleteRegistryKey(root, key.c_str()) && SUCCEEDED(result))
+            result = NS_Utils::LastRegistryError();
     }
     return result;
 }

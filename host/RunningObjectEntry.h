@@ -23,8 +23,10 @@ public:
                                    IMoniker* moniker) {
         if (m_cookie != 0) return S_FALSE;
         const HRESULT hr = table->Register(flags, object, moniker, &m_cookie);
-        if (FAILED(hr)) m_cookie = 0;
-        else m_table = table;
+        if (FAILED(hr))
+            m_cookie = 0;
+        else
+            m_table = table;
         return hr;
     }
     bool Registered() const noexcept { return m_cookie != 0; }

@@ -3,11 +3,11 @@
 #include "checkin/KelUtils.h"
 #include "common/Log.h"
 #include "host/Registration.h"
-#include "lease/LeaseMonitor.h"
 #include "host/RetryWhileUnavailable.h"
 #include "host/SharedIdSerializer.h"
 #include "host/StatusVariant.h"
 #include "host/TarrowModule.h"
+#include "lease/LeaseMonitor.h"
 
 #include "TarrowVersion.h"
 
@@ -167,7 +167,8 @@ HRESULT CTarrow::ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcI
         if (*result == 0)
             NS_Log::Log(3, L"[Tarrow::ReleaseSharedId]\t Shared ID released successfully.");
         else
-            NS_Log::Log(1, L"[Tarrow::ReleaseSharedId]\t Shared ID release failed with error = " + std::to_wstring(*result));
+            NS_Log::Log(
+                1, L"[Tarrow::ReleaseSharedId]\t Shared ID release failed with error = " + std::to_wstring(*result));
         return S_OK;
     });
 }
@@ -188,7 +189,8 @@ HRESULT CTarrow::GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR au
         }
         NS_Log::Log(3, L"[Tarrow::GetRegisteredSharedId]\t Shared ID already registered in Tarrow.exe.");
         std::vector<std::uint8_t> bytes = NS_DATA_STREAM_UTILS::SerializeSharedId(found);
-        BSTR out = ::SysAllocStringByteLen(reinterpret_cast<const char*>(bytes.data()), static_cast<UINT>(bytes.size()));
+        BSTR out = ::SysAllocStringByteLen(reinterpret_cast<const char*>(bytes.data()),
+                                           static_cast<UINT>(bytes.size()));
         if (!out) return E_OUTOFMEMORY;
         *serialized = out;
         return S_OK;
@@ -236,8 +238,9 @@ HRESULT CTarrow::RegisterInROT() {
     }
     hr = m_rotEntry.Register(table, ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT,
                              static_cast<ITarrowStatus*>(this), moniker.get());
-    NS_Log::Log(3, L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
-                       std::to_wstring(hr));
+    NS_Log::Log(3,
+                L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
+                    std::to_wstring(hr));
     return hr;
 }
 

@@ -38,9 +38,9 @@ public:
 
     // ITarrow
     HRESULT STDMETHODCALLTYPE RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR corvinAuthSrvId,
-                                               BSTR auxText1, BSTR authSvcId, BSTR sharedId, BSTR auxText2,
-                                               BSTR roleId, BSTR auxText4, BSTR leaseDN, BSTR leaseExpiry,
-                                               BSTR auxText3, VARIANT_BOOL flag, BSTR auxText6, DWORD* result) override;
+                                               BSTR auxText1, BSTR authSvcId, BSTR sharedId, BSTR auxText2, BSTR roleId,
+                                               BSTR auxText4, BSTR leaseDN, BSTR leaseExpiry, BSTR auxText3,
+                                               VARIANT_BOOL flag, BSTR auxText6, DWORD* result) override;
     HRESULT STDMETHODCALLTYPE ReleaseSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,
                                               DWORD* result) override;
     HRESULT STDMETHODCALLTYPE GetRegisteredSharedId(DWORD processId, BSTR authSvcUrl, BSTR authSvcId, BSTR roleId,

@@ -62,12 +62,12 @@ CTarrowModule::Switch CTarrowModule::ParseCommandLine(const std::wstring& comman
 HRESULT CTarrowModule::RunSwitch(Switch which) {
     using NS_Registration::Scope;
     switch (which) {
-        case Switch::RegServer: return RegisterForAllUsers();
-        case Switch::UnregServer: return UnregisterForAllUsers();
-        case Switch::RegServerPerUser: return NS_Registration::RegisterServer(Scope::CurrentUser);
-        case Switch::UnregServerPerUser: return NS_Registration::UnregisterServer(Scope::CurrentUser);
-        case Switch::None:
-        case Switch::Unparsable: break;
+    case Switch::RegServer: return RegisterForAllUsers();
+    case Switch::UnregServer: return UnregisterForAllUsers();
+    case Switch::RegServerPerUser: return NS_Registration::RegisterServer(Scope::CurrentUser);
+    case Switch::UnregServerPerUser: return NS_Registration::UnregisterServer(Scope::CurrentUser);
+    case Switch::None:
+    case Switch::Unparsable: break;
     }
     return S_OK;
 }

@@ -22,7 +22,8 @@ std::wstring SingleInstanceMutexName() {
     if (!probe) return kMutexBase;
     wchar_t desktop[260] = {};
     DWORD needed = 0;
-    ::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop), &needed);
+    ::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop),
+                                &needed);
     return std::wstring(kMutexBase) + L"_" + desktop;
 }
 
@@ -35,8 +36,9 @@ std::wstring SingleInstanceMutexName() {
     NS_Utils::UniqueHandle writer(::CreateThread(
         nullptr, 0,
         [](void*) -> DWORD {
-            NS_Log::Log(1, L"[wWinMain]\t A thread (check-in worker or lease poller) did not stop and was ended by "
-                           L"force; the service ends now. Credential files stay for the next start.");
+            NS_Log::Log(1,
+                        L"[wWinMain]\t A thread (check-in worker or lease poller) did not stop and was ended by "
+                        L"force; the service ends now. Credential files stay for the next start.");
             return 0;
         },
         nullptr, 0, nullptr));

@@ -5,15 +5,16 @@
 #include "common/Log.h"
 #include "common/ModulePath.h"
 #include "common/Registry.h"
-#include "sharedid/ExpiryTime.h"
 #include "lease/LMSharedCredListener.h"
 #include "monitor/SharedIdMonitor.h"
+#include "sharedid/ExpiryTime.h"
 
 namespace {
 // The map lock is taken inside the registry lock (AddLeaseExpirationInfo), so it is never held on
 // the way back into the registry; nor while the window, which can wait seconds for its thread, is
 // called.
-constexpr const wchar_t* kMapLockedRule = L"[CLeaseMonitor]\t the registry or the window called under the expiry map lock";
+constexpr const wchar_t* kMapLockedRule =
+    L"[CLeaseMonitor]\t the registry or the window called under the expiry map lock";
 constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
 constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
 constexpr const wchar_t* kUnderRegistryLock = L"[CLeaseMonitor]\t the window called under the monitor lock";
@@ -146,7 +147,8 @@ void CLeaseMonitor::TakeDue(const std::wstring& low, const std::wstring& high, E
 
 void CLeaseMonitor::HandleStale(ExpiryMap& stale, const std::wstring& now) {
     for (auto it = stale.begin(); it != stale.end(); it = stale.erase(it)) {
-        NS_Log::Log(1, kPollTag + std::wstring(L"Expiry time is before time period of monitoring. Current time = ") + now);
+        NS_Log::Log(1,
+                    kPollTag + std::wstring(L"Expiry time is before time period of monitoring. Current time = ") + now);
         WaitForUserActionTimerExpiry(it->second, Registry());
     }
 }
@@ -167,7 +169,8 @@ bool CLeaseMonitor::HandleLeaseExpiration(ExpiryMap::iterator entry) {
     return true;
 }
 
-void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential, SharedIdMonitor* registry) {
+void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>& credential,
+                                                 SharedIdMonitor* registry) {
     m_mapLock.CheckNotHeld(kMapLockedRule);
     std::shared_ptr<CSharedId> live = credential.lock();
     if (!live || !registry) {
@@ -185,13 +188,16 @@ void CLeaseMonitor::WaitForUserActionTimerExpiry(const std::weak_ptr<CSharedId>&
     }
 }
 
-void CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
+void CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice(DWORD processId,
+                                                            const std::weak_ptr<CSharedId>& credential) {
     m_mapLock.CheckNotHeld(kMapLockedRule);
     SharedIdMonitor* registry = Registry();
     NS_Utils::UniqueHandle process = registry ? registry->DuplicateProcessHandle(processId) : NS_Utils::UniqueHandle();
     if (!process) {
-        NS_Log::Log(2, L"[CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice]/t could not get process handle from "
-                       L"SharedIdMonitor for PID = " + std::to_wstring(processId));
+        NS_Log::Log(2,
+                    L"[CLeaseMonitor::OnProcListChanged_ForSharedCredOnNotice]/t could not get process handle from "
+                    L"SharedIdMonitor for PID = " +
+                        std::to_wstring(processId));
         return;
     }
     registry->RegistryLock().CheckNotHeld(kUnderRegistryLock);

@@ -77,7 +77,8 @@ void CCheckInPipeline::RunCheckIns() {
 
 void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
     m_collector.WorkerRule().Check(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
-    for (size_t i = 0; i < batch.size(); ++i) NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
+    for (size_t i = 0; i < batch.size(); ++i)
+        NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
     if (!ReachAgent()) {
         // Once an outage: the event says files are kept, and the one after it that they are back.
         if (!m_keptFiles.load())
@@ -103,8 +104,9 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
             break;
         case NS_CheckIn::Action::kRetryLater:
             if (outcome.reply == NS_CheckIn::Reply::kAnswered)
-                NS_Log::Log(2, kFreeTag + std::wstring(L"Checkin failed due to an error that does not prohibit "
-                                                       L"retrying. Will retry checkin. Error code : ") +
+                NS_Log::Log(2, kFreeTag +
+                                   std::wstring(L"Checkin failed due to an error that does not prohibit "
+                                                L"retrying. Will retry checkin. Error code : ") +
                                    std::to_wstring(outcome.result));
             else
                 NS_Log::Log(2, kFreeTag + std::wstring(L" The agent did not answer the check-in. Will retry checkin."));
@@ -113,8 +115,10 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
             pause = true;
             break;
         case NS_CheckIn::Action::kGiveUp:
-            NS_Log::Log(2, kFreeTag + std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
-                                                   L"Error code : ") + std::to_wstring(outcome.result));
+            NS_Log::Log(2, kFreeTag +
+                               std::wstring(L" Checkin failed due to different Corvin user, give up checkin. "
+                                            L"Error code : ") +
+                               std::to_wstring(outcome.result));
             ReportFinalFailure(*credential, outcome.result);
             Forget(std::move(credential));
             break;
@@ -158,7 +162,8 @@ bool CCheckInPipeline::ReachAgent() {
     const bool reachable = m_releaser.Init();
     m_board.SetAgentReachable(reachable);
     if (reachable && m_keptFiles.exchange(false)) {
-        NS_Log::Log(3, kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
+        NS_Log::Log(3,
+                    kFreeTag + std::wstring(L" The agent can be reached again: taking up the credential files kept."));
         NS_EventLog::Report(NS_EventLog::Event::AgentReachedAgain, {std::to_wstring(m_keptCount.exchange(0))});
         if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
             (void)registry->GCUncheckedInCredentials();  // a failure is logged; the next start tries again
@@ -167,8 +172,10 @@ bool CCheckInPipeline::ReachAgent() {
 }
 
 void CCheckInPipeline::KeepForLater(std::shared_ptr<CSharedId> credential) {
-    NS_Log::Log(2, kFreeTag + std::wstring(L" The agent cannot be reached; the credential file stays for the next "
-                                           L"start or the agent's return: ") + credential->GetFileName());
+    NS_Log::Log(2, kFreeTag +
+                       std::wstring(L" The agent cannot be reached; the credential file stays for the next "
+                                    L"start or the agent's return: ") +
+                       credential->GetFileName());
     credential->ReleaseFileClaim();
     ++m_keptCount;
     m_keptFiles.store(true);

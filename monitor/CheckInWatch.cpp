@@ -13,7 +13,7 @@ CCheckInWatch::~CCheckInWatch() = default;
 
 void CALLBACK CCheckInWatch::OnStuck(void* self, BOOLEAN) {
     const auto* watch = static_cast<const CCheckInWatch*>(self);
-    NS_Log::Log(2, L"[SharedIdMonitor::FreeSharedId]\t The check-in of " + watch->m_credential +
-                       L" has run for " + std::to_wstring(kStuckAfterMs / 1000) +
+    NS_Log::Log(2, L"[SharedIdMonitor::FreeSharedId]\t The check-in of " + watch->m_credential + L" has run for " +
+                       std::to_wstring(kStuckAfterMs / 1000) +
                        L" s without an answer from the agent; later check-ins wait behind it.");
 }

@@ -40,8 +40,10 @@ SharedIdMonitor::SharedIdMonitor() : m_gc(std::make_shared<NS_Utils::CGarbageCol
 
 SharedIdMonitor::~SharedIdMonitor() {
     // Destroyed on the worker, the monitor would free the collector that is running the item.
-    NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
-    NS_Utils::FailFastUnless(Shutdown(), L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed after a thread was ended by force");
+    NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(),
+                             L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
+    NS_Utils::FailFastUnless(Shutdown(),
+                             L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed after a thread was ended by force");
     // Credentials still held are not checked in now; their files bring them back at the next start.
     LockGuard lock(*this);
     while (!processMap.empty()) ErasePMEntry(processMap.begin());
@@ -124,7 +126,8 @@ std::shared_ptr<CSharedId> SharedIdMonitor::FindLiveForRegistration(const std::w
     auto [it, end] = m_AuthToCredMap.equal_range(signature);
     while (it != end) {
         if (std::shared_ptr<CSharedId> live = it->second.weak.lock()) {
-            NS_Log::Log(3, kRegisterTag, L" There exists an already registered credential with signature = " + signature);
+            NS_Log::Log(3, kRegisterTag,
+                        L" There exists an already registered credential with signature = " + signature);
             return live;
         }
         NS_Log::Log(3, kRegisterTag, L" AuthToCredMap found, but weak_ptr is invalid.");
@@ -137,7 +140,8 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     m_lock.CheckHeld(L"[SharedIdMonitor::RegisterLocked]\t called without the monitor lock");
     NS_Log::Log(3, kRegisterTag, L" Started registering shared credential.");
     if (!credential.IsComplete()) {
-        NS_Log::Log(1, kRegisterTag, L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
+        NS_Log::Log(1, kRegisterTag,
+                    L" Error: Shared ID information not completed. Credential Content: " + credential.Dump());
         return kIncomplete;
     }
     if (const wchar_t* field = NS_SHAREDID_UTILS::UnfitStoredField(credential)) {
@@ -188,8 +192,8 @@ void SharedIdMonitor::PersistLocked(CSharedId& credential) {
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
     int result = m_storage.Persist(credential, &holders);
     if (result != PersistantStorage::kOk)
-        NS_Log::Log(1, kRegisterTag, L"Failed to write credential to persistent storage, return value = " +
-                                 std::to_wstring(result));
+        NS_Log::Log(1, kRegisterTag,
+                    L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
 }
 
 std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {
@@ -250,8 +254,9 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         NS_Log::Log(2, kUnregisterTag, L" Error: No existing auth service to credential mapping found.");
         return kNotAlive;
     }
-    NS_Log::Log(3, kUnregisterTag, L" Found " + std::to_wstring(std::distance(first, end)) +
-                               L" shared credential object(s) matching the singature = " + signature);
+    NS_Log::Log(3, kUnregisterTag,
+                L" Found " + std::to_wstring(std::distance(first, end)) +
+                    L" shared credential object(s) matching the singature = " + signature);
 
     std::vector<std::shared_ptr<CSharedId>>& held = entry->second.credentials;
     bool lastAlive = false;
@@ -267,12 +272,15 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         }
         auto mine = std::find(held.begin(), held.end(), live);
         if (mine == held.end()) {
-            NS_Log::Log(2, kUnregisterTag, L" could not find the shared object in the process shared cred list for pid = " +
-                                       std::to_wstring(pid));
+            NS_Log::Log(
+                2, kUnregisterTag,
+                L" could not find the shared object in the process shared cred list for pid = " + std::to_wstring(pid));
             continue;
         }
-        NS_Log::Log(3, kUnregisterTag, L" Strong pointer to shared id object found. Removing it from the vector of that "
-                               L"ProcessMapValue for PID" + Pid(pid));
+        NS_Log::Log(3, kUnregisterTag,
+                    L" Strong pointer to shared id object found. Removing it from the vector of that "
+                    L"ProcessMapValue for PID" +
+                        Pid(pid));
         held.erase(mine);
         // A process that registered the credential twice, or took it over as well, still holds it.
         if (std::find(held.begin(), held.end(), live) == held.end()) {
@@ -282,17 +290,18 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
             // Even when none is left: the process runs on, and a restart must not hold it for it.
             WriteHoldersLocked(*live);
         }
-        NS_Log::Log(3, kUnregisterTag, L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
+        NS_Log::Log(3, kUnregisterTag,
+                    L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
         matched = true;
     }
     if (!matched)
-        NS_Log::Log(2, kUnregisterTag, L" could not find shared object with signature " + signature +
-                                   L" in the process list for pid = " + std::to_wstring(pid) + L" tried to look for " +
-                                   std::to_wstring(count) +
-                                   L" different shared objects (that has the same sig) in the process list");
+        NS_Log::Log(2, kUnregisterTag,
+                    L" could not find shared object with signature " + signature + L" in the process list for pid = " +
+                        std::to_wstring(pid) + L" tried to look for " + std::to_wstring(count) +
+                        L" different shared objects (that has the same sig) in the process list");
     if (held.empty()) {
-        NS_Log::Log(3, kUnregisterTag, L" Process not holding anymore shared credentials. Removing PID" + Pid(pid) +
-                                   L" from processMap");
+        NS_Log::Log(3, kUnregisterTag,
+                    L" Process not holding anymore shared credentials. Removing PID" + Pid(pid) + L" from processMap");
         ErasePMEntry(entry);
     }
     return lastAlive ? kOk : kNotAlive;
@@ -340,8 +349,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
     return found;
 }
 
-bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered,
-                                Listeners& listeners) {
+bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners) {
     m_lock.CheckHeld(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
     auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
@@ -383,8 +391,9 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
     }
     NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid));
     if (!process) {
-        NS_Log::Log(1, kInsertTag, L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
-                               std::to_wstring(::GetLastError()));
+        NS_Log::Log(1, kInsertTag,
+                    L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
+                        std::to_wstring(::GetLastError()));
         return processMap.end();
     }
     NS_Log::Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");

@@ -57,8 +57,10 @@ NS_Utils::UniqueHandle SharedIdMonitor::DuplicateProcessHandle(DWORD pid) {
 
 bool SharedIdMonitor::TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag) {
     if (!process) {
-        NS_Log::Log(2, tag + std::wstring(L" handled to one of the process that shares the shared cred object could "
-                                          L"not be got. PID = ") + std::to_wstring(pid));
+        NS_Log::Log(2, tag +
+                           std::wstring(L" handled to one of the process that shares the shared cred object could "
+                                        L"not be got. PID = ") +
+                           std::to_wstring(pid));
         return false;
     }
     if (!::TerminateProcess(process, kTerminatedExitCode)) {

@@ -70,7 +70,8 @@ void SharedIdMonitor::OnSharedIDReadyForGC(const std::wstring& signature, const 
     for (; it != end; ++it) {
         if (it->second.address == record) {
             m_AuthToCredMap.erase(it);
-            NS_Log::Log(3, kReadyTag + std::wstring(L" entry with signature ") + signature + L" removed from m_AuthToCredMap");
+            NS_Log::Log(
+                3, kReadyTag + std::wstring(L" entry with signature ") + signature + L" removed from m_AuthToCredMap");
             return;
         }
     }
@@ -112,7 +113,8 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
         m_pipeline.CheckInFromFile(std::move(credential));
         ++count;
     }
-    NS_Log::Log(3, kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
+    NS_Log::Log(3,
+                kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
     UpdateCredentialsHeld();
     // Nothing holds these any more: they are checked in now, not at the first registration.
     (void)m_gc->Start();  // a failure is logged and shown in the status
@@ -180,9 +182,11 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
         PersistLocked(*credential);
     else if (added)
         WriteHoldersLocked(*credential);
-    NS_Log::Log(3, kGcTag + std::wstring(entries.empty() ? L" Already held for its running holders: the shared id with leaseDN = "
-                                                         : L" Held again for its running holders: the shared id with leaseDN = ") +
-                       credential->GetLeaseDN());
+    NS_Log::Log(
+        3, kGcTag +
+               std::wstring(entries.empty() ? L" Already held for its running holders: the shared id with leaseDN = "
+                                            : L" Held again for its running holders: the shared id with leaseDN = ") +
+               credential->GetLeaseDN());
     return true;
 }
 

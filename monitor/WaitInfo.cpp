@@ -14,8 +14,10 @@ bool WaitInfo::Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBA
     m_context = std::make_unique<std::shared_ptr<WaitInfo>>(self);
     if (!::RegisterWaitForSingleObject(&m_hWait, m_process.get(), callback, m_context.get(), INFINITE,
                                        WT_EXECUTEONLYONCE)) {
-        NS_Log::Log(1, L"SharedIdMonitor::StartWaitForProcess\t Error while trying to register wait for single "
-                       L"object. Error code = " + std::to_wstring(::GetLastError()));
+        NS_Log::Log(1,
+                    L"SharedIdMonitor::StartWaitForProcess\t Error while trying to register wait for single "
+                    L"object. Error code = " +
+                        std::to_wstring(::GetLastError()));
         m_context.reset();
         return false;
     }

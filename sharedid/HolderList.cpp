@@ -83,7 +83,8 @@ bool WriteHolderList(const std::wstring& credentialPath, const std::vector<Holde
     const std::wstring path = HolderListPath(credentialPath);
     const std::wstring pending = path + kPendingSuffix;
     // Renamed, not written in place: a crash mid-write must not leave a list that names fewer holders.
-    if (WriteWhole(pending, FormatList(holders)) && ::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING))
+    if (WriteWhole(pending, FormatList(holders)) &&
+        ::MoveFileExW(pending.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING))
         return true;
     ::DeleteFileW(pending.c_str());
     return false;

@@ -5,7 +5,6 @@
 #include "sharedid/SharedIdFile.h"
 
 
-
 namespace {
 std::wstring AppDataFolder() {
     std::wstring value(MAX_PATH, L'\0');
@@ -61,9 +60,8 @@ PersistantStorage::PersistantStorage() {
 std::wstring PersistantStorage::NewFileName() {
     SYSTEMTIME t;
     ::GetLocalTime(&t);
-    return std::to_wstring(t.wYear) + std::to_wstring(t.wMonth) + std::to_wstring(t.wDay) +
-           std::to_wstring(t.wHour) + std::to_wstring(t.wMinute) + std::to_wstring(t.wSecond) +
-           std::to_wstring(t.wMilliseconds) + L".dat";
+    return std::to_wstring(t.wYear) + std::to_wstring(t.wMonth) + std::to_wstring(t.wDay) + std::to_wstring(t.wHour) +
+           std::to_wstring(t.wMinute) + std::to_wstring(t.wSecond) + std::to_wstring(t.wMilliseconds) + L".dat";
 }
 
 int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProcess>* holders) {
@@ -91,7 +89,8 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
         // A partly written file would be unreadable for good, and the name may be another's.
         list.reset();
-        if (file) (void)DeleteFiles(record.GetFileName(), CFileClaim(std::move(file)));  // its failure joins the errors kept
+        if (file)
+            (void)DeleteFiles(record.GetFileName(), CFileClaim(std::move(file)));  // its failure joins the errors kept
         record.SetFileName(previous);
         KeepErrors(errors, L"PersistantStorage::Persist");
         return kWriteFailed;
@@ -210,12 +209,14 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         if (!claim) {
             const DWORD error = ::GetLastError();
             if (error == ERROR_SHARING_VIOLATION)
-                NS_Log::Log(3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+                NS_Log::Log(
+                    3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
             // Read-only, or denied to this user: taken up without a claim, it would be checked in
             // again at every take-up and could never be deleted.
             else if (error != ERROR_FILE_NOT_FOUND && FirstReport(path))
-                NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Leaving credential file that cannot be claimed (error " +
-                                   std::to_wstring(error) + L"): " + path);
+                NS_Log::Log(1,
+                            L"[PersistantStorage::EnumCreds]\t Leaving credential file that cannot be claimed (error " +
+                                std::to_wstring(error) + L"): " + path);
             continue;
         }
         // A crash between making a credential's file and writing it leaves it empty: it holds
@@ -257,7 +258,8 @@ int PersistantStorage::Delete(CSharedId& record) {
 }
 
 int PersistantStorage::DeleteFiles(const std::wstring& path, CFileClaim claim) {
-    const bool deleted = claim.Held() ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.Handle()) : ::DeleteFileW(path.c_str());
+    const bool deleted = claim.Held() ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.Handle())
+                                      : ::DeleteFileW(path.c_str());
     const DWORD error = ::GetLastError();
     // The file goes as the claim closes. Its list after it: a list left alone is removed at the
     // next start, a credential file left without its list would be checked in under its holders.

@@ -17,16 +17,16 @@
 #include <list>
 #include <optional>
 #include <set>
-#include <vector>
 #include <string>
+#include <vector>
 
 class PersistantStorage {
 public:
     enum Result : int {
         kOk = 0,
-        kRecordUnfit = 2,       // incomplete, or without a file name
-        kFolderUnknown = 4,     // "appdata" could not be read
-        kWriteFailed = 16,      // the file could not be created or written
+        kRecordUnfit = 2,    // incomplete, or without a file name
+        kFolderUnknown = 4,  // "appdata" could not be read
+        kWriteFailed = 16,   // the file could not be created or written
         kEnumerationFailed = 17,
         kDeleteFailed = 18,
     };

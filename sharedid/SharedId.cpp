@@ -52,8 +52,8 @@ CSharedId CSharedId::SignatureKey(const std::wstring& corvinAuthSvcUrl, const st
 }
 
 bool CSharedId::IsComplete() const {
-    return !m_corvinAuthSvcUrl.empty() && !m_corvinAuthSrvId.empty() && !m_authSvcId.empty() &&
-           !m_sharedId.empty() && !m_roleId.empty() && !m_leaseDN.empty();
+    return !m_corvinAuthSvcUrl.empty() && !m_corvinAuthSrvId.empty() && !m_authSvcId.empty() && !m_sharedId.empty() &&
+           !m_roleId.empty() && !m_leaseDN.empty();
 }
 
 bool CSharedId::HasSignature() const {

@@ -56,11 +56,10 @@ public:
     CSharedId() = default;
     // Texts in the order the COM interface passes them; the enterprise identity is the caller's
     // to set (the service asks the agent for it).
-    CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& corvinAuthSrvId,
-              const std::wstring& auxText1, const std::wstring& authSvcId, const std::wstring& sharedId,
-              const std::wstring& auxText2, const std::wstring& roleId, const std::wstring& auxText4,
-              const std::wstring& leaseDN, const std::wstring& leaseExpiry, bool flag,
-              const std::wstring& auxText3, const std::wstring& auxText6);
+    CSharedId(const std::wstring& corvinAuthSvcUrl, const std::wstring& corvinAuthSrvId, const std::wstring& auxText1,
+              const std::wstring& authSvcId, const std::wstring& sharedId, const std::wstring& auxText2,
+              const std::wstring& roleId, const std::wstring& auxText4, const std::wstring& leaseDN,
+              const std::wstring& leaseExpiry, bool flag, const std::wstring& auxText3, const std::wstring& auxText6);
     // A look-up key: only the three texts of the signature, no enterprise identity.
     static CSharedId SignatureKey(const std::wstring& corvinAuthSvcUrl, const std::wstring& authSvcId,
                                   const std::wstring& roleId);

@@ -75,10 +75,17 @@ bool FailWithError(std::list<DWORD>& errors, DWORD step, const std::wstring& mes
 
 std::wstring FormatSharedIdText(const CSharedId& record) {
     std::wostringstream out;
-    out << record.GetCorvinAuthSvcUrl() << L"\n" << record.GetCorvinAuthSrvId() << L"\n"
-        << record.GetAuthSvcId() << L"\n" << record.GetSharedId() << L"\n" << record.GetRoleId() << L"\n"
-        << record.GetAuxText4() << L"\n" << record.GetLeaseDN() << L"\n" << record.GetAuxText1() << L"\n"
-        << record.GetLeaseExpiry() << L"\n" << record.GetEnterpriseId() << L"\n" << record.GetFlag();
+    out << record.GetCorvinAuthSvcUrl() << L"\n"
+        << record.GetCorvinAuthSrvId() << L"\n"
+        << record.GetAuthSvcId() << L"\n"
+        << record.GetSharedId() << L"\n"
+        << record.GetRoleId() << L"\n"
+        << record.GetAuxText4() << L"\n"
+        << record.GetLeaseDN() << L"\n"
+        << record.GetAuxText1() << L"\n"
+        << record.GetLeaseExpiry() << L"\n"
+        << record.GetEnterpriseId() << L"\n"
+        << record.GetFlag();
     return out.str();
 }
 
@@ -149,12 +156,16 @@ const wchar_t* UnfitStoredField(const CSharedId& record) {
         const std::wstring& (CSharedId::*text)() const;
     };
     // In the file's order: the first nine are read back with a bounded line read.
-    static constexpr Field kFields[] = {
-        {L"Corvin Auth Svc Url", &CSharedId::GetCorvinAuthSvcUrl}, {L"Corvin Auth Srv ID", &CSharedId::GetCorvinAuthSrvId},
-        {L"Auth Svc ID", &CSharedId::GetAuthSvcId},                {L"Shared ID", &CSharedId::GetSharedId},
-        {L"Role ID", &CSharedId::GetRoleId},                       {L"auxText4", &CSharedId::GetAuxText4},
-        {L"LeaseDN", &CSharedId::GetLeaseDN},                      {L"auxText1", &CSharedId::GetAuxText1},
-        {L"lease expiry", &CSharedId::GetLeaseExpiry},             {L"enterprise id", &CSharedId::GetEnterpriseId}};
+    static constexpr Field kFields[] = {{L"Corvin Auth Svc Url", &CSharedId::GetCorvinAuthSvcUrl},
+                                        {L"Corvin Auth Srv ID", &CSharedId::GetCorvinAuthSrvId},
+                                        {L"Auth Svc ID", &CSharedId::GetAuthSvcId},
+                                        {L"Shared ID", &CSharedId::GetSharedId},
+                                        {L"Role ID", &CSharedId::GetRoleId},
+                                        {L"auxText4", &CSharedId::GetAuxText4},
+                                        {L"LeaseDN", &CSharedId::GetLeaseDN},
+                                        {L"auxText1", &CSharedId::GetAuxText1},
+                                        {L"lease expiry", &CSharedId::GetLeaseExpiry},
+                                        {L"enterprise id", &CSharedId::GetEnterpriseId}};
     constexpr size_t kBoundedItems = 9;
     for (size_t i = 0; i < std::size(kFields); ++i) {
         const std::wstring& text = (record.*kFields[i].text)();
@@ -165,10 +176,9 @@ const wchar_t* UnfitStoredField(const CSharedId& record) {
 }
 
 bool readSharedIdFromFile(CSharedId& record, const std::wstring& path, std::list<DWORD>& errors) {
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                              nullptr, OPEN_EXISTING, 0, nullptr));
-    if (!file)
-        return FailWithError(errors, kStepFile, L"[::readSharedIdFromFile]\t CreateFile error. Error = ");
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
+    if (!file) return FailWithError(errors, kStepFile, L"[::readSharedIdFromFile]\t CreateFile error. Error = ");
     return readSharedIdFromHandle(record, file.get(), errors);
 }
 

@@ -17,7 +17,7 @@ inline constexpr DWORD kStepRecord = 4;
 // With `keepOpen`, the written file stays open through it (read and write shared, delete not).
 // The text is on the disk when this returns true.
 [[nodiscard]] bool writeSharedIdToFile(const CSharedId& record, const std::wstring& path, std::list<DWORD>& errors,
-                         NS_Utils::UniqueHandle* keepOpen = nullptr);
+                                       NS_Utils::UniqueHandle* keepOpen = nullptr);
 // The two halves of the write: a new empty file (never an existing one), opened for reading,
 // writing and deletion, read and write shared; then the record's text written through it and
 // flushed to the disk.

@@ -12,12 +12,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
-#include <thread>
-#include <tuple>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <set>
+#include <thread>
+#include <tuple>
 
 using testsupport::ChildProcess;
 
@@ -158,14 +158,16 @@ private:
         CheckNoEarlyCheckIn(step);
         DWORD result = 99;
         const DWORD pid = holder.Id();
-        const bool answered = Answered([&](DWORD& out) {
-            auto url = Bstr(SignatureUrl(signature)), srv = Bstr(L"srv-sweep"), svc = Bstr(SignatureService(signature)),
-                 account = Bstr(L"acct-sweep"), role = Bstr(SignatureRole(signature)), lease = Bstr(dn),
-                 expiry = Bstr(L"20301231T120000Z");
-            return m_tarrow->RegisterSharedId(pid, url.get(), srv.get(), nullptr, svc.get(), account.get(), nullptr,
-                                              role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE,
-                                              nullptr, &out);
-        }, result, step);
+        const bool answered = Answered(
+            [&](DWORD& out) {
+                auto url = Bstr(SignatureUrl(signature)), srv = Bstr(L"srv-sweep"),
+                     svc = Bstr(SignatureService(signature)), account = Bstr(L"acct-sweep"),
+                     role = Bstr(SignatureRole(signature)), lease = Bstr(dn), expiry = Bstr(L"20301231T120000Z");
+                return m_tarrow->RegisterSharedId(pid, url.get(), srv.get(), nullptr, svc.get(), account.get(), nullptr,
+                                                  role.get(), nullptr, lease.get(), expiry.get(), nullptr, VARIANT_TRUE,
+                                                  nullptr, &out);
+            },
+            result, step);
         if (!answered) return;
         if (result != 0) return Violation(step, "registration answered " + std::to_string(result));
         m_registered.insert(Narrow(dn));
@@ -176,11 +178,13 @@ private:
         CheckNoEarlyCheckIn(step);
         DWORD result = 99;
         const DWORD pid = holder.Id();
-        if (!Answered([&](DWORD& out) {
-                auto url = Bstr(SignatureUrl(signature)), svc = Bstr(SignatureService(signature)),
-                     role = Bstr(SignatureRole(signature));
-                return m_tarrow->ReleaseSharedId(pid, url.get(), svc.get(), role.get(), &out);
-            }, result, step))
+        if (!Answered(
+                [&](DWORD& out) {
+                    auto url = Bstr(SignatureUrl(signature)), svc = Bstr(SignatureService(signature)),
+                         role = Bstr(SignatureRole(signature));
+                    return m_tarrow->ReleaseSharedId(pid, url.get(), svc.get(), role.get(), &out);
+                },
+                result, step))
             return;
         // 7: the instance that let it go ended before answering, and the next one holds it no more.
         if (result != 0 && result != 7) return Violation(step, "release answered " + std::to_string(result));
@@ -204,7 +208,8 @@ private:
         const std::wstring path = CredentialFolder() + name, pending = std::wstring(kInstallFolder) + name;
         if (holder) {
             const HolderProcess listed{holder->Id(), NS_SHAREDID_UTILS::ProcessCreationTime(holder->Handle())};
-            if (!NS_SHAREDID_UTILS::WriteHolderList(path, {listed})) return Violation("setup", "a holder list could not be forged");
+            if (!NS_SHAREDID_UTILS::WriteHolderList(path, {listed}))
+                return Violation("setup", "a holder list could not be forged");
             m_holding[Narrow(dn)].insert(holder->Id());
         }
         const std::wstring text = NS_SHAREDID_UTILS::FormatSharedIdText(record);
@@ -216,23 +221,27 @@ private:
 
     // Waits for the check-ins, keeping the service running meanwhile.
     void WaitCheckedIn(const std::vector<std::wstring>& dns, const std::string& step) {
-        const bool done = testsupport::WaitUntil([&] {
-            CheckNoEarlyCheckIn(step);
-            if (!m_service.Running()) Reach();
-            const Journal journal = Journal::Read(standin::JournalPath());
-            for (const std::wstring& dn : dns)
-                if (!journal.Has(Narrow(dn))) return false;
-            return true;
-        }, kSettleMs);
+        const bool done = testsupport::WaitUntil(
+            [&] {
+                CheckNoEarlyCheckIn(step);
+                if (!m_service.Running()) Reach();
+                const Journal journal = Journal::Read(standin::JournalPath());
+                for (const std::wstring& dn : dns)
+                    if (!journal.Has(Narrow(dn))) return false;
+                return true;
+            },
+            kSettleMs);
         if (!done) Violation(step, "not checked in within " + std::to_string(kSettleMs / 1000) + " s");
     }
 
     // Waits until the service's log shows `text` (or the time runs out), keeping it running.
     void Settle(const std::wstring& text, DWORD timeoutMs) {
-        testsupport::WaitUntil([&] {
-            if (!m_service.Running()) Reach();
-            return LogText().find(text, m_logStart) != std::wstring::npos;
-        }, timeoutMs);
+        testsupport::WaitUntil(
+            [&] {
+                if (!m_service.Running()) Reach();
+                return LogText().find(text, m_logStart) != std::wstring::npos;
+            },
+            timeoutMs);
     }
 
     // No credential is checked in while a process that registered it (and did not let go) runs.
@@ -244,10 +253,12 @@ private:
     }
 
     void Finish() {
-        const bool settled = testsupport::WaitUntil([&] {
-            if (!m_service.Running()) Reach();
-            return CredentialFiles().empty() && LeaseCount() == 0;
-        }, kSettleMs);
+        const bool settled = testsupport::WaitUntil(
+            [&] {
+                if (!m_service.Running()) Reach();
+                return CredentialFiles().empty() && LeaseCount() == 0;
+            },
+            kSettleMs);
         const Journal journal = Journal::Read(standin::JournalPath());
         for (const std::string& dn : m_registered)
             if (!journal.Has(dn)) Violation("end", dn + " never checked in");
@@ -263,7 +274,7 @@ private:
     unsigned m_run;
     RunResult& m_result;
     NS_Utils::ComPtr<ITarrow> m_tarrow;
-    std::set<std::string> m_registered;              // answered 0, or left in a forged file
+    std::set<std::string> m_registered;                // answered 0, or left in a forged file
     std::map<std::string, std::set<DWORD>> m_holding;  // by lease DN: registered, not let go, running
     std::set<std::string> m_reported;
     size_t m_logStart = LogText().size();
@@ -287,12 +298,14 @@ RunResult RunOnce(unsigned run, const Step& step, std::vector<DWORD>* threadsAtA
     const std::vector<DWORD> threads = Strace::Threads(linuxPid);
     DWORD onlyThread = 0;
     if (step.thread >= 0) {
-        if (static_cast<size_t>(step.thread) < threads.size()) onlyThread = threads[static_cast<size_t>(step.thread)];
-        else result.violations.push_back("setup: Tarrow has fewer threads than when its steps were recorded");
+        if (static_cast<size_t>(step.thread) < threads.size())
+            onlyThread = threads[static_cast<size_t>(step.thread)];
+        else
+            result.violations.push_back("setup: Tarrow has fewer threads than when its steps were recorded");
     }
-    const bool attached = linuxPid != 0 && (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
-                                                        : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n,
-                                                                        onlyThread));
+    const bool attached = linuxPid != 0 &&
+                          (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
+                                       : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n, onlyThread));
     if (!attached) result.violations.push_back("setup: strace could not attach to Tarrow");
     if (threadsAtAttach) *threadsAtAttach = threads;
     NS_Utils::ComApartment com;
@@ -373,8 +386,9 @@ std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
     if (const size_t at = call.bytes.find(folder); at != std::string::npos) {
         std::string name;
         // The name runs on into whatever the request carries after it.
-        for (size_t i = at + folder.size(); i + 1 < call.bytes.size() && call.bytes[i + 1] == '\0' &&
-                                            (std::isalnum(static_cast<unsigned char>(call.bytes[i])) || call.bytes[i] == '.');
+        for (size_t i = at + folder.size();
+             i + 1 < call.bytes.size() && call.bytes[i + 1] == '\0' &&
+             (std::isalnum(static_cast<unsigned char>(call.bytes[i])) || call.bytes[i] == '.');
              i += 2)
             name += call.bytes[i];
         return "request naming " + name;
@@ -445,8 +459,10 @@ int RunCrashSweep(const Options& options) {
     const auto late = std::count_if(plan.begin(), plan.end(), [](const Step& s) { return s.thread < 0; });
     std::printf("  recording run          %.1f s, %u violations, %zu calls traced, %zu threads at the attach\n",
                 recording.seconds, static_cast<unsigned>(recording.violations.size()), calls.size(), threads.size());
-    std::printf("  file steps, each with the call right after it: %zu (%ld in threads started later, killed at\n"
-                "  that call of whichever thread reaches it first)\n", plan.size(), static_cast<long>(late));
+    std::printf(
+        "  file steps, each with the call right after it: %zu (%ld in threads started later, killed at\n"
+        "  that call of whichever thread reaches it first)\n",
+        plan.size(), static_cast<long>(late));
     for (const std::string& v : recording.violations) std::printf("    violation: %s\n", v.c_str());
 
     std::vector<Step> steps;

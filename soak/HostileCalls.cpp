@@ -17,9 +17,18 @@ const std::wstring kResultFolder = std::wstring(kInstallFolder) + L"hostile\\";
 constexpr size_t kHugeUnits = 512 * 1024;  // 1 MB of text
 
 // The sentinel: a signature that no random call can produce (random texts never hold '#').
-const std::array<std::wstring, 12> kSentinel = {
-    L"https://corvin/#sentinel", L"srv-#", L"aux1-#", L"svc-#", L"acct-#", L"aux2-#", L"role-#", L"aux4-#",
-    L"cn=#sentinel", L"20301231T120000Z", L"aux3-#", L"aux6-#"};
+const std::array<std::wstring, 12> kSentinel = {L"https://corvin/#sentinel",
+                                                L"srv-#",
+                                                L"aux1-#",
+                                                L"svc-#",
+                                                L"acct-#",
+                                                L"aux2-#",
+                                                L"role-#",
+                                                L"aux4-#",
+                                                L"cn=#sentinel",
+                                                L"20301231T120000Z",
+                                                L"aux3-#",
+                                                L"aux6-#"};
 
 bool OneOf(DWORD value, std::initializer_list<DWORD> documented) {
     for (DWORD d : documented)
@@ -36,8 +45,19 @@ class HostileClient {
 public:
     HostileClient(unsigned seed, DWORD tarrowPid, std::vector<DWORD> deadPids)
         : m_rng(seed), m_tarrowPid(tarrowPid), m_deadPids(std::move(deadPids)) {
-        const wchar_t* pool[] = {L"a", L"b", L"https://corvin/a", L"svc", L"role", L"cn=x", L"20301231T120000Z",
-                                 L"not a time", L"\x00e9\x4e2d\xd83d\xde00", L" ", L"a\nb", L"\n", L"line\nfeed\n"};
+        const wchar_t* pool[] = {L"a",
+                                 L"b",
+                                 L"https://corvin/a",
+                                 L"svc",
+                                 L"role",
+                                 L"cn=x",
+                                 L"20301231T120000Z",
+                                 L"not a time",
+                                 L"\x00e9\x4e2d\xd83d\xde00",
+                                 L" ",
+                                 L"a\nb",
+                                 L"\n",
+                                 L"line\nfeed\n"};
         for (const wchar_t* text : pool) m_texts.emplace_back(std::wstring(text));
         m_huge = NS_Utils::UniqueBstr(std::wstring(kHugeUnits, L'h'));
         m_empty = NS_Utils::UniqueBstr(std::wstring());
@@ -69,11 +89,11 @@ private:
 
     DWORD Pid() {
         switch (m_rng() % 7) {
-            case 0: return 0;
-            case 1: return m_tarrowPid;
-            case 2: return m_deadPids.empty() ? 0 : m_deadPids[m_rng() % m_deadPids.size()];
-            case 3: return 0x40000000u + (m_rng() & 0x3FFFFFFCu);
-            default: return ::GetCurrentProcessId();
+        case 0: return 0;
+        case 1: return m_tarrowPid;
+        case 2: return m_deadPids.empty() ? 0 : m_deadPids[m_rng() % m_deadPids.size()];
+        case 3: return 0x40000000u + (m_rng() & 0x3FFFFFFCu);
+        default: return ::GetCurrentProcessId();
         }
     }
 
@@ -102,8 +122,9 @@ private:
         const VARIANT_BOOL ownOnly = m_rng() % 2 ? VARIANT_FALSE : static_cast<VARIANT_BOOL>(m_rng() | 1);
         HRESULT hr = tarrow->GetRegisteredSharedId(Pid(), Text(0), Text(3), Text(6), ownOnly, record.put());
         tarrowctl::DecodedRecord fields;
-        const bool decoded = record.get() && tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(record.get()),
-                                                                     record.ByteLength(), fields);
+        const bool decoded = record.get() &&
+                             tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(record.get()),
+                                                     record.ByteLength(), fields);
         counts.found += hr == S_OK;
         Check(counts, hr, (hr == S_OK && decoded) || (hr == S_FALSE && !record.get()), L"GetRegisteredSharedId", 0);
     }
@@ -147,9 +168,9 @@ DWORD RegisterSentinel(ITarrow* tarrow, DWORD holder) {
     std::array<NS_Utils::UniqueBstr, 12> b;
     for (size_t i = 0; i < b.size(); ++i) b[i] = NS_Utils::UniqueBstr(kSentinel[i]);
     DWORD result = 0xDEAD;
-    HRESULT hr = tarrow->RegisterSharedId(holder, b[0].get(), b[1].get(), b[2].get(), b[3].get(), b[4].get(), b[5].get(),
-                                          b[6].get(), b[7].get(), b[8].get(), b[9].get(), b[10].get(), VARIANT_TRUE,
-                                          b[11].get(), &result);
+    HRESULT hr = tarrow->RegisterSharedId(holder, b[0].get(), b[1].get(), b[2].get(), b[3].get(), b[4].get(),
+                                          b[5].get(), b[6].get(), b[7].get(), b[8].get(), b[9].get(), b[10].get(),
+                                          VARIANT_TRUE, b[11].get(), &result);
     return SUCCEEDED(hr) ? result : hr;
 }
 
@@ -162,11 +183,9 @@ bool SentinelIntact(ITarrow* tarrow) {
     tarrowctl::DecodedRecord fields;
     if (!tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(record.get()), record.ByteLength(), fields))
         return false;
-    const std::pair<const wchar_t*, size_t> expected[] = {{L"corvinAuthSvcUrl", 0}, {L"corvinAuthSrvId", 1},
-                                                         {L"authSvcId", 3},        {L"sharedId", 4},
-                                                         {L"auxText2", 5},         {L"roleId", 6},
-                                                         {L"auxText4", 7},         {L"leaseDN", 8},
-                                                         {L"leaseExpiry", 9}};
+    const std::pair<const wchar_t*, size_t> expected[] = {
+        {L"corvinAuthSvcUrl", 0}, {L"corvinAuthSrvId", 1}, {L"authSvcId", 3}, {L"sharedId", 4},   {L"auxText2", 5},
+        {L"roleId", 6},           {L"auxText4", 7},        {L"leaseDN", 8},   {L"leaseExpiry", 9}};
     for (const auto& [name, slot] : expected)
         for (const auto& [field, value] : fields)
             if (field == name && value != kSentinel[slot]) return false;
@@ -186,8 +205,9 @@ ClientCounts ReadCounts(const std::wstring& path) {
 }
 
 void PrintResources(const char* when, DWORD handles, const MemoryFigures& memory) {
-    std::printf("  %-7s handles %5lu, committed %8.1f MB, working set %8.1f MB\n", when, static_cast<unsigned long>(handles),
-                static_cast<double>(memory.committed) / (1 << 20), static_cast<double>(memory.workingSet) / (1 << 20));
+    std::printf("  %-7s handles %5lu, committed %8.1f MB, working set %8.1f MB\n", when,
+                static_cast<unsigned long>(handles), static_cast<double>(memory.committed) / (1 << 20),
+                static_cast<double>(memory.workingSet) / (1 << 20));
 }
 
 struct HostileFacts {
@@ -218,7 +238,8 @@ ClientCounts CollectCounts(unsigned long clients, std::wstring& problems) {
     for (unsigned long i = 0; i < clients; ++i) {
         const ClientCounts c = ReadCounts(kResultFolder + L"c" + std::to_wstring(i) + L".txt");
         total.registrations += c.registrations, total.releases += c.releases, total.queries += c.queries;
-        total.found += c.found, total.accepted += c.accepted, total.undocumented += c.undocumented, total.failed += c.failed;
+        total.found += c.found, total.accepted += c.accepted, total.undocumented += c.undocumented,
+            total.failed += c.failed;
         if (c.firstProblem.size() > 1) problems += L"    client " + std::to_wstring(i) + L":" + c.firstProblem + L"\n";
     }
     return total;
@@ -240,7 +261,8 @@ int Report(const Options& options, const HostileFacts& f, ULONGLONG started) {
     std::printf("  credentials settled    %s\n", f.settled ? "yes" : "NO");
     PrintResources("before", f.handlesBefore, f.memoryBefore);
     PrintResources("after", f.handlesAfter, f.memoryAfter);
-    std::printf("  sentinel registered    %lu, intact %s\n", static_cast<unsigned long>(f.sentinel), f.intact ? "yes" : "NO");
+    std::printf("  sentinel registered    %lu, intact %s\n", static_cast<unsigned long>(f.sentinel),
+                f.intact ? "yes" : "NO");
     std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
     const bool ok = !f.hung && calls == options.calls && f.total.undocumented == 0 && f.total.failed == 0 && f.up &&
                     f.settled && handlesBack && memoryBack && f.sentinel == 0 && f.intact;
@@ -279,7 +301,8 @@ int RunHostileCalls(const Options& options) {
     NS_Utils::ComApartment com;
     Service service;
     NS_Utils::ComPtr<ITarrow> tarrow;
-    if (!StartAnswering(service) || FAILED(ConnectAndProbe(tarrow, 30000))) return std::fprintf(stderr, "Tarrow did not start\n"), 2;
+    if (!StartAnswering(service) || FAILED(ConnectAndProbe(tarrow, 30000)))
+        return std::fprintf(stderr, "Tarrow did not start\n"), 2;
     ChildProcess sentinelHolder = ChildProcess::Start(L"tarrow_soak.exe", L"idle");
     HostileFacts facts;
     facts.sentinel = RegisterSentinel(tarrow.get(), sentinelHolder.Id());

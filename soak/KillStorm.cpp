@@ -42,7 +42,8 @@ public:
         : m_rng(seed * 2654435761u + static_cast<unsigned>(round) * 40503u + static_cast<unsigned>(index)),
           m_round(round),
           m_index(index),
-          m_ledger(::CreateFileW(ledger.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr)) {}
+          m_ledger(::CreateFileW(ledger.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr)) {
+    }
 
     void Run() {
         if (!Reach()) return;
@@ -65,9 +66,9 @@ private:
 
     HRESULT Register(int signature) {
         const std::wstring dn = LeaseDn(signature, m_round, m_index, m_sequence++);
-        NS_Utils::UniqueBstr url(SignatureUrl(signature)), srv(std::wstring(L"srv-soak")), svc(SignatureService(signature)),
-            account(L"acct-" + std::to_wstring(signature)), role(SignatureRole(signature)), lease(dn),
-            expiry(std::wstring(L"20301231T120000Z"));
+        NS_Utils::UniqueBstr url(SignatureUrl(signature)), srv(std::wstring(L"srv-soak")),
+            svc(SignatureService(signature)), account(L"acct-" + std::to_wstring(signature)),
+            role(SignatureRole(signature)), lease(dn), expiry(std::wstring(L"20301231T120000Z"));
         const size_t journalBefore = JournalSize();
         DWORD result = 99;
         HRESULT hr = m_tarrow->RegisterSharedId(::GetCurrentProcessId(), url.get(), srv.get(), nullptr, svc.get(),
@@ -98,7 +99,8 @@ private:
         if (m_held.empty()) return S_OK;
         const size_t which = m_rng() % m_held.size();
         const int signature = m_held[which];
-        NS_Utils::UniqueBstr url(SignatureUrl(signature)), svc(SignatureService(signature)), role(SignatureRole(signature));
+        NS_Utils::UniqueBstr url(SignatureUrl(signature)), svc(SignatureService(signature)),
+            role(SignatureRole(signature));
         DWORD result = 99;
         HRESULT hr = m_tarrow->ReleaseSharedId(::GetCurrentProcessId(), url.get(), svc.get(), role.get(), &result);
         if (SUCCEEDED(hr) && result == 0) {
@@ -110,8 +112,8 @@ private:
 
     // S_OK with the credential's lease DN, S_FALSE, or the call's failure.
     HRESULT Query(int signature, VARIANT_BOOL ownOnly, std::string& leaseDn) {
-        NS_Utils::UniqueBstr url(SignatureUrl(signature)), svc(SignatureService(signature)), role(SignatureRole(signature)),
-            record;
+        NS_Utils::UniqueBstr url(SignatureUrl(signature)), svc(SignatureService(signature)),
+            role(SignatureRole(signature)), record;
         HRESULT hr = m_tarrow->GetRegisteredSharedId(::GetCurrentProcessId(), url.get(), svc.get(), role.get(), ownOnly,
                                                      record.put());
         if (hr != S_OK) return hr;
@@ -137,16 +139,19 @@ private:
 };
 
 bool AllEnded(std::vector<ChildProcess>& processes, DWORD timeoutMs) {
-    return testsupport::WaitUntil([&] {
-        for (const ChildProcess& p : processes)
-            if (p.Wait(0) == WAIT_TIMEOUT) return false;
-        return true;
-    }, timeoutMs);
+    return testsupport::WaitUntil(
+        [&] {
+            for (const ChildProcess& p : processes)
+                if (p.Wait(0) == WAIT_TIMEOUT) return false;
+            return true;
+        },
+        timeoutMs);
 }
 
 // What the storm saw besides the records: kills, processes, and what the last instance left.
 struct StormFacts {
-    unsigned long holders = 0, holderFailures = 0, serviceEnded = 0, killsMidCheckIn = 0, caughtMidCheckIn = 0, unreadableAtKill = 0, stalls = 0;
+    unsigned long holders = 0, holderFailures = 0, serviceEnded = 0, killsMidCheckIn = 0, caughtMidCheckIn = 0,
+                  unreadableAtKill = 0, stalls = 0;
     std::set<std::string> onDiskAtKill;
     size_t filesLeft = 0;
     long leaseCount = -1;
@@ -205,8 +210,10 @@ bool RunRounds(const Options& options, StormFacts& facts) {
     Service service;
     std::vector<ChildProcess> holders;
     for (unsigned long round = 0; round <= options.rounds; ++round) {
-        if (!StartAnswering(service)) return std::fprintf(stderr, "kill storm: Tarrow did not start in round %lu\n", round), false;
-        if (!AllEnded(holders, 120000)) return std::fprintf(stderr, "kill storm: holders hang in round %lu\n", round), false;
+        if (!StartAnswering(service))
+            return std::fprintf(stderr, "kill storm: Tarrow did not start in round %lu\n", round), false;
+        if (!AllEnded(holders, 120000))
+            return std::fprintf(stderr, "kill storm: holders hang in round %lu\n", round), false;
         NoteHolderFailures(holders, round, facts);
         holders.clear();
         if (round == options.rounds) break;  // the last start only takes up what was left
@@ -225,16 +232,16 @@ bool RunRounds(const Options& options, StormFacts& facts) {
         NoteFilesLeft(facts);
     }
     // Every holder is gone: whatever is left must be checked in and its lease given back.
-    const bool settled = testsupport::WaitUntil([&] {
-        return CredentialFiles().empty() && LastLeaseCount(LogText(), service.Pid()) <= 0;
-    }, 120000);
+    const bool settled = testsupport::WaitUntil(
+        [&] { return CredentialFiles().empty() && LastLeaseCount(LogText(), service.Pid()) <= 0; }, 120000);
     if (!settled) ++facts.stalls;
     facts.filesLeft = CredentialFiles().size();
     DescribeCredentialFiles("left at the end");
     facts.leaseCount = std::max(0L, LastLeaseCount(LogText(), service.Pid()));
     // A fault while the service ends (Wine prints "Unhandled page fault") shows only here.
     facts.lastStop = service.Stop();
-    if (facts.lastStop != 0) std::printf("    Tarrow's last stop ended with 0x%08lx\n", static_cast<unsigned long>(facts.lastStop));
+    if (facts.lastStop != 0)
+        std::printf("    Tarrow's last stop ended with 0x%08lx\n", static_cast<unsigned long>(facts.lastStop));
     return true;
 }
 
@@ -257,7 +264,8 @@ int RunKillStorm(const Options& options) {
     if (!PrepareService(3, 0)) return 2;
     ::CreateDirectoryW(kLedgerFolder.c_str(), nullptr);
     // A ledger of an earlier run in this prefix would name credentials the fresh journal never saw.
-    for (const std::wstring& name : testsupport::ListFiles(kLedgerFolder, L"*.txt")) ::DeleteFileW((kLedgerFolder + name).c_str());
+    for (const std::wstring& name : testsupport::ListFiles(kLedgerFolder, L"*.txt"))
+        ::DeleteFileW((kLedgerFolder + name).c_str());
     NS_Utils::ComApartment com;
     StormFacts facts;
     const bool ran = RunRounds(options, facts);
@@ -272,7 +280,8 @@ int RunKillStorm(const Options& options) {
         if (!journal.Has(dn)) lost.insert(dn);
     for (const auto& [signature, offset] : ledger.unidentified)
         if (!journal.HasSignatureFrom(signature, offset))
-            lost.insert("signature " + std::to_string(signature) + " registered at journal offset " + std::to_string(offset));
+            lost.insert("signature " + std::to_string(signature) + " registered at journal offset " +
+                        std::to_string(offset));
     unsigned long duplicates = 0;
     for (const auto& [dn, count] : journal.counts) duplicates += static_cast<unsigned long>(count - 1);
 
@@ -286,7 +295,8 @@ int RunKillStorm(const Options& options) {
     std::printf("  take-overs             %lu\n", ledger.takeOvers);
     std::printf("  releases (0)           %lu\n", ledger.releases);
     std::printf("  accepted credentials   %zu\n", ledger.accepted.size());
-    std::printf("  kills aimed at check-in %lu (caught one %lu times)\n", facts.killsMidCheckIn, facts.caughtMidCheckIn);
+    std::printf("  kills aimed at check-in %lu (caught one %lu times)\n", facts.killsMidCheckIn,
+                facts.caughtMidCheckIn);
     std::printf("  left on disk at kills  %zu (unreadable %lu)\n", facts.onDiskAtKill.size(), facts.unreadableAtKill);
     std::printf("  check-ins              %zu (%zu credentials)\n", journal.checkIns.size(), journal.counts.size());
     std::printf("  duplicates             %lu\n", duplicates);

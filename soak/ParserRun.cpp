@@ -91,7 +91,8 @@ void RunBatch(PersistantStorage& storage, std::mt19937& rng, const std::wstring&
         std::list<DWORD> errors;
         const bool parsed = NS_SHAREDID_UTILS::ParseSharedIdText(text, fromText);
         const bool read = NS_SHAREDID_UTILS::readSharedIdFromFile(fromFile, path, errors);
-        if (parsed != !expected.empty() || read != parsed) Wrong(figures, file, "read or refused against the rule");
+        if (parsed != !expected.empty() || read != parsed)
+            Wrong(figures, file, "read or refused against the rule");
         else if (read && (StoredLines(fromFile) != expected || StoredLines(fromText) != expected))
             Wrong(figures, file, "lines differ from the rule");
         ++(read ? figures.read : figures.refused);
@@ -138,7 +139,8 @@ int RunParser(const Options& options) {
     // A folder of its own for the storage and for the log of the files it skips.
     ::CreateDirectoryW(kRoot, nullptr);
     ::SetEnvironmentVariableW(L"APPDATA", kRoot);
-    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName, kRoot);
+    NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key, NS_Settings::kProgramDir.valueName,
+                                  kRoot);
     PersistantStorage storage;
     DeleteAll(storage.Folder());
     ::SetUnhandledExceptionFilter(ReportCrash);
@@ -158,7 +160,8 @@ int RunParser(const Options& options) {
     std::mt19937 rng(options.seed);
     ParserFigures figures;
     for (unsigned long long first = 0; first < options.files; first += options.batch) {
-        const auto count = static_cast<unsigned long>(std::min<unsigned long long>(options.batch, options.files - first));
+        const auto count = static_cast<unsigned long>(
+            std::min<unsigned long long>(options.batch, options.files - first));
         if (count < options.batch) DeleteAll(storage.Folder());  // a short last batch leaves no stale slots
         RunBatch(storage, rng, valid, first, count, figures);
     }
@@ -175,7 +178,8 @@ int RunParser(const Options& options) {
     std::printf("  against the rule       %llu\n", figures.wrong);
     std::printf("  crashes, hangs         0, 0\n");
     std::printf("  guarded allocations    %zu\n", guarded::GuardedAllocations());
-    std::printf("  time                   %.1f s (%.0f files/s)\n", seconds, static_cast<double>(figures.files) / seconds);
+    std::printf("  time                   %.1f s (%.0f files/s)\n", seconds,
+                static_cast<double>(figures.files) / seconds);
     const bool ok = figures.wrong == 0 && figures.files == options.files;
     std::printf("parser run: %s\n", ok ? "passed" : "FAILED");
     return ok ? 0 : 1;

@@ -44,6 +44,7 @@ int wmain(int argc, wchar_t** argv) {
         failed += soak::RunParser(options) != 0;
         return failed;
     }
-    std::fprintf(stderr, "usage: tarrow_soak kill-storm|hostile|parser|crash-sweep|all [--seed N] [sizes] (see SoakMain.cpp)\n");
+    std::fprintf(
+        stderr, "usage: tarrow_soak kill-storm|hostile|parser|crash-sweep|all [--seed N] [sizes] (see SoakMain.cpp)\n");
     return 100;
 }

@@ -14,10 +14,11 @@ Options ParseOptions(int argc, wchar_t** argv, int first) {
         unsigned long* value;
     };
     unsigned long seed = options.seed;
-    const Named named[] = {{L"--seed", &seed},       {L"--rounds", &options.rounds}, {L"--holders", &options.holders},
-                           {L"--calls", &options.calls}, {L"--clients", &options.clients}, {L"--files", &options.files},
-                           {L"--batch", &options.batch}, {L"--steps", &options.steps},
-                           {L"--shards", &options.shards}, {L"--shard", &options.shard}};
+    const Named named[] = {
+        {L"--seed", &seed},           {L"--rounds", &options.rounds},   {L"--holders", &options.holders},
+        {L"--calls", &options.calls}, {L"--clients", &options.clients}, {L"--files", &options.files},
+        {L"--batch", &options.batch}, {L"--steps", &options.steps},     {L"--shards", &options.shards},
+        {L"--shard", &options.shard}};
     for (int i = first; i < argc; ++i) {
         const Named* found = nullptr;
         for (const Named& n : named)

@@ -70,7 +70,9 @@ HRESULT ConnectAndProbe(NS_Utils::ComPtr<ITarrow>& tarrow, DWORD timeoutMs) {
 
 bool StartAnswering(Service& service) { return service.Start(Answers); }
 
-std::wstring LogText() { return testsupport::ReadUtf16File(std::wstring(kInstallFolder) + L"logs\\brisk_observer.log"); }
+std::wstring LogText() {
+    return testsupport::ReadUtf16File(std::wstring(kInstallFolder) + L"logs\\brisk_observer.log");
+}
 
 long LastLeaseCount(const std::wstring& log, DWORD pid) {
     const std::wstring process = L" P:" + std::to_wstring(pid) + L" ", marker = L"Number of leases: ";

@@ -13,8 +13,9 @@ namespace {
 
 std::string ReadWhole(const std::wstring& path) {
     // Files under /proc say they are empty: read until the end instead of by size.
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
     std::string text;
     if (!file) return text;
     char buffer[64 * 1024];
@@ -43,7 +44,8 @@ bool RunShell(const std::string& command) {
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) return false;
+    if (!::CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info))
+        return false;
     NS_Utils::UniqueHandle process(info.hProcess), thread(info.hThread);
     return true;
 }
@@ -197,7 +199,8 @@ std::vector<Strace::Call> Strace::ReadCalls(const std::wstring& traceFile) {
         call.n = ++counts[{call.tid, call.name}];
         // "name(13</path/of/the/file>, ..." with -y.
         const size_t open = line.find('<', paren), close = line.find('>', open == std::string::npos ? paren : open);
-        if (open != std::string::npos && close != std::string::npos && line.find_first_not_of("0123456789", paren + 1) == open)
+        if (open != std::string::npos && close != std::string::npos &&
+            line.find_first_not_of("0123456789", paren + 1) == open)
             call.path = QuotedBytes("\"" + line.substr(open + 1, close - open - 1) + "\"");
         call.bytes = QuotedBytes(line.substr(paren));
         calls.push_back(std::move(call));

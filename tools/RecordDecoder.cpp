@@ -5,7 +5,8 @@ namespace tarrowctl {
 namespace {
 bool ReadUInt32(const std::uint8_t* bytes, size_t size, size_t& at, std::uint32_t& value) {
     if (size - at < 4) return false;
-    value = bytes[at] | (bytes[at + 1] << 8) | (bytes[at + 2] << 16) | (static_cast<std::uint32_t>(bytes[at + 3]) << 24);
+    value = bytes[at] | (bytes[at + 1] << 8) | (bytes[at + 2] << 16) |
+            (static_cast<std::uint32_t>(bytes[at + 3]) << 24);
     at += 4;
     return true;
 }

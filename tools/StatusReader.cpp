@@ -68,24 +68,26 @@ std::wstring CsvField(const std::wstring& text) {
 
 const std::vector<std::wstring>& StatusColumns() {
     static const std::vector<std::wstring> columns = {
-        L"credential", L"account",  L"lease_dn",    L"lease_expiry", L"holders",    L"file",
+        L"credential", L"account",     L"lease_dn", L"lease_expiry", L"holders",     L"file",
         L"state",      L"last_result", L"attempts", L"next_attempt", L"holders_end", L"checking_in_since"};
     return columns;
 }
 
 bool ReadStatus(const VARIANT& snapshot, StatusText& status) {
-    static const wchar_t* const kServiceNames[] = {L"lease count", L"queued work items", L"started", L"version",
-                                                   L"agent reachable", L"check-in worker running"};
+    static const wchar_t* const kServiceNames[] = {L"lease count", L"queued work items", L"started",
+                                                   L"version",     L"agent reachable",   L"check-in worker running"};
     std::vector<const VARIANT*> rows, fields;
     if (!Elements(snapshot, rows) || rows.empty()) return false;
-    if (!Elements(*rows[0], fields) || fields.size() != kServiceFields || !Kind(*fields[0], NS_Status::kServiceRow)) return false;
+    if (!Elements(*rows[0], fields) || fields.size() != kServiceFields || !Kind(*fields[0], NS_Status::kServiceRow))
+        return false;
     status = {};
     for (size_t i = 1; i < kServiceFields; ++i) {
         std::wstring value = Text(*fields[i]);
         status.service.emplace_back(kServiceNames[i - 1], value.empty() ? L"not asked yet" : value);
     }
     for (size_t r = 1; r < rows.size(); ++r) {
-        if (!Elements(*rows[r], fields) || fields.size() != kCredentialFields || !Kind(*fields[0], NS_Status::kCredentialRow))
+        if (!Elements(*rows[r], fields) || fields.size() != kCredentialFields ||
+            !Kind(*fields[0], NS_Status::kCredentialRow))
             return false;
         std::vector<std::wstring>& line = status.credentials.emplace_back();
         for (size_t i = 1; i < kCredentialFields; ++i) line.push_back(Text(*fields[i]));
@@ -104,8 +106,7 @@ std::wstring StatusTable(const StatusText& status) {
         for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
     auto row = [&](const std::vector<std::wstring>& cells) {
         std::wstring out;
-        for (size_t i = 0; i < cells.size(); ++i)
-            out += cells[i] + std::wstring(widths[i] - cells[i].size() + 2, L' ');
+        for (size_t i = 0; i < cells.size(); ++i) out += cells[i] + std::wstring(widths[i] - cells[i].size() + 2, L' ');
         return out.erase(out.find_last_not_of(L' ') + 1) + L"\n";
     };
     text += row(StatusColumns());

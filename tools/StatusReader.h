@@ -12,7 +12,7 @@ namespace tarrowctl {
 
 struct StatusText {
     std::vector<std::pair<std::wstring, std::wstring>> service;  // name, value
-    std::vector<std::vector<std::wstring>> credentials;           // one text per column of Columns()
+    std::vector<std::vector<std::wstring>> credentials;          // one text per column of Columns()
 };
 
 // The credential columns, in the order of the snapshot's fields.

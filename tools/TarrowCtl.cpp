@@ -20,9 +20,11 @@ constexpr int kNotRunning = 101;
 constexpr int kCallFailed = 102;
 
 void Write(FILE* out, const std::wstring& text) {
-    int needed = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    int needed = ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
+                                       nullptr);
     std::string utf8(static_cast<size_t>(needed), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), utf8.data(), needed, nullptr, nullptr);
+    ::WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), utf8.data(), needed, nullptr,
+                          nullptr);
     std::fwrite(utf8.data(), 1, utf8.size(), out);
     std::fflush(out);
 }
@@ -50,9 +52,9 @@ struct Options {
 };
 
 Options Parse(int argc, wchar_t** argv, int first) {
-    static const wchar_t* const kValued[] = {L"--pid", L"--url", L"--srv-id", L"--aux1", L"--auth-svc-id",
-                                             L"--shared-id", L"--aux2", L"--role", L"--aux4", L"--lease-dn",
-                                             L"--lease-expiry", L"--aux3", L"--aux6", L"--flag", L"--hold-for"};
+    static const wchar_t* const kValued[] = {L"--pid",          L"--url",  L"--srv-id", L"--aux1", L"--auth-svc-id",
+                                             L"--shared-id",    L"--aux2", L"--role",   L"--aux4", L"--lease-dn",
+                                             L"--lease-expiry", L"--aux3", L"--aux6",   L"--flag", L"--hold-for"};
     Options options;
     for (int i = first; i < argc; ++i) {
         std::wstring name = argv[i];
@@ -134,7 +136,8 @@ NS_Utils::UniqueBstr Bstr(const Options& options, const wchar_t* name) {
 int Register(ITarrow* tarrow, const Options& options) {
     DWORD pid = 0;
     if (options.hold || options.Has(L"--hold-for")) {
-        if (!StartHolder(options.Get(L"--hold-for"), pid)) return Fail(kCallFailed, L"could not start a holder process");
+        if (!StartHolder(options.Get(L"--hold-for"), pid))
+            return Fail(kCallFailed, L"could not start a holder process");
         Print(stdout, L"holder pid " + std::to_wstring(pid));
     } else if (!ParsePid(options, pid)) {
         return Fail(kBadArguments, L"register needs --pid N or --hold");
@@ -168,8 +171,8 @@ int Query(ITarrow* tarrow, const Options& options) {
     DWORD pid = ::GetCurrentProcessId();
     if (options.Has(L"--pid") && !ParsePid(options, pid)) return Fail(kBadArguments, L"--pid takes a number");
     NS_Utils::UniqueBstr serialized;
-    HRESULT hr = tarrow->GetRegisteredSharedId(pid, Bstr(options, L"--url").get(), Bstr(options, L"--auth-svc-id").get(),
-                                               Bstr(options, L"--role").get(),
+    HRESULT hr = tarrow->GetRegisteredSharedId(pid, Bstr(options, L"--url").get(),
+                                               Bstr(options, L"--auth-svc-id").get(), Bstr(options, L"--role").get(),
                                                options.ownOnly ? VARIANT_TRUE : VARIANT_FALSE, serialized.put());
     if (hr == S_FALSE) {
         Print(stdout, L"not registered");
@@ -177,7 +180,8 @@ int Query(ITarrow* tarrow, const Options& options) {
     }
     if (FAILED(hr)) return Fail(kCallFailed, L"GetRegisteredSharedId failed");
     tarrowctl::DecodedRecord fields;
-    if (!tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(serialized.get()), serialized.ByteLength(), fields))
+    if (!tarrowctl::DecodeRecord(reinterpret_cast<const std::uint8_t*>(serialized.get()), serialized.ByteLength(),
+                                 fields))
         return Fail(kCallFailed, L"the service answered with a malformed record");
     for (const auto& [name, value] : fields)
         if (name != L"auxText2" || options.showAux2) Print(stdout, std::wstring(name).append(L" = ").append(value));
@@ -235,7 +239,9 @@ bool IsHelp(const std::wstring& command) {
     return command == L"help" || command == L"--help" || command == L"-h" || command == L"/?";
 }
 
-int Usage() { return Fail(kBadArguments, L"usage: tarrowctl register|release|query|status [options]; tarrowctl help explains"); }
+int Usage() {
+    return Fail(kBadArguments, L"usage: tarrowctl register|release|query|status [options]; tarrowctl help explains");
+}
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {

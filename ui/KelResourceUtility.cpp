@@ -1,10 +1,10 @@
 #include "ui/KelResourceUtility.h"
 
-#include "common/Settings.h"
 #include "common/CriticalSection.h"
 #include "common/Log.h"
 #include "common/ModulePath.h"
 #include "common/Registry.h"
+#include "common/Settings.h"
 
 #include <windows.h>
 

@@ -86,13 +86,15 @@ LMMainUI::~LMMainUI() {
     IssueStop();
     if (!m_thread) return;
     // The stop is posted again in case the thread had not made its queue when it was asked.
-    while (::WaitForSingleObject(m_thread.get(), 1000) == WAIT_TIMEOUT) ::PostThreadMessageW(m_uiThread.ThreadId(), WM_QUIT, 0, 0);
+    while (::WaitForSingleObject(m_thread.get(), 1000) == WAIT_TIMEOUT)
+        ::PostThreadMessageW(m_uiThread.ThreadId(), WM_QUIT, 0, 0);
 }
 
 unsigned LMMainUI::GetWaitingTimeToKillProcess() {
     const NS_Settings::Setting& setting = NS_Settings::kWaitingTimeToKillProcess;
     if (std::optional<long long> seconds = NS_Settings::ReadNumber(setting)) return static_cast<unsigned>(*seconds);
-    NS_Log::Log(2, L"[LMMainUI::GetWaitingTimeToKillProcess]", L"\t Get registry value failed, RegKey = " + std::wstring(setting.key));
+    NS_Log::Log(2, L"[LMMainUI::GetWaitingTimeToKillProcess]",
+                L"\t Get registry value failed, RegKey = " + std::wstring(setting.key));
     return setting.defaultNumber;
 }
 
@@ -106,7 +108,8 @@ void LMMainUI::EnsureUIThread() {
     HANDLE started[] = {m_startedEvent.get(), m_thread.get()};
     DWORD result = m_thread ? ::WaitForMultipleObjects(2, started, FALSE, kStartWaitMs) : WAIT_FAILED;
     if (result != WAIT_OBJECT_0)
-        NS_Log::Log(1, L"[LMMainUI::EnsureUIThread]", L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
+        NS_Log::Log(1, L"[LMMainUI::EnsureUIThread]",
+                    L"\t Timedout waiting for the thread to begin. nRet = " + std::to_wstring(result));
 }
 
 unsigned __stdcall LMMainUI::ThreadProc(void* param) {
@@ -146,8 +149,9 @@ bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWind
     if (!CreateParentWindow(parent) || !CreateDialogWindow(parent.get(), dialog)) return false;
     m_list.Attach(::GetDlgItem(dialog.get(), IDC_LEASE_EXPIRY_LIST));
     m_layout = MeasureRowLayout(m_list.ListBox());
-    NS_Log::Log(3, L"[LMMainUI::InitInstance]", L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
-                                std::to_wstring(m_layout.height) + L" px");
+    NS_Log::Log(3, L"[LMMainUI::InitInstance]",
+                L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
+                    std::to_wstring(m_layout.height) + L" px");
     SetTexts(dialog.get());
     PlaceDialog(dialog.get());
     m_parent = parent.get();
@@ -164,7 +168,8 @@ bool LMMainUI::CreateParentWindow(NS_Utils::UniqueWindow& parent) {
     // A second controller in the same process finds the class already there.
     ::RegisterClassExW(&wc);
     parent.reset(::CreateWindowExW(0, kParentClass, L"", WS_POPUP, 0, 0, 0, 0, nullptr, nullptr, wc.hInstance, this));
-    if (!parent) NS_Log::Log(1, L"[LMMainUI::InitInstance]", L"\t Cannot create the dummy parent window for LeaseExpiry UI.");
+    if (!parent)
+        NS_Log::Log(1, L"[LMMainUI::InitInstance]", L"\t Cannot create the dummy parent window for LeaseExpiry UI.");
     return parent.valid();
 }
 
@@ -174,9 +179,11 @@ bool LMMainUI::CreateDialogWindow(HWND parent, NS_Utils::UniqueWindow& dialog) {
     HGLOBAL loaded = found ? ::LoadResource(module, found) : nullptr;
     auto* dialogTemplate = loaded ? static_cast<const DLGTEMPLATE*>(::LockResource(loaded)) : nullptr;
     if (dialogTemplate)
-        dialog.reset(::CreateDialogIndirectParamW(module, dialogTemplate, parent, DialogProc,
-                                                  reinterpret_cast<LPARAM>(this)));
-    if (!dialog) NS_Log::Log(1, L"[LMMainUI::InitInstance]", L"\t Cannot create LeaseExpiry UI Dialog. GLE = 0x" + NS_Log::Hex(::GetLastError()));
+        dialog.reset(
+            ::CreateDialogIndirectParamW(module, dialogTemplate, parent, DialogProc, reinterpret_cast<LPARAM>(this)));
+    if (!dialog)
+        NS_Log::Log(1, L"[LMMainUI::InitInstance]",
+                    L"\t Cannot create LeaseExpiry UI Dialog. GLE = 0x" + NS_Log::Hex(::GetLastError()));
     return dialog.valid();
 }
 
@@ -186,9 +193,10 @@ void LMMainUI::SetTexts(HWND dialog) {
     if (text)
         ::SetWindowTextW(text, Message(L"DIALOG_CONTENT_LEASE_EXPIRY").c_str());
     else
-        NS_Log::Log(2, L"[LMMainUI::InitInstance]", L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
-    m_rows.SetLabels({Message(L"LEASE_EXPIRY_PROCESS"), Message(L"LEASE_EXPIRY_TIME"),
-                      Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN")});
+        NS_Log::Log(2, L"[LMMainUI::InitInstance]",
+                    L"\t Cannot create static window, GLE: 0x" + NS_Log::Hex(::GetLastError()));
+    m_rows.SetLabels(
+        {Message(L"LEASE_EXPIRY_PROCESS"), Message(L"LEASE_EXPIRY_TIME"), Message(L"DIALOG_LEASE_EXPIRY_TIME_REMAIN")});
 }
 
 // The dialog's top-left corner goes to (500, 700), pulled back as far as needed to keep the whole
@@ -209,8 +217,9 @@ void LMMainUI::OnDpiChanged(HWND dialog) {
     m_layout = MeasureRowLayout(list);
     m_list.SetItemHeights(m_layout.height);
     ::InvalidateRect(list, nullptr, TRUE);
-    NS_Log::Log(3, L"[LMMainUI::OnDpiChanged]", L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " +
-                                std::to_wstring(m_layout.height) + L" px");
+    NS_Log::Log(
+        3, L"[LMMainUI::OnDpiChanged]",
+        L"\t DPI " + std::to_wstring(WindowDpi(dialog)) + L", row height " + std::to_wstring(m_layout.height) + L" px");
 }
 
 // Two lines of text beside the program's icon, with a margin all round: every size follows the
@@ -282,7 +291,8 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
     }
 }
 
-void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process, const std::weak_ptr<CSharedId>& credential) {
+void LMMainUI::ShowProcessInfo(DWORD processId, NS_Utils::UniqueHandle process,
+                               const std::weak_ptr<CSharedId>& credential) {
     NS_Log::Log(3, L"[LMMainUI::ShowProcessInfo]", L"\t About to add item and show window");
     EnsureUIThread();
     int key = m_rows.Add(processId, std::move(process), credential);
@@ -309,14 +319,14 @@ void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>
     int key = m_rows.Remove(processId, credential);
     if (key < 0) {
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
-            L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
-                std::to_wstring(processId));
+                    L"\t could not find a shared id object that is listed on lease expiry UI that matches PID = " +
+                        std::to_wstring(processId));
         return;
     }
     if (!credential.lock())
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
-            L"\t could not lock the shared id object that is being released by process with PID = " +
-                std::to_wstring(processId));
+                    L"\t could not lock the shared id object that is being released by process with PID = " +
+                        std::to_wstring(processId));
     HWND dialog = m_dialog;
     if (dialog) ::PostMessageW(dialog, kMsgRowRemoved, static_cast<WPARAM>(key), static_cast<LPARAM>(processId));
 }
@@ -325,14 +335,17 @@ void LMMainUI::UnlistRow(int key, DWORD processId) {
     m_uiThread.Check(kListBoxOffThread);
     LRESULT index = m_list.IndexOf(key);
     if (index == LB_ERR) {
-        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Finding the item on the Lease Expiry UI failed. nRet = " +
-                                         std::to_wstring(index) + L". PID = " + std::to_wstring(processId));
+        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
+                    L"\t Finding the item on the Lease Expiry UI failed. nRet = " + std::to_wstring(index) +
+                        L". PID = " + std::to_wstring(processId));
         return;
     }
     if (m_list.Delete(index) == LB_ERR)
-        NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]", L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
-    else if (!::InvalidateRect(m_list.ListBox(), nullptr, TRUE))
         NS_Log::Log(2, L"[LMMainUI::RemoveProcessInfo]",
+                    L"\t Removing item from Lease expiry list failed.PID = " + std::to_wstring(processId));
+    else if (!::InvalidateRect(m_list.ListBox(), nullptr, TRUE))
+        NS_Log::Log(
+            2, L"[LMMainUI::RemoveProcessInfo]",
             L"\t Updating lease expiry UI for the removal of an item failed. PID = " + std::to_wstring(processId));
 }
 
@@ -340,7 +353,8 @@ void LMMainUI::CheckItemsOnList() {
     m_uiThread.Check(kListBoxOffThread);
     const auto rows = m_rows.Rows();
     NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Going to check all the items on the list.");
-    NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]", L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
+    NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]",
+                L"\t Total number of items on the list = " + std::to_wstring(rows.size()));
     // The registry's callbacks are asked without the row lock, so that no lock order between
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
@@ -354,7 +368,7 @@ void LMMainUI::CheckItemsOnList() {
         if (row->SecondsLeft(now) > 0)
             // Detail: written only at the highest level the settings allow.
             NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]",
-                L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
+                        L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
         else if (std::none_of(expired.begin(), expired.end(), [&held = row](const auto& c) { return held->IsFor(c); }))
             // The handler ends every holder of the credential: once a tick is enough.
             expired.push_back(row->GetCredential());
@@ -371,8 +385,9 @@ void LMMainUI::CheckItemsOnList() {
 }
 
 void LMMainUI::TakeOffList(int key, DWORD processId) {
-    NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]", L"\t the process with pid = " + std::to_wstring(processId) +
-                                    L" is not being monitored anymore - taking it off the list");
+    NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]",
+                L"\t the process with pid = " + std::to_wstring(processId) +
+                    L" is not being monitored anymore - taking it off the list");
     LRESULT index = m_list.IndexOf(key);
     m_rows.Erase(key);
     if (index == LB_ERR || m_list.Delete(index) == LB_ERR)
@@ -395,7 +410,8 @@ bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
     }
     std::wstring pid = std::to_wstring(row.GetProcessId());
     if (!m_callbacks.getProcFromPid(row.GetProcessId())) {
-        NS_Log::Log(3, L"[LMMainUI::IsProcessMonitored]", L"/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
+        NS_Log::Log(3, L"[LMMainUI::IsProcessMonitored]",
+                    L"/t process with PID = " + pid + L" is not being monitored by Shared id monitor");
         return false;
     }
     auto credential = row.GetCredential().lock();
@@ -403,15 +419,13 @@ bool LMMainUI::IsProcessMonitored(const ProcessInfo& row) const {
     if (credential) holders = m_callbacks.getSidProcList(credential);
     if (std::find(holders.begin(), holders.end(), row.GetProcessId()) == holders.end()) {
         NS_Log::Log(3, L"[LMMainUI::IsProcessMonitored]",
-            L"/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
+                    L"/t process with PID = " + pid + L" is not in the list of process that are using this shared id");
         return false;
     }
     return true;
 }
 
-void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const {
-    item.itemHeight = static_cast<UINT>(m_layout.height);
-}
+void LMMainUI::MeasureItem(MEASUREITEMSTRUCT& item) const { item.itemHeight = static_cast<UINT>(m_layout.height); }
 
 // Each item's string is its row's text, kept current as the countdown moves (or the program's
 // title changes), so that what a screen reader reads is what the row shows.
@@ -458,8 +472,8 @@ void LMMainUI::DrawItem(const DRAWITEMSTRUCT& item) {
         start = end + 1;
     }
     if (item.itemState & ODS_FOCUS) ::DrawFocusRect(item.hDC, &item.rcItem);
-    NS_Log::Log(4, L"[LMMainUI::DrawItem]", L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) +
-                            L". Text content: " + text);
+    NS_Log::Log(4, L"[LMMainUI::DrawItem]",
+                L"\tUpdate display item for pid " + std::to_wstring(row->GetProcessId()) + L". Text content: " + text);
 }
 
 void LMMainUI::SetCredentialsHeld(bool held) {
@@ -476,8 +490,9 @@ void LMMainUI::ApplyShutdownBlockReason(bool held) {
     // Wine answers FALSE to both: the reason is a courtesy to the user, never a condition.
     BOOL ok = held ? ::ShutdownBlockReasonCreate(window, kBlockReason) : ::ShutdownBlockReasonDestroy(window);
     if (!ok)
-        NS_Log::Log(4, L"[LMMainUI::ApplyShutdownBlockReason]", std::wstring(L"\t ShutdownBlockReason") + (held ? L"Create" : L"Destroy") +
-                                                L" failed, GLE = 0x" + NS_Log::Hex(::GetLastError()));
+        NS_Log::Log(4, L"[LMMainUI::ApplyShutdownBlockReason]",
+                    std::wstring(L"\t ShutdownBlockReason") + (held ? L"Create" : L"Destroy") + L" failed, GLE = 0x" +
+                        NS_Log::Hex(::GetLastError()));
 }
 
 void LMMainUI::ReportSessionEnd() {

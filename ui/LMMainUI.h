@@ -44,7 +44,6 @@ struct LMMainUICallbacks {
 };
 
 
-
 class LMMainUI {
 public:
     explicit LMMainUI(LMMainUICallbacks callbacks);

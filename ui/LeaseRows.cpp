@@ -61,7 +61,8 @@ std::vector<std::pair<int, LeaseRows::Row>> LeaseRows::Rows() const {
 std::vector<LMListedRow> LeaseRows::Listed() const {
     std::vector<LMListedRow> listed;
     NS_Utils::CritSecGuard guard(m_lock);
-    for (const auto& [key, row] : m_rows) listed.push_back({row->GetProcessId(), row->GetCredential(), row->GetEndTime()});
+    for (const auto& [key, row] : m_rows)
+        listed.push_back({row->GetProcessId(), row->GetCredential(), row->GetEndTime()});
     return listed;
 }
 

@@ -63,7 +63,8 @@ private:
 // back, so that the object can be deleted afterwards and the context is left as it was found.
 class SelectedObject {
 public:
-    SelectedObject(HDC dc, HGDIOBJ object) noexcept : m_dc(dc), m_old(dc && object ? ::SelectObject(dc, object) : nullptr) {}
+    SelectedObject(HDC dc, HGDIOBJ object) noexcept
+        : m_dc(dc), m_old(dc && object ? ::SelectObject(dc, object) : nullptr) {}
     SelectedObject(const SelectedObject&) = delete;
     SelectedObject& operator=(const SelectedObject&) = delete;
     ~SelectedObject() {

@@ -72,16 +72,17 @@ public:
         std::vector<std::wstring> rowTexts;
         std::wstring rows;
         const bool valid = in && ForEachElement(*in, [&](const VARIANT& row) {
-            size_t fields = 0;
-            std::wstring text;
-            const bool ok = ForEachElement(row, [&](const VARIANT& field) {
-                text += (fields++ ? L"|" : L"") + Text(field.vt == VT_BSTR ? field.bstrVal : nullptr);
-                return field.vt == VT_BSTR;
-            });
-            rows += L" row=" + text;
-            rowTexts.push_back(text);
-            return ok && fields == 5;
-        });
+                               size_t fields = 0;
+                               std::wstring text;
+                               const bool ok = ForEachElement(row, [&](const VARIANT& field) {
+                                   text += (fields++ ? L"|" : L"") +
+                                           Text(field.vt == VT_BSTR ? field.bstrVal : nullptr);
+                                   return field.vt == VT_BSTR;
+                               });
+                               rows += L" row=" + text;
+                               rowTexts.push_back(text);
+                               return ok && fields == 5;
+                           });
         if (!valid || rowTexts.empty()) {
             Journal(line + L" rows=invalid");
             return E_INVALIDARG;

@@ -20,7 +20,9 @@ std::wstring ScopeText(const VARIANT& scope) {
 HRESULT Answer(VARIANT_BOOL* out, bool yes) { return *out = yes ? VARIANT_TRUE : VARIANT_FALSE, S_OK; }
 
 template <typename Object, typename Interface>
-HRESULT Share(const ComPtr<Object>& object, Interface** out) { return (*out = object.get())->AddRef(), S_OK; }
+HRESULT Share(const ComPtr<Object>& object, Interface** out) {
+    return (*out = object.get())->AddRef(), S_OK;
+}
 
 std::atomic<DWORD> g_userNameReads{0};
 
@@ -45,9 +47,15 @@ public:
                 (found ? L"1" : L"0"));
         return Answer(exists, found);
     }
-    HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override { return Answer(ok, Exists(bag)); }
-    HRESULT STDMETHODCALLTYPE SetAccDataBagAdt(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override { return Answer(ok, Exists(bag)); }
-    HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) override { return Answer(ok, Mark(bag, true)); }
+    HRESULT STDMETHODCALLTYPE SetAccDataBag(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override {
+        return Answer(ok, Exists(bag));
+    }
+    HRESULT STDMETHODCALLTYPE SetAccDataBagAdt(BSTR bag, BSTR, VARIANT, VARIANT_BOOL* ok) override {
+        return Answer(ok, Exists(bag));
+    }
+    HRESULT STDMETHODCALLTYPE CreateAccDataBag(BSTR bag, VARIANT_BOOL* ok) override {
+        return Answer(ok, Mark(bag, true));
+    }
     HRESULT STDMETHODCALLTYPE GetAccountData(BSTR target, BSTR source, VARIANT_BOOL* ok) override {
         return Answer(ok, Exists(target) && Exists(source));
     }

@@ -24,7 +24,8 @@ void Journal(const std::wstring& line);
 // Objects alive in this module, for DllCanUnloadNow.
 inline std::atomic<long> g_liveObjects{0};
 
-#define STANDIN_RESERVED(n) HRESULT STDMETHODCALLTYPE Reserved##n() { return E_NOTIMPL; }
+#define STANDIN_RESERVED(n) \
+    HRESULT STDMETHODCALLTYPE Reserved##n() { return E_NOTIMPL; }
 #define STANDIN_RESERVED5(a, b, c, d, e) \
     STANDIN_RESERVED(a) STANDIN_RESERVED(b) STANDIN_RESERVED(c) STANDIN_RESERVED(d) STANDIN_RESERVED(e)
 
@@ -52,12 +53,14 @@ public:
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT*) { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo**) { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS*, VARIANT*, EXCEPINFO*, UINT*) {
+        return E_NOTIMPL;
+    }
     // The slots the agent's objects have and Tarrow never calls, over all of them.
-    STANDIN_RESERVED5(3, 4, 7, 8, 9) STANDIN_RESERVED5(10, 11, 13, 15, 17) STANDIN_RESERVED5(20, 21, 22, 23, 24)
+    STANDIN_RESERVED5(3, 4, 7, 8, 9)
+    STANDIN_RESERVED5(10, 11, 13, 15, 17) STANDIN_RESERVED5(20, 21, 22, 23, 24)
 
-private:
-    std::atomic<long> m_refs{1};
+        private : std::atomic<long> m_refs{1};
 };
 
 // Fills `out` with a one-dimensional array of `count` elements of `type`, element i set by put(array, i).

@@ -12,8 +12,7 @@ namespace standin {
 namespace {
 
 bool CallServer(const char* entry) {
-    NS_Utils::UniqueModule server(
-        ::LoadLibraryW((NS_Utils::ExecutableFolder() + L"KelAgentStandIn.dll").c_str()));
+    NS_Utils::UniqueModule server(::LoadLibraryW((NS_Utils::ExecutableFolder() + L"KelAgentStandIn.dll").c_str()));
     FARPROC found = server ? ::GetProcAddress(server.get(), entry) : nullptr;
     // Through a generic function type: a direct cast from FARPROC draws -Wcast-function-type.
     return found && SUCCEEDED(reinterpret_cast<HRESULT(STDAPICALLTYPE*)()>(reinterpret_cast<void (*)()>(found))());
@@ -36,8 +35,8 @@ std::vector<std::wstring> ScriptStrings(const wchar_t* name) {
     wchar_t data[4096] = {};
     DWORD bytes = sizeof(data) - 2 * sizeof(wchar_t);
     std::vector<std::wstring> result;
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, data, &bytes) ==
-        ERROR_SUCCESS)
+    if (::RegGetValueW(HKEY_LOCAL_MACHINE, kScriptKey, name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, data,
+                       &bytes) == ERROR_SUCCESS)
         for (const wchar_t* p = data; *p; p += result.back().size() + 1) result.emplace_back(p);
     return result;
 }
@@ -74,7 +73,9 @@ bool Unregister() { return CallServer("DllUnregisterServer"); }
 
 bool Register() { return CallServer("DllRegisterServer"); }
 
-void SetScript(const wchar_t* name, DWORD value) { NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value); }
+void SetScript(const wchar_t* name, DWORD value) {
+    NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, kScriptKey, name, value);
+}
 
 void SetScript(const wchar_t* name, const std::wstring& value) {
     // A list ends in an empty item, so it takes one terminator more.

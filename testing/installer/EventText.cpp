@@ -18,8 +18,8 @@ int wmain(int argc, wchar_t** argv) {
     std::vector<DWORD_PTR> inserts;
     for (int i = 3; i < argc; ++i) inserts.push_back(reinterpret_cast<DWORD_PTR>(argv[i]));
     wchar_t text[4096] = {};
-    DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY,
-                                    library.get(), std::wcstoul(argv[2], nullptr, 10), 0x409, text, 4096,
+    DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, library.get(),
+                                    std::wcstoul(argv[2], nullptr, 10), 0x409, text, 4096,
                                     reinterpret_cast<va_list*>(inserts.data()));
     if (length == 0) return 1;
     std::fwprintf(stdout, L"%ls", text);

@@ -18,17 +18,17 @@ std::wstring Mutate(std::wstring text, std::mt19937& rng) {
     for (int steps = 1 + static_cast<int>(pick(4)); steps > 0; --steps) {
         size_t at = pick(text.size() + 1);
         switch (pick(4)) {
-            case 0:  // overwrite a unit with anything
-                if (at < text.size()) text[at] = static_cast<wchar_t>(rng() & 0xFFFF);
-                break;
-            case 1:  // insert a special unit
-                text.insert(text.begin() + at, specials[pick(std::size(specials))]);
-                break;
-            case 2:  // cut here, or drop a stretch from here
-                text.erase(at, pick(2) ? std::wstring::npos : pick(text.size() - at + 1));
-                break;
-            default:  // stretch a line around the 511-character limit, or far past it
-                text.insert(at, std::wstring(pick(2) ? 505 + pick(12) : pick(5000), L'y'));
+        case 0:  // overwrite a unit with anything
+            if (at < text.size()) text[at] = static_cast<wchar_t>(rng() & 0xFFFF);
+            break;
+        case 1:  // insert a special unit
+            text.insert(text.begin() + at, specials[pick(std::size(specials))]);
+            break;
+        case 2:  // cut here, or drop a stretch from here
+            text.erase(at, pick(2) ? std::wstring::npos : pick(text.size() - at + 1));
+            break;
+        default:  // stretch a line around the 511-character limit, or far past it
+            text.insert(at, std::wstring(pick(2) ? 505 + pick(12) : pick(5000), L'y'));
         }
     }
     return text;

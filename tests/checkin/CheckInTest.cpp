@@ -5,10 +5,10 @@
 #include "checkin/CorvinUrlResolver.h"
 #include "checkin/KelUtils.h"
 #include "checkin/SharedIdReleaser.h"
-#include "common/Registry.h"
-#include "testing/agent/StandInControl.h"
 #include "common/CriticalSection.h"
 #include "common/FailFast.h"
+#include "common/Registry.h"
+#include "testing/agent/StandInControl.h"
 #include "tests/support/FailFastTest.h"
 #include "tests/support/TestSupport.h"
 
@@ -56,7 +56,8 @@ protected:
     // The row of the one CheckIn call of the last check-in.
     std::string CheckedInRow() const {
         std::vector<std::string> calls = NewLines("CheckIn ");
-        return calls.size() == 1 ? calls[0].substr(calls[0].find(" row=") + 5) : "calls: " + std::to_string(calls.size());
+        return calls.size() == 1 ? calls[0].substr(calls[0].find(" row=") + 5)
+                                 : "calls: " + std::to_string(calls.size());
     }
     int CheckIn(const CSharedId& record) {
         m_journalStart = standin::JournalLines().size();
@@ -72,7 +73,8 @@ protected:
 
 TEST_F(CheckInTest, RowAndRowKeyAsTheAgentReadsThemAndNRetFirst) {
     EXPECT_EQ(CheckIn(Record(L"cn=lease", true)), 0);
-    EXPECT_EQ(CheckedInRow(), "cn=lease|aux-1|;svc;aux-4;acct;mem-3;{ERROR_CODE};;cn=lease|user@example.test|20301231T120000Z");
+    EXPECT_EQ(CheckedInRow(),
+              "cn=lease|aux-1|;svc;aux-4;acct;mem-3;{ERROR_CODE};;cn=lease|user@example.test|20301231T120000Z");
     EXPECT_NE(NewLines("CheckIn ")[0].find("url=https://corvin/auth srvId=srv-1 user=corvin-user"), std::string::npos);
     EXPECT_EQ(CheckIn(Record(L"", false)), 0);
     EXPECT_EQ(CheckedInRow(), "|aux-1|;svc;;acct;mem-3;{ERROR_CODE};;|user@example.test|20301231T120000Z");
@@ -173,9 +175,8 @@ TEST(ThreadRuleDeathTest, ACallUnderTheLockEndsTheProcessAndOnlyTheHolderIsUnder
     bool elsewhere = true;
     std::thread([&] { elsewhere = lock.HeldByThisThread(); }).join();
     EXPECT_FALSE(elsewhere);
-    testsupport::ExpectFailFast(L"called under the lock, as a test", [&] {
-        lock.CheckNotHeld(L"called under the lock, as a test");
-    });
+    testsupport::ExpectFailFast(L"called under the lock, as a test",
+                                [&] { lock.CheckNotHeld(L"called under the lock, as a test"); });
 }
 
 }  // namespace

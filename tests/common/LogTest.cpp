@@ -21,12 +21,15 @@ class LogTest : public ::testing::Test {
 protected:
     void SetUp() override { Settings({}); }
     static void Settings(std::initializer_list<std::pair<const wchar_t*, DWORD>> values) {
-        for (const wchar_t* name : {L"LogLevel", L"LogFileSize", L"LogObfuscationEnabled", L"LogFileCount", L"LogSyncEnabled"})
+        for (const wchar_t* name :
+             {L"LogLevel", L"LogFileSize", L"LogObfuscationEnabled", L"LogFileCount", L"LogSyncEnabled"})
             NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, name);
         for (const auto& [name, value] : values)
             NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, name, value);
     }
-    std::vector<std::wstring> Lines(const std::wstring& file) { return SplitLines(ReadUtf16File(folder + file), L"\r\n"); }
+    std::vector<std::wstring> Lines(const std::wstring& file) {
+        return SplitLines(ReadUtf16File(folder + file), L"\r\n");
+    }
     std::wstring folder = MakeTempFolder(L"log");
 };
 
@@ -53,25 +56,27 @@ TEST_F(LogTest, ScrambledLogHidesTextAndReadsBack) {
     ASSERT_FALSE(raw.empty());
     EXPECT_EQ(raw.find(L"secret"), std::wstring::npos);
 
-    ChildProcess reader = ChildProcess::Start(
-        L"tarrow_logread.exe", L"\"" + folder + L"brisk_observer.enl\" \"" + folder + L"plain.txt\"");
+    ChildProcess reader = ChildProcess::Start(L"tarrow_logread.exe",
+                                              L"\"" + folder + L"brisk_observer.enl\" \"" + folder + L"plain.txt\"");
     ASSERT_TRUE(reader.Wait(30000) == WAIT_OBJECT_0 && reader.ExitCode() == 0);
     std::vector<std::wstring> lines = Lines(L"plain.txt");
     ASSERT_EQ(lines.size(), 3u);
     for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(std::regex_match(lines[i], kLinePattern) && lines[i].ends_with(L"secret line " + std::to_wstring(i)));
+        EXPECT_TRUE(std::regex_match(lines[i], kLinePattern) &&
+                    lines[i].ends_with(L"secret line " + std::to_wstring(i)));
 }
 
 // Two processes append 1,000 lines each at the same moment through the front end.
 TEST_F(LogTest, TwoProcessesWritingAtOnceLoseAndTearNothing) {
     ASSERT_TRUE(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, NS_Settings::kProgramDir.key,
-                                            NS_Settings::kProgramDir.valueName, folder));
+                                              NS_Settings::kProgramDir.valueName, folder));
     const std::wstring go = L"tarrow-log-go-" + std::to_wstring(::GetCurrentProcessId());
     NS_Utils::UniqueHandle start(::CreateEventW(nullptr, TRUE, FALSE, go.c_str()));
     std::map<std::wstring, ChildProcess> children;
     for (const std::wstring name : {L"childA", L"childB"}) {
         NS_Utils::UniqueHandle ready(::CreateEventW(nullptr, TRUE, FALSE, (go + name).c_str()));
-        children[name] = ChildProcess::StartHelper(L"--signal-event " + go + name + L" --wait-event " + go + L" --log 1000 " + name);
+        children[name] = ChildProcess::StartHelper(L"--signal-event " + go + name + L" --wait-event " + go +
+                                                   L" --log 1000 " + name);
         ASSERT_EQ(::WaitForSingleObject(ready.get(), 60000), WAIT_OBJECT_0);
     }
     ::SetEvent(start.get());
@@ -96,8 +101,9 @@ TEST_F(LogTest, AHeldMutexCostsOneWaitAndDropsTheLines) {
     const std::wstring held = L"tarrow-log-held-" + std::to_wstring(::GetCurrentProcessId());
     NS_Utils::UniqueHandle holding(::CreateEventW(nullptr, TRUE, FALSE, held.c_str()));
     NS_Utils::UniqueHandle release(::CreateEventW(nullptr, TRUE, FALSE, (held + L"-release").c_str()));
-    ChildProcess holder = ChildProcess::StartHelper(L"--hold-mutex Global\\brisk_observer.log_LogMutex --signal-event " +
-                                                    held + L" --wait-event " + held + L"-release");
+    ChildProcess holder = ChildProcess::StartHelper(
+        L"--hold-mutex Global\\brisk_observer.log_LogMutex --signal-event " + held + L" --wait-event " + held +
+        L"-release");
     ASSERT_EQ(::WaitForSingleObject(holding.get(), 60000), WAIT_OBJECT_0);
     NS_Log::CLogWriter writer(folder, L"brisk_observer");
     const ULONGLONG start = ::GetTickCount64();
@@ -117,7 +123,9 @@ TEST_F(LogTest, FileAtTheLimitIsKeptAndTheNextWriteRotatesIt) {
     Settings({{L"LogFileSize", 1}});
     const std::wstring text = L"[LogTest]\t to the limit";
     const size_t lineBytes = NS_Log::FormatLogLine(1, NS_Log::CurrentLogTime(), ::GetCurrentProcessId(),
-                                                   ::GetCurrentThreadId(), NS_Log::ProcessSessionId(), text).size() * 2;
+                                                   ::GetCurrentThreadId(), NS_Log::ProcessSessionId(), text)
+                                 .size() *
+                             2;
     std::vector<char> earlier(1024 - lineBytes, 'x');
     ASSERT_TRUE(WriteFileBytes(folder + L"brisk_observer.log", earlier.data(), earlier.size()));
     NS_Log::CLogWriter writer(folder, L"brisk_observer");
@@ -143,8 +151,9 @@ TEST_F(LogTest, RotatedFilesStayWithinTheFileCountAndTheNewestAreKept) {
     }
     std::vector<std::wstring> rotated = ListFiles(folder, L"brisk_observer-*.log");
     ASSERT_FALSE(rotated.empty());
-    EXPECT_NE((ReadUtf16File(folder + rotated.back()) + ReadUtf16File(folder + L"brisk_observer.log")).find(L"line 59 "),
-              std::wstring::npos);
+    EXPECT_NE(
+        (ReadUtf16File(folder + rotated.back()) + ReadUtf16File(folder + L"brisk_observer.log")).find(L"line 59 "),
+        std::wstring::npos);
 }
 
 }  // namespace

@@ -54,7 +54,8 @@ TEST_F(CallTest, RegisterQueryReleaseEndToEnd) {
     // Without the agent (none is installed here) nothing can be checked in: the file stays.
     // Forgotten by the service once nothing has it open any more, and still there.
     EXPECT_TRUE(WaitUntil([&] {
-        return NS_Utils::UniqueHandle(::CreateFileW(fileName.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr))
+        return NS_Utils::UniqueHandle(
+                   ::CreateFileW(fileName.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr))
             .valid();
     }));
     EXPECT_TRUE(FileExists(fileName));

@@ -1,5 +1,5 @@
-#include "tests/host/ServiceFixture.h"
 #include "host/TarrowModule.h"
+#include "tests/host/ServiceFixture.h"
 #include "tests/support/FailFastTest.h"
 
 #include <thread>
@@ -22,7 +22,8 @@ TEST(InstanceTest, OneInstancePerSessionOrPerDesktopWhenLuspIsEnabled) {
     ServiceProcess service;
     ASSERT_TRUE(service.Start());
     wchar_t desktop[260] = {};
-    ASSERT_TRUE(::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop, sizeof(desktop), nullptr));
+    ASSERT_TRUE(::GetUserObjectInformationW(::GetThreadDesktop(::GetCurrentThreadId()), UOI_NAME, desktop,
+                                            sizeof(desktop), nullptr));
     NS_Utils::UniqueHandle perDesktop(
         ::OpenMutexW(SYNCHRONIZE, FALSE, (std::wstring(L"KEL_Tarrow_Mutex_") + desktop).c_str()));
     NS_Utils::UniqueHandle perSession(::OpenMutexW(SYNCHRONIZE, FALSE, L"KEL_Tarrow_Mutex"));

@@ -171,8 +171,9 @@ TEST(PublishingTest, UnavailableTableIsTriedAgainForAMinute) {
     std::vector<DWORD> pauses;
     int attempts = 0;
     auto pause = [&](DWORD ms) { pauses.push_back(ms); };
-    EXPECT_EQ(NS_Host::RetryWhileUnavailable([&] { return ++attempts < 3 ? NS_Host::kServerUnavailable : S_OK; }, pause),
-              S_OK);
+    EXPECT_EQ(
+        NS_Host::RetryWhileUnavailable([&] { return ++attempts < 3 ? NS_Host::kServerUnavailable : S_OK; }, pause),
+        S_OK);
     EXPECT_EQ(pauses, (std::vector<DWORD>{100, 200}));
     pauses.clear();
     EXPECT_EQ(NS_Host::RetryWhileUnavailable([] { return NS_Host::kServerUnavailable; }, pause),

@@ -47,15 +47,16 @@ void CheckSwitches(HKEY root, HKEY other, std::initializer_list<const wchar_t*> 
     ExpectRegistered(root);
     EXPECT_FALSE(KeyExists(other, kClass));
     for (const wchar_t* spelling : unreg) ASSERT_EQ(RunTarrow(spelling), 0u) << spelling;
-    for (const std::wstring& key : {kClass, kAppId, std::wstring(L"Software\\Classes\\AppID\\Tarrow.EXE"),
-                                    std::wstring(L"Software\\Classes\\Tarrow.Tarrow"),
-                                    std::wstring(L"Software\\Classes\\Tarrow.Tarrow.1")})
+    for (const std::wstring& key :
+         {kClass, kAppId, std::wstring(L"Software\\Classes\\AppID\\Tarrow.EXE"),
+          std::wstring(L"Software\\Classes\\Tarrow.Tarrow"), std::wstring(L"Software\\Classes\\Tarrow.Tarrow.1")})
         EXPECT_FALSE(KeyExists(root, key)) << std::string(key.begin(), key.end());
     EXPECT_TRUE(KeyExists(root, L"Software\\Classes\\AppID"));
 }
 
 TEST(RegistrationTest, SwitchesForAllUsersAndPerUserInAnySpellingAndRepeated) {
-    CheckSwitches(HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, {L"-RegServer", L"/REGSERVER"}, {L"/UnregServer", L"-unregserver"});
+    CheckSwitches(HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, {L"-RegServer", L"/REGSERVER"},
+                  {L"/UnregServer", L"-unregserver"});
     CheckSwitches(HKEY_CURRENT_USER, HKEY_LOCAL_MACHINE, {L"/RegServerPerUser", L"-regserverperuser"},
                   {L"-UnregServerPerUser", L"/UNREGSERVERPERUSER"});
 }

@@ -41,17 +41,18 @@ protected:
     // The texts of a registration in the order of the call's arguments.
     using Text = const std::wstring& (CSharedId::*)() const;
     static constexpr Text kTexts[12] = {
-        &CSharedId::GetCorvinAuthSvcUrl, &CSharedId::GetCorvinAuthSrvId, &CSharedId::GetAuxText1, &CSharedId::GetAuthSvcId,
-        &CSharedId::GetSharedId,         &CSharedId::GetAuxText2,        &CSharedId::GetRoleId,   &CSharedId::GetAuxText4,
-        &CSharedId::GetLeaseDN,          &CSharedId::GetLeaseExpiry,     &CSharedId::GetAuxText3, &CSharedId::GetAuxText6};
+        &CSharedId::GetCorvinAuthSvcUrl, &CSharedId::GetCorvinAuthSrvId, &CSharedId::GetAuxText1,
+        &CSharedId::GetAuthSvcId,        &CSharedId::GetSharedId,        &CSharedId::GetAuxText2,
+        &CSharedId::GetRoleId,           &CSharedId::GetAuxText4,        &CSharedId::GetLeaseDN,
+        &CSharedId::GetLeaseExpiry,      &CSharedId::GetAuxText3,        &CSharedId::GetAuxText6};
     // The service's answers; each call itself must succeed.
     DWORD Register(DWORD pid, const CSharedId& c, VARIANT_BOOL flag = VARIANT_TRUE) {
         std::array<NS_Utils::UniqueBstr, 12> b;
         for (size_t i = 0; i < 12; ++i) b[i] = NS_Utils::UniqueBstr((c.*kTexts[i])());
         DWORD result = 99;
         EXPECT_EQ(tarrow->RegisterSharedId(pid, b[0].get(), b[1].get(), b[2].get(), b[3].get(), b[4].get(), b[5].get(),
-                                           b[6].get(), b[7].get(), b[8].get(), b[9].get(), b[10].get(), flag, b[11].get(),
-                                           &result),
+                                           b[6].get(), b[7].get(), b[8].get(), b[9].get(), b[10].get(), flag,
+                                           b[11].get(), &result),
                   S_OK);
         return result;
     }

@@ -88,7 +88,8 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     ASSERT_TRUE(WaitUntil([&] { return ReadAsScript(snapshot, text) && Row(text, L"leaving").at(6) == L"retrying"; }));
 
     for (const auto& expected : {std::pair<std::wstring, std::wstring>{L"lease count", L"2"},
-                                 {L"version", L"" TARROW_VERSION_TEXT}, {L"agent reachable", L"yes"}})
+                                 {L"version", L"" TARROW_VERSION_TEXT},
+                                 {L"agent reachable", L"yes"}})
         EXPECT_NE(std::find(text.service.begin(), text.service.end(), expected), text.service.end()) << expected.first;
     // Columns: credential, account, lease DN, expiry, holders, file, state, result, attempts, next, end.
     const std::vector<std::wstring> retrying = Row(text, L"leaving"), held = Row(text, L"held");
@@ -103,9 +104,10 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
 
     std::string csv;
     ASSERT_EQ(RunCtl(L"status --csv", csv), 0u) << csv;
-    EXPECT_EQ(csv.substr(0, csv.find_first_of("\r\n")),
-              "credential,account,lease_dn,lease_expiry,holders,file,state,last_result,attempts,next_attempt,holders_end,"
-              "checking_in_since");
+    EXPECT_EQ(
+        csv.substr(0, csv.find_first_of("\r\n")),
+        "credential,account,lease_dn,lease_expiry,holders,file,state,last_result,attempts,next_attempt,holders_end,"
+        "checking_in_since");
     EXPECT_NE(csv.find("svc:leaving:https://corvin/auth,acct,cn=leaving,"), std::string::npos) << csv;
     EXPECT_NE(csv.find(",retrying,37,1,"), std::string::npos) << csv;
 
@@ -125,8 +127,8 @@ TEST(TarrowCtlHelpTest, EverySpellingPrintsCommandsAndExitCodes) {
     for (const wchar_t* spelling : {L"help", L"--help", L"-h", L"/?"}) {
         std::string help;
         EXPECT_EQ(RunCtl(spelling, help), 0u) << help;
-        for (const char* part : {"register", "release", "query", "status", "--version", "Exit codes", "100 bad arguments",
-                                 "101 the service is not running"})
+        for (const char* part : {"register", "release", "query", "status", "--version", "Exit codes",
+                                 "100 bad arguments", "101 the service is not running"})
             EXPECT_NE(help.find(part), std::string::npos) << part;
     }
     std::string usage;

@@ -163,7 +163,8 @@ TEST_F(SurvivalTest, AnAgentWhoseServerWentAwayIsMadeAnewAndEveryRowIsSentAgain)
     standin::SetScript(L"CheckInHResults", std::wstring(L"0,0,0x80010108,0"));
     ChildProcess first = StartHolder(), holder = StartHolder();
     ASSERT_EQ(Register(first.Id(), Credential(L"first")), 0u);
-    for (const wchar_t* role : {L"gone-a", L"gone-b", L"gone-c"}) ASSERT_EQ(Register(holder.Id(), Credential(role)), 0u);
+    for (const wchar_t* role : {L"gone-a", L"gone-b", L"gone-c"})
+        ASSERT_EQ(Register(holder.Id(), Credential(role)), 0u);
     first.Kill();
     ASSERT_TRUE(WaitUntil([] { return CheckIns("cn=first") == 1; }));
     holder.Kill();

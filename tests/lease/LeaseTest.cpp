@@ -2,8 +2,8 @@
 // clock is the test's, and it is polled by the test instead of by its thread.
 
 #include "common/Registry.h"
-#include "sharedid/ExpiryTime.h"
 #include "lease/LeaseMonitor.h"
+#include "sharedid/ExpiryTime.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/monitor/MonitorFixture.h"
 #include "ui/LMMainUIRes.h"
@@ -115,15 +115,18 @@ TEST_F(LeaseTest, AnUnreadableExpiryIsTheDefaultDurationFromNowInTheRecordToo) {
 // Stale: before now - delta; due: from now - delta up to now + delta. A negative delta makes
 // nothing due, and the poll must not walk past the end of the map.
 TEST_F(LeaseTest, EveryDeltaSplitsStaleDueAndLaterLeases) {
-    auto restore = NS_Utils::MakeScopeExit([] {
-        NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime");
-    });
+    auto restore = NS_Utils::MakeScopeExit(
+        [] { NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime"); });
     ChildProcess holder = StartHolder();
     // Of the seven expiries, in order: how many are stale, then how many due.
-    const struct { LONG delta; size_t stale, due; } splits[] = {{3600, 1, 5}, {0, 3, 1}, {-3600, 5, 0}};
+    const struct {
+        LONG delta;
+        size_t stale, due;
+    } splits[] = {{3600, 1, 5}, {0, 3, 1}, {-3600, 5, 0}};
     for (const auto& [delta, stale, due] : splits) {
         NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"LeaseMonitorDeltaTime", delta);
-        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease, CLeaseMonitor::Create([this] { return now.load(); }));
+        std::shared_ptr<CLeaseMonitor> previous = std::exchange(lease,
+                                                                CLeaseMonitor::Create([this] { return now.load(); }));
         lease->WatchFor(*monitor);
         previous.reset();
         for (__time64_t offset : {-7200, -3600, -1, 0, 1, 3600, 7200}) {

@@ -37,7 +37,9 @@ protected:
                FileCount() == 0;
     }
     DWORD Register(const CSharedId& credential, DWORD pid) { return monitor->RegisterSharedCreds(credential, &pid); }
-    DWORD Unregister(const CSharedId& credential, DWORD pid) { return monitor->UnregisterSharedCreds(credential, &pid); }
+    DWORD Unregister(const CSharedId& credential, DWORD pid) {
+        return monitor->UnregisterSharedCreds(credential, &pid);
+    }
     bool Registered(const CSharedId& credential, CSharedId* stored = nullptr) {
         CSharedId ignored;
         return monitor->IsCredsRegistered(credential, stored ? stored : &ignored);

@@ -25,7 +25,8 @@ TEST_F(RegistryTest, EqualSignaturesShareOneCredentialAndRefusalsLeaveNothing) {
     EXPECT_EQ(stored.GetHolderPids(), (std::vector<DWORD>{first.Id(), second.Id()}));
     EXPECT_NE(ReadUtf16File(stored.GetFileName()).find(L"\nfirst-account\n"), std::wstring::npos)
         << "the later callers' texts are ignored";
-    EXPECT_EQ(Unregister(Credential(L"never"), first.Id()), SharedIdMonitor::kNotAlive) << "the service answers 7 instead";
+    EXPECT_EQ(Unregister(Credential(L"never"), first.Id()), SharedIdMonitor::kNotAlive)
+        << "the service answers 7 instead";
     first.Kill();
     second.Kill();
     EXPECT_TRUE(WaitUntil([&] { return Settled(); }));

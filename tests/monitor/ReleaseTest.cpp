@@ -124,7 +124,8 @@ TEST_F(ReleaseTest, RowsThatNoCallCarriedAreSentAgain) {
     monitor->Collector().Queue([&] { ::WaitForSingleObject(release.get(), INFINITE); });
     ReleaseAfter(release.get(), {Credential(L"drop-a"), Credential(L"drop-b"), Credential(L"drop-c")});
     for (const char* role : {"drop-a", "drop-b", "drop-c"})
-        EXPECT_EQ(standin::JournalLines(std::string("Row cn=") + role).size(), 2u) << role << ": in the batch, then alone";
+        EXPECT_EQ(standin::JournalLines(std::string("Row cn=") + role).size(), 2u)
+            << role << ": in the batch, then alone";
     EXPECT_EQ(Calls(), 5u);
 }
 

@@ -37,7 +37,8 @@ TEST_F(SharedIdFileTest, RecordWritesKnownBytesAndWhatIsReadBackWritesThemAgain)
     record.SetFileName(folder + L"known.dat");
     ASSERT_TRUE(writeSharedIdToFile(record, folder + L"known.dat", errors));
     const std::vector<std::uint8_t> known = Utf16Bytes(
-        L"https://corvin/auth\nsrv-1\nsvc\nacct\nrole-admin\naux-4\ncn=role-admin\naux-1\n20301231T120000Z\nalice@corp\n1");
+        L"https://corvin/"
+        L"auth\nsrv-1\nsvc\nacct\nrole-admin\naux-4\ncn=role-admin\naux-1\n20301231T120000Z\nalice@corp\n1");
     EXPECT_EQ(ReadFileBytes(folder + L"known.dat"), known) << "no memory-only text, in the stored order";
 
     CSharedId back;
@@ -83,9 +84,10 @@ TEST(SharedIdFileText, RandomlyMutatedFilesAreReadOrRefusedExactly) {
         CSharedId r;
         ASSERT_EQ(ParseSharedIdText(input, r), !expected.empty()) << "seed " << seed << ", case " << i;
         if (!expected.empty()) {
-            ASSERT_EQ(expected, (std::vector<std::wstring>{r.GetCorvinAuthSvcUrl(), r.GetCorvinAuthSrvId(), r.GetAuthSvcId(),
-                                                           r.GetSharedId(), r.GetRoleId(), r.GetAuxText4(), r.GetLeaseDN(),
-                                                           r.GetAuxText1(), r.GetLeaseExpiry()}))
+            ASSERT_EQ(expected,
+                      (std::vector<std::wstring>{r.GetCorvinAuthSvcUrl(), r.GetCorvinAuthSrvId(), r.GetAuthSvcId(),
+                                                 r.GetSharedId(), r.GetRoleId(), r.GetAuxText4(), r.GetLeaseDN(),
+                                                 r.GetAuxText1(), r.GetLeaseExpiry()}))
                 << "seed " << seed << ", case " << i;
         }
         ASSERT_LE(r.GetEnterpriseId().size(), 511u);

@@ -28,11 +28,15 @@ public:
         m_process = ChildProcess::Start(L"Tarrow.exe", L"");
         NS_Utils::ComApartment com;
         NS_Utils::ComPtr<ITarrow> tarrow;
-        return m_process.Valid() && WaitUntil([&] {
-                   if (!Running()) return true;
-                   tarrow = {};
-                   return SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow)) && (!ready || ready(tarrow.get()));
-               }, 60000) && Running();
+        return m_process.Valid() &&
+               WaitUntil(
+                   [&] {
+                       if (!Running()) return true;
+                       tarrow = {};
+                       return SUCCEEDED(tarrowctl::ConnectToTarrow(tarrow)) && (!ready || ready(tarrow.get()));
+                   },
+                   60000) &&
+               Running();
     }
     // Ends the message loop as the end of the session would (by force after 30 s); the exit code.
     DWORD Stop() {

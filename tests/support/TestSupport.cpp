@@ -14,15 +14,17 @@ std::wstring MakeTempFolder(const std::wstring& hint) {
     wchar_t temp[MAX_PATH + 1];
     ::GetTempPathW(MAX_PATH + 1, temp);
     std::wstring folder;
-    do folder = std::wstring(temp) + L"tarrow-" + hint + L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                std::to_wstring(counter++) + L"\\";
+    do
+        folder = std::wstring(temp) + L"tarrow-" + hint + L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
+                 std::to_wstring(counter++) + L"\\";
     while (!::CreateDirectoryW(folder.c_str(), nullptr) && ::GetLastError() == ERROR_ALREADY_EXISTS);
     return folder;
 }
 
 std::vector<std::uint8_t> ReadFileBytes(const std::wstring& path) {
-    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                              nullptr, OPEN_EXISTING, 0, nullptr));
+    NS_Utils::UniqueHandle file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, 0, nullptr));
     std::vector<std::uint8_t> bytes(file ? ::GetFileSize(file.get(), nullptr) : 0);
     DWORD read = 0;
     if (!bytes.empty()) ::ReadFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr);
@@ -67,7 +69,8 @@ std::vector<std::wstring> SplitLines(const std::wstring& text, const std::wstrin
 
 ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring& arguments) {
     const bool absolute = program.find(L'\\') != std::wstring::npos;
-    std::wstring path = absolute ? program : NS_Utils::ExecutableFolder() + program, commandLine = L"\"" + path + L"\" " + arguments;
+    std::wstring path = absolute ? program : NS_Utils::ExecutableFolder() + program,
+                 commandLine = L"\"" + path + L"\" " + arguments;
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION info{};
@@ -75,7 +78,8 @@ ChildProcess ChildProcess::Start(const std::wstring& program, const std::wstring
     // A loaded machine occasionally refuses a process start; a few tries keep that out of the
     // results of tests that need hundreds of processes.
     for (int attempt = 0; attempt < 5 && !child.Valid(); ++attempt)
-        if (::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+        if (::CreateProcessW(path.c_str(), commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                             &info)) {
             ::CloseHandle(info.hThread);
             child.m_process.reset(info.hProcess);
             child.m_id = info.dwProcessId;
@@ -146,8 +150,8 @@ DWORD CountHandleEntries(const std::function<bool(const SystemHandleEntry&)>& ke
     std::vector<std::uint8_t> buffer(1 << 16);
     NTSTATUS status;
     ULONG needed = 0;
-    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()),
-                                                &needed)) == kInfoLengthMismatch)
+    while ((status = ::NtQuerySystemInformation(kSystemHandleInformation, buffer.data(),
+                                                static_cast<ULONG>(buffer.size()), &needed)) == kInfoLengthMismatch)
         buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 4096));
     if (status != 0) return 0;
     auto* info = reinterpret_cast<const SystemHandleInformation*>(buffer.data());
@@ -158,7 +162,8 @@ DWORD CountHandleEntries(const std::function<bool(const SystemHandleEntry&)>& ke
 DWORD CountOwnHandles(const std::wstring& typeName) {
     return CountHandleEntries([&](const SystemHandleEntry& e) {
         return e.ownerPid == ::GetCurrentProcessId() &&
-               (typeName.empty() || HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(e.handleValue))) == typeName);
+               (typeName.empty() ||
+                HandleTypeName(reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(e.handleValue))) == typeName);
     });
 }
 

@@ -51,7 +51,10 @@ TEST_F(LeaseRowsTest, AProcessHasOneRowPerCredential) {
 // The first row of a credential ends at the later of its lease expiry and its appearance plus
 // the grace time; an expiry that cannot be read counts as due now.
 TEST_F(LeaseRowsTest, TheFirstRowOfACredentialFixesItsMoment) {
-    const struct { std::wstring expiry; __time64_t end; } cases[] = {
+    const struct {
+        std::wstring expiry;
+        __time64_t end;
+    } cases[] = {
         {TimeToExpiryText(kNow + 600), kNow + 600},
         {TimeToExpiryText(kNow + 60), kNow + kGrace},
         {L"20200101T000000Z", kNow + kGrace},  // run out before its row appeared: still the grace time

@@ -24,7 +24,8 @@ namespace {
 using testsupport::ItemText;
 
 bool Inside(const RECT& inner, const RECT& outer) {
-    return inner.left >= outer.left && inner.top >= outer.top && inner.right <= outer.right && inner.bottom <= outer.bottom;
+    return inner.left >= outer.left && inner.top >= outer.top && inner.right <= outer.right &&
+           inner.bottom <= outer.bottom;
 }
 
 RECT WorkAreaOf(HWND window) {
@@ -139,7 +140,8 @@ protected:
     // The window at `dpi`, with `rows` rows; its dialog once they are listed.
     HWND ShowAt(int dpi, const std::wstring& arguments, LRESULT rows) {
         // Read by each Wine process when it starts: the child alone sees the new DPI.
-        NS_Utils::WriteRegistryDword(HKEY_CURRENT_USER, L"Control Panel\\Desktop", L"LogPixels", static_cast<DWORD>(dpi));
+        NS_Utils::WriteRegistryDword(HKEY_CURRENT_USER, L"Control Panel\\Desktop", L"LogPixels",
+                                     static_cast<DWORD>(dpi));
         // Wine draws the caption and frame itself, as there is no window manager to draw them.
         NS_Utils::WriteRegistryString(HKEY_CURRENT_USER, L"Software\\Wine\\X11 Driver", L"Managed", L"N");
         m_window = testsupport::ChildProcess::Start(L"tarrow_windowchild.exe", arguments);
@@ -165,10 +167,12 @@ TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
     size_t dpiChanges = testsupport::CountInServiceLog(L"[LMMainUI::OnDpiChanged]");
     for (int dpi : {96, 144, 192}) {
         SCOPED_TRACE("at " + std::to_string(dpi) + " DPI");
-        HWND dialog = ShowAt(dpi, L"--dpi-change " + std::to_wstring(m_plain.Id()) + L" " + std::to_wstring(notepad.Id()), 2);
+        HWND dialog = ShowAt(
+            dpi, L"--dpi-change " + std::to_wstring(m_plain.Id()) + L" " + std::to_wstring(notepad.Id()), 2);
         ASSERT_TRUE(dialog);
         HWND list = ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_LIST);
-        EXPECT_EQ(ItemText(list, 0).rfind(L"Program: tarrow_testchild.exe\nCloses in: ", 0), 0u) << ItemText(list, 0).c_str();
+        EXPECT_EQ(ItemText(list, 0).rfind(L"Program: tarrow_testchild.exe\nCloses in: ", 0), 0u)
+            << ItemText(list, 0).c_str();
         EXPECT_NE(ItemText(list, 1).find(L"Notepad"), std::wstring::npos) << "the program's title";
 
         // Told of a DPI change with a place off the bottom right, it pulls back into the work area.
@@ -178,7 +182,8 @@ TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
         RECT window{};
         ::GetWindowRect(dialog, &window);
         const RECT work = WorkAreaOf(dialog);
-        EXPECT_TRUE(Inside(window, work)) << window.left << "," << window.top << " " << window.right << "," << window.bottom;
+        EXPECT_TRUE(Inside(window, work))
+            << window.left << "," << window.top << " " << window.right << "," << window.bottom;
         EXPECT_TRUE(window.right == work.right || window.bottom == work.bottom) << "pulled back only as far as needed";
 
         ::Sleep(500);  // let the move's repaint reach the screen
@@ -189,15 +194,16 @@ TEST_F(ScaleTest, RowsFitTheirTextAndTheWindowItsWorkAreaAtEveryDpi) {
         const int lineHeight = LineHeightAt(dpi);
         for (int index = 0; index < 2; ++index) {
             RECT row{};
-            ASSERT_NE(::SendMessageW(list, LB_GETITEMRECT, static_cast<WPARAM>(index), reinterpret_cast<LPARAM>(&row)), LB_ERR);
+            ASSERT_NE(::SendMessageW(list, LB_GETITEMRECT, static_cast<WPARAM>(index), reinterpret_cast<LPARAM>(&row)),
+                      LB_ERR);
             ::MapWindowPoints(list, nullptr, reinterpret_cast<POINT*>(&row), 2);
             RowInk ink = InkOf(shot, row, dpi);
             EXPECT_GT(ink.Height(), lineHeight) << "row " << index << ": the program and the time left on two lines";
             EXPECT_FALSE(ink.touchesEdge) << "row " << index << ": text cut by the row's edge";
         }
-        std::printf("lease-expiry window at %d DPI: row height %d px, window %ld x %ld px, screenshot screenshots\\%ls\n",
-                    dpi, static_cast<int>(heights.back()), window.right - window.left, window.bottom - window.top,
-                    name.c_str());
+        std::printf(
+            "lease-expiry window at %d DPI: row height %d px, window %ld x %ld px, screenshot screenshots\\%ls\n", dpi,
+            static_cast<int>(heights.back()), window.right - window.left, window.bottom - window.top, name.c_str());
         m_window.Kill();
     }
     EXPECT_TRUE(heights[0] < heights[1] && heights[1] < heights[2]) << "rows grow with the DPI";
@@ -212,13 +218,15 @@ TEST_F(ScaleTest, KeyboardAndScreenReadersReachTheRowsAndTheirCountdown) {
     EXPECT_EQ(::GetNextDlgTabItem(dialog, nullptr, FALSE), list) << "the list is the first tab stop";
     GUITHREADINFO gui{};
     gui.cbSize = sizeof(gui);
-    EXPECT_TRUE(testsupport::WaitUntil([&] {
-        return ::GetGUIThreadInfo(::GetWindowThreadProcessId(dialog, nullptr), &gui) && gui.hwndFocus == list;
-    }, 5000)) << "the keyboard lands on the list";
+    EXPECT_TRUE(testsupport::WaitUntil(
+        [&] { return ::GetGUIThreadInfo(::GetWindowThreadProcessId(dialog, nullptr), &gui) && gui.hwndFocus == list; },
+        5000))
+        << "the keyboard lands on the list";
     ::PostMessageW(list, WM_KEYDOWN, VK_DOWN, 0);
     EXPECT_TRUE(testsupport::WaitUntil([&] { return ::SendMessageW(list, LB_GETCURSEL, 0, 0) == 0; }, 5000))
         << "the arrow keys walk the rows";
-    EXPECT_EQ(::GetWindow(list, GW_HWNDPREV), ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_TEXT)) << "the explanation labels the list";
+    EXPECT_EQ(::GetWindow(list, GW_HWNDPREV), ::GetDlgItem(dialog, IDC_LEASE_EXPIRY_TEXT))
+        << "the explanation labels the list";
 
     // A screen reader names a list after the static text before it; Wine 8 cannot be asked
     // (AccessibleObjectFromWindow answers E_NOINTERFACE for another process's list), so the

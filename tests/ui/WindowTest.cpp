@@ -23,7 +23,9 @@ protected:
         ASSERT_TRUE(m_holder.Valid());
         m_credential->SetLeaseExpiry(L"20200101T000000Z");
         m_credential->AddHolderPid(m_holder.Id());
-        m_callbacks.onExpiryPassed = [this](const std::weak_ptr<CSharedId>& c) { m_expiries += c.lock() == m_credential; };
+        m_callbacks.onExpiryPassed = [this](const std::weak_ptr<CSharedId>& c) {
+            m_expiries += c.lock() == m_credential;
+        };
         m_callbacks.onSessionEnd = [this] { ++m_sessionEnds; };
         m_callbacks.getProcFromPid = [this](DWORD pid) {
             return NS_Utils::UniqueHandle(m_registered && pid == m_holder.Id() ? Duplicate() : nullptr);
