@@ -12,7 +12,7 @@ std::wstring Labelled(const std::wstring& label, const std::wstring& value) {
 
 LeaseRows::LeaseRows(Clock now, unsigned graceSeconds) : m_clock(std::move(now)), m_graceSeconds(graceSeconds) {}
 
-int LeaseRows::Add(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential) {
+int LeaseRows::Add(DWORD processId, NS_Utils::UniqueHandle process, const std::weak_ptr<CSharedId>& credential) {
     // Made before the lock is taken: it looks at the holder's windows and asks the clock.
     auto made = std::make_shared<ProcessInfo>(processId, std::move(process), credential, Now() + m_graceSeconds);
     NS_Utils::CritSecGuard guard(m_lock);

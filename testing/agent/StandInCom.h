@@ -57,10 +57,14 @@ public:
         return E_NOTIMPL;
     }
     // The slots the agent's objects have and Tarrow never calls, over all of them.
+    // clang-format off: the macros end without a semicolon, which clang-format cannot tell.
     STANDIN_RESERVED5(3, 4, 7, 8, 9)
-    STANDIN_RESERVED5(10, 11, 13, 15, 17) STANDIN_RESERVED5(20, 21, 22, 23, 24)
+    STANDIN_RESERVED5(10, 11, 13, 15, 17)
+    STANDIN_RESERVED5(20, 21, 22, 23, 24)
+    // clang-format on
 
-        private : std::atomic<long> m_refs{1};
+private:
+    std::atomic<long> m_refs{1};
 };
 
 // Fills `out` with a one-dimensional array of `count` elements of `type`, element i set by put(array, i).
