@@ -44,7 +44,7 @@ public:
     // at the moment fixed when the credential's first row appeared, or, for its first, at the
     // later of its lease expiry and now plus the grace time. Its key, or below 0 when the process
     // has a row for that credential already.
-    int Add(DWORD processId, NS_Utils::UniqueHandle process, std::weak_ptr<CSharedId> credential);
+    int Add(DWORD processId, NS_Utils::UniqueHandle process, const std::weak_ptr<CSharedId>& credential);
     // Takes out the row of that process for that credential; its key, or below 0 when there was none.
     int Remove(DWORD processId, const std::weak_ptr<CSharedId>& credential);
     bool Erase(int key);
