@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 #include <tuple>
@@ -28,6 +29,7 @@ namespace {
 // renaming and deleting are requests it writes to the Wine server (write, or writev with a path).
 const std::string kFileSyscalls = "pwrite64,write,writev,fsync,fdatasync";
 const std::wstring kTraceFile = std::wstring(kInstallFolder) + L"sweep.trace";
+const std::wstring kStepTraceFile = std::wstring(kInstallFolder) + L"step.trace";
 constexpr DWORD kSettleMs = 60000;
 
 // The service killed at the n-th call of `syscall` in the thread that was the `thread`-th oldest
@@ -43,7 +45,8 @@ struct Step {
 struct RunResult {
     std::vector<std::string> violations;
     unsigned restarts = 0;
-    bool killed = false;  // the step was reached: some instance of the service was ended at it
+    bool killed = false;                   // the step was reached: some instance of the service was ended at it
+    std::optional<Strace::Call> lastCall;  // the call the kill fell on
     double seconds = 0;
 };
 
@@ -303,15 +306,17 @@ RunResult RunOnce(unsigned run, const Step& step, std::vector<DWORD>* threadsAtA
         else
             result.violations.push_back("setup: Tarrow has fewer threads than when its steps were recorded");
     }
-    const bool attached = linuxPid != 0 &&
-                          (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
-                                       : strace.Attach(linuxPid, step.syscall, {}, step.syscall, step.n, onlyThread));
+    const bool attached = linuxPid != 0 && (step.n == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
+                                                        : strace.Attach(linuxPid, step.syscall, kStepTraceFile,
+                                                                        step.syscall, step.n, onlyThread));
     if (!attached) result.violations.push_back("setup: strace could not attach to Tarrow");
     if (threadsAtAttach) *threadsAtAttach = threads;
     NS_Utils::ComApartment com;
     Workload(service, run, result).Run();
     result.killed = result.restarts > 0 || !service.Running();
     strace.Detach();
+    if (const std::vector<Strace::Call> traced = Strace::ReadCalls(kStepTraceFile); step.n != 0 && !traced.empty())
+        result.lastCall = traced.back();
     if (const DWORD stopped = service.Stop(); stopped != 0)
         result.violations.push_back("end: Tarrow's stop ended with " + std::to_string(stopped));
     result.seconds = static_cast<double>(::GetTickCount64() - started) / 1000;
@@ -468,19 +473,27 @@ int RunCrashSweep(const Options& options) {
     std::vector<Step> steps;
     const std::vector<Step> limited = Spread(plan, options.steps);
     for (size_t i = options.shard; i < limited.size(); i += options.shards) steps.push_back(limited[i]);
-    unsigned long violations = recording.violations.size(), killed = 0;
+    unsigned long violations = recording.violations.size(), killed = 0, fileSteps = 0, hitFiles = 0;
     unsigned run = 1;
     for (const Step& step : steps) {
         const RunResult result = RunOnce(run++, step);
         killed += result.killed;
+        // Counts in a thread can drift between runs (the agent's absence is probed a varying number
+        // of times): a step on a file call is checked to have fallen on one.
+        const bool onFile = step.what.rfind("after ", 0) != 0;
+        const bool hit = result.lastCall && !FileStep(*result.lastCall, deleteCode).empty();
+        if (onFile) hitFiles += result.killed && hit;
+        fileSteps += onFile;
         violations += result.violations.size();
         std::printf("  %-8s %4u thread %2d  %5.1f s  %-11s %s\n", step.syscall.c_str(), step.n, step.thread,
-                    result.seconds, result.killed ? "killed" : "not reached", step.what.c_str());
+                    result.seconds, result.killed ? (onFile && !hit ? "killed near" : "killed") : "not reached",
+                    step.what.c_str());
         for (const std::string& v : result.violations) std::printf("    violation: %s\n", v.c_str());
         std::fflush(stdout);
     }
     std::printf("crash sweep:\n");
     std::printf("  steps swept            %zu (the service killed in %lu)\n", steps.size(), killed);
+    std::printf("  file calls             %lu of %lu killed at a file call\n", hitFiles, fileSteps);
     std::printf("  violations             %lu\n", violations);
     std::printf("  time                   %.1f s\n", static_cast<double>(::GetTickCount64() - started) / 1000);
     const bool ok = violations == 0 && !plan.empty();
