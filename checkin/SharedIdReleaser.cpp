@@ -26,18 +26,15 @@ VARIANT BoolScope(VARIANT_BOOL value) {
     scope.boolVal = value;
     return scope;
 }
+// The agent's objects live in the worker's apartment; a call from elsewhere would use them across
+// apartments without marshaling.
+constexpr wchar_t kOffWorker[] = L"[SharedIdReleaser]\t called off the collector's worker thread";
 }  // namespace
 
 SharedIdReleaser::~SharedIdReleaser() { NS_Utils::WipeString(m_corvinPassword); }
 
-void SharedIdReleaser::CheckThread() const {
-    // The agent's objects live in the worker's apartment; a call from elsewhere would use them
-    // across apartments without marshaling.
-    m_worker->Check(L"[SharedIdReleaser]\t called off the collector's worker thread");
-}
-
 bool SharedIdReleaser::Init() {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     if (!InitCom()) return false;
     if (!m_checkInAgent && !CreateCheckInAgent()) return false;
     if (!m_runtime) {
@@ -120,7 +117,7 @@ void SharedIdReleaser::OnePerCall(std::span<const CSharedId* const> credentials,
 
 bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
                                 std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     if (!m_checkInAgent || !RefreshAccountForCheckIn()) return true;  // nothing is sent
     // The call's own texts come from the first row: a batch holds rows of one identity server.
     const CSharedId& first = *credentials.front();
@@ -216,7 +213,7 @@ bool SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& outpu
 }
 
 bool SharedIdReleaser::UpdateCorvinCred() {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
     if (!m_runtime) {
         NS_Log::Log(1, kUpdateTag, kNoRuntime);
@@ -240,7 +237,7 @@ bool SharedIdReleaser::UpdateCorvinCred() {
 }
 
 bool SharedIdReleaser::ResolveAuthId() {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     if (!m_runtime) NS_AgentRuntime::GetRuntimeFromObs(m_runtime);
     if (!m_runtime) {
         NS_Log::Log(1, kResolveTag, kNoRuntime);
@@ -259,7 +256,7 @@ bool SharedIdReleaser::ResolveAuthId() {
 bool SharedIdReleaser::WaitForBriskLoginBlocking() { return WaitForLogin() == LoginWait::kLoggedOn; }
 
 SharedIdReleaser::LoginWait SharedIdReleaser::WaitForLogin() {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     if (!m_scriptSupport) return LoginWait::kCannotAsk;
     NS_Log::Log(3, L"[SharedIdReleaser::WaitForBriskLoginBlocking]\t Waiting for the user to log on to the agent.");
     for (;;) {
@@ -274,7 +271,7 @@ SharedIdReleaser::LoginWait SharedIdReleaser::WaitForLogin() {
 }
 
 void SharedIdReleaser::Reset() {
-    CheckThread();
+    m_worker->Check(kOffWorker);
     DropAgentObjects();
     m_corvinUser.clear();
     NS_Utils::WipeString(m_corvinPassword);

@@ -92,7 +92,6 @@ private:
     void OnePerCall(std::span<const CSharedId* const> credentials, std::span<NS_CheckIn::RowOutcome> outcomes,
                     HRESULT* hrCIRes);
     void DropAgentObjects();
-    void CheckThread() const;
 
     NS_Utils::ComPtr<ICICOBatchAgent> m_checkInAgent;
     NS_Utils::ComPtr<IKelStateEngineRuntime> m_runtime;

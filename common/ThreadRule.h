@@ -33,6 +33,11 @@ public:
     void Check(const wchar_t* rule, const std::source_location& where = std::source_location::current()) const {
         FailFastUnless(IsCurrentThread(), rule, where);
     }
+    // Ends the process, naming `rule`, when called on the bound thread: for what would wait for
+    // that thread, or free what it is running.
+    void CheckNot(const wchar_t* rule, const std::source_location& where = std::source_location::current()) const {
+        FailFastUnless(!IsCurrentThread(), rule, where);
+    }
     // Ends the process, naming `rule`, once the rule is bound: for what must be set before the
     // thread starts.
     void CheckUnbound(const wchar_t* rule, const std::source_location& where = std::source_location::current()) const {

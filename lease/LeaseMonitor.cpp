@@ -84,8 +84,7 @@ bool CLeaseMonitor::StartLeaseMonitor(SharedIdMonitor& registry) {
 }
 
 bool CLeaseMonitor::Shutdown() {
-    NS_Utils::FailFastUnless(!Rule().IsCurrentThread(),
-                             L"[CLeaseMonitor::Shutdown]\t called on the poller thread, which would wait for itself");
+    Rule().CheckNot(L"[CLeaseMonitor::Shutdown]\t called on the poller thread, which would wait for itself");
     CPoller::Stop();
     const bool orderly = Join(kStopWaitMs) != WAIT_TIMEOUT;
     if (!orderly) Terminate(0);

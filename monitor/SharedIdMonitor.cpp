@@ -40,8 +40,7 @@ SharedIdMonitor::SharedIdMonitor() : m_gc(std::make_shared<NS_Utils::CGarbageCol
 
 SharedIdMonitor::~SharedIdMonitor() {
     // Destroyed on the worker, the monitor would free the collector that is running the item.
-    NS_Utils::FailFastUnless(!m_gc->IsWorkerThread(),
-                             L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
+    m_gc->WorkerRule().CheckNot(L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed on the collector's worker");
     NS_Utils::FailFastUnless(Shutdown(),
                              L"[SharedIdMonitor::~SharedIdMonitor]\t destroyed after a thread was ended by force");
     // Credentials still held are not checked in now; their files bring them back at the next start.

@@ -81,8 +81,7 @@ LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
 }
 
 LMMainUI::~LMMainUI() {
-    NS_Utils::FailFastUnless(!m_uiThread.IsCurrentThread(),
-                             L"[LMMainUI::~LMMainUI]\t destroyed on the window's thread, which would wait for itself");
+    m_uiThread.CheckNot(L"[LMMainUI::~LMMainUI]\t destroyed on the window's thread, which would wait for itself");
     IssueStop();
     if (!m_thread) return;
     // The stop is posted again in case the thread had not made its queue when it was asked.
