@@ -164,37 +164,21 @@ void Strace::Detach() {
     m_stracePid = 0;
 }
 
-std::map<std::string, unsigned> Strace::MostCallsPerThread(const std::wstring& traceFile) {
-    std::map<std::pair<std::string, std::string>, unsigned> perThread;
-    std::istringstream lines(ReadWhole(traceFile));
-    for (std::string line; std::getline(lines, line);) {
-        // "<tid> name(args...": a call's start; resumed calls and signals are not new calls.
-        const size_t space = line.find(' ');
-        if (space == std::string::npos) continue;
-        const size_t name = line.find_first_not_of(' ', space), paren = line.find('(', name);
-        if (name == std::string::npos || paren == std::string::npos || line[name] == '<' || line[name] == '+' ||
-            line[name] == '-')
-            continue;
-        ++perThread[{line.substr(0, space), line.substr(name, paren - name)}];
-    }
-    std::map<std::string, unsigned> most;
-    for (const auto& [key, count] : perThread) most[key.second] = std::max(most[key.second], count);
-    return most;
-}
-
 std::vector<Strace::Call> Strace::ReadCalls(const std::wstring& traceFile) {
     std::vector<Call> calls;
     std::map<std::pair<DWORD, std::string>, unsigned> counts;
     std::istringstream lines(ReadWhole(traceFile));
     for (std::string line; std::getline(lines, line);) {
-        const size_t space = line.find(' ');
+        // "<tid> name(..." when strace follows threads, "name(..." when it traces one.
+        const bool perThread = !line.empty() && std::isdigit(static_cast<unsigned char>(line[0]));
+        const size_t space = perThread ? line.find(' ') : 0;
         if (space == std::string::npos) continue;
         const size_t name = line.find_first_not_of(' ', space), paren = line.find('(', name);
         if (name == std::string::npos || paren == std::string::npos || line[name] == '<' || line[name] == '+' ||
             line[name] == '-')
             continue;
         Call call;
-        call.tid = std::strtoul(line.c_str(), nullptr, 10);
+        call.tid = perThread ? std::strtoul(line.c_str(), nullptr, 10) : 0;
         call.name = line.substr(name, paren - name);
         call.n = ++counts[{call.tid, call.name}];
         // "name(13</path/of/the/file>, ..." with -y.
@@ -208,11 +192,5 @@ std::vector<Strace::Call> Strace::ReadCalls(const std::wstring& traceFile) {
     return calls;
 }
 
-unsigned Strace::CallsOnFolder(const std::wstring& traceFile, const std::string& folder) {
-    unsigned count = 0;
-    std::istringstream lines(ReadWhole(traceFile));
-    for (std::string line; std::getline(lines, line);) count += line.find(folder) != std::string::npos;
-    return count;
-}
 
 }  // namespace soak

@@ -44,10 +44,6 @@ public:
     // Lets the process go on untraced (nothing when strace has ended with it).
     void Detach();
 
-    // The most calls of each system call that one thread made, from a trace file.
-    static std::map<std::string, unsigned> MostCallsPerThread(const std::wstring& traceFile);
-    // The calls in a trace file on files whose Linux path contains `folder`.
-    static unsigned CallsOnFolder(const std::wstring& traceFile, const std::string& folder);
     // Every call that a trace file records, in order.
     static std::vector<Call> ReadCalls(const std::wstring& traceFile);
 
