@@ -3,7 +3,8 @@
 //   tarrow_soak kill-storm [--seed N] [--rounds 100] [--holders 16]
 //   tarrow_soak hostile    [--seed N] [--calls 100000] [--clients 4]
 //   tarrow_soak parser     [--seed N] [--files 1000000] [--batch 1000]
-//   tarrow_soak crash-sweep [--steps N]: the service killed at each file step of a workload
+//   tarrow_soak crash-sweep [--steps N] [--shards N --shard I]: the service killed at each file
+//                          step of a workload
 //   tarrow_soak all        [any of the options above]: the first three in turn
 // The modes holder, hostile-client, idle, exit and calibrate are the processes the soak starts itself.
 
