@@ -12,7 +12,7 @@ WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::
 
 bool WaitInfo::Register(const std::shared_ptr<WaitInfo>& self, WAITORTIMERCALLBACK callback) {
     m_context = std::make_unique<std::shared_ptr<WaitInfo>>(self);
-    if (!::RegisterWaitForSingleObject(&m_hWait, m_process.get(), callback, m_context.get(), INFINITE,
+    if (!::RegisterWaitForSingleObject(m_wait.put(), m_process.get(), callback, m_context.get(), INFINITE,
                                        WT_EXECUTEONLYONCE)) {
         NS_Log::Log(1,
                     L"SharedIdMonitor::StartWaitForProcess\t Error while trying to register wait for single "
@@ -57,7 +57,8 @@ void WaitInfo::TerminateWait() {
         NS_Log::Log(1, L"WaitInfo::TerminateWait\t Unable to create m_hWaitCancel.");
         return;
     }
-    if (::UnregisterWaitEx(m_hWait, m_hWaitCancel.get())) {
+    // Ended by this call whatever it answers: the cancel event tells when no callback runs.
+    if (::UnregisterWaitEx(m_wait.release(), m_hWaitCancel.get())) {
         NS_Log::Log(4, L"WaitInfo::TerminateWait\t Deleting WaitInfo.");
         ReleaseContext();
         return;

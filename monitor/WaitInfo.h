@@ -46,7 +46,7 @@ private:
     DWORD m_pid;
     NS_Utils::UniqueHandle m_process;
     ULONGLONG m_created;
-    HANDLE m_hWait = nullptr;  // owned by the pool until UnregisterWaitEx
+    NS_Utils::UniqueWaitRegistration m_wait;
     std::atomic<LONG> m_terminating{0};
     NS_Utils::UniqueHandle m_hWaitCancel;
     std::unique_ptr<std::shared_ptr<WaitInfo>> m_context;
