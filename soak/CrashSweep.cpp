@@ -30,7 +30,7 @@ namespace {
 const std::string kFileSyscalls = "pwrite64,write,writev,fsync,fdatasync";
 const std::wstring kTraceFile = std::wstring(kInstallFolder) + L"sweep.trace";
 const std::wstring kStepTraceFile = std::wstring(kInstallFolder) + L"step.trace";
-constexpr int kAimAttempts = 4;
+constexpr int kAimAttempts = 6;
 constexpr DWORD kSettleMs = 60000;
 constexpr DWORD kStatePollMs = 500;
 
@@ -412,7 +412,8 @@ std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
              (std::isalnum(static_cast<unsigned char>(call.bytes[i])) || call.bytes[i] == '.' || call.bytes[i] == '*');
              i += 2)
             name += call.bytes[i];
-        return "request naming " + name;
+        // A listing of the folder (the status's, or a take-up's) changes nothing.
+        return name.find('*') == std::string::npos ? "request naming " + name : std::string();
     }
     uint32_t code = 0;
     if (call.bytes.size() >= 4) std::memcpy(&code, call.bytes.data(), sizeof(code));
