@@ -4,7 +4,9 @@
 
 namespace NS_THREAD_UTILS {
 
-CPoller::CPoller() : m_stopEvent(::CreateEventW(nullptr, FALSE, FALSE, nullptr)) {}
+CPoller::CPoller() : CPoller(NS_Utils::UniqueHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr))) {}
+
+CPoller::CPoller(NS_Utils::UniqueHandle stopEvent) : m_stopEvent(std::move(stopEvent)) {}
 
 CPoller::~CPoller() {
     Stop();

@@ -13,6 +13,8 @@ namespace NS_THREAD_UTILS {
 class CPoller : public CThread {
 public:
     CPoller();
+    // With the event that stops it (a fresh one by default); without one it is never started.
+    explicit CPoller(NS_Utils::UniqueHandle stopEvent);
     ~CPoller() override;
 
     // False when the stop event could not be made: such a poller could never be stopped, so it

@@ -38,11 +38,17 @@ __time64_t SystemNow() {
 }  // namespace
 
 std::shared_ptr<CLeaseMonitor> CLeaseMonitor::Create(Clock clock) {
-    return std::shared_ptr<CLeaseMonitor>(new CLeaseMonitor(clock ? std::move(clock) : Clock(&SystemNow)));
+    return Create(std::move(clock), NS_Utils::UniqueHandle(::CreateEventW(nullptr, FALSE, FALSE, nullptr)));
 }
 
-CLeaseMonitor::CLeaseMonitor(Clock clock)
-    : m_deltaTime(GetLeaseMonitorDeltaTimeFromRegistry(NS_Settings::kLeaseMonitorDeltaTime)),
+std::shared_ptr<CLeaseMonitor> CLeaseMonitor::Create(Clock clock, NS_Utils::UniqueHandle stopEvent) {
+    return std::shared_ptr<CLeaseMonitor>(
+        new CLeaseMonitor(clock ? std::move(clock) : Clock(&SystemNow), std::move(stopEvent)));
+}
+
+CLeaseMonitor::CLeaseMonitor(Clock clock, NS_Utils::UniqueHandle stopEvent)
+    : CPoller(std::move(stopEvent)),
+      m_deltaTime(GetLeaseMonitorDeltaTimeFromRegistry(NS_Settings::kLeaseMonitorDeltaTime)),
       m_defaultLeaseDuration(GetLeaseMonitorDeltaTimeFromRegistry(NS_Settings::kDefaultLeaseExpiryDuration)),
       m_clock(std::move(clock)),
       m_ui(MakeCallbacks()) {

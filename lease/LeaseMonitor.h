@@ -41,6 +41,9 @@ public:
 
     // Tests pass a clock of their own; the service's is _time64.
     static std::shared_ptr<CLeaseMonitor> Create(Clock clock = {});
+    // With the poller's stop event given: one that could not be made leaves a monitor that never
+    // starts, as when the system has no event to give.
+    static std::shared_ptr<CLeaseMonitor> Create(Clock clock, NS_Utils::UniqueHandle stopEvent);
     ~CLeaseMonitor() override;
 
     // Watches the registry's credentials from now on (the registry owns this monitor then, and
@@ -74,7 +77,7 @@ public:
     size_t PendingCount() const;
 
 private:
-    explicit CLeaseMonitor(Clock clock);
+    CLeaseMonitor(Clock clock, NS_Utils::UniqueHandle stopEvent);
     LMMainUICallbacks MakeCallbacks();
     // Moves out under the map lock, each in map order, the entries before `low` into `stale` and
     // those from `low` up to and including `high` into `due` (none when `high` is before `low`).

@@ -80,6 +80,20 @@ protected:
 };
 
 // The stale lease first, then the due ones by expiry, equal expiries in registration order.
+// A lease monitor whose poller could never be stopped is not started: the registry runs on
+// without lease warnings, and a credential registered then is checked in as before.
+TEST_F(MonitorTest, ALeaseMonitorThatCannotStartLeavesTheRegistryCheckingIn) {
+    standin::ClearJournal();
+    std::shared_ptr<CLeaseMonitor> lease = CLeaseMonitor::Create({}, NS_Utils::UniqueHandle());
+    EXPECT_FALSE(lease->StartLeaseMonitor(*monitor));
+    ChildProcess holder = StartHolder();
+    ASSERT_EQ(Register(Credential(L"unwatched"), holder.Id()), SharedIdMonitor::kOk);
+    EXPECT_EQ(FileCount(), 1u);
+    holder.Kill();
+    EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
+    EXPECT_EQ(standin::JournalLines("Row ").size(), 1u);
+}
+
 TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     ChildProcess later = Hold(L"later", kNow + 61 * 60), soon = Hold(L"soon", kNow + 60 * 60);
     ChildProcess low = Hold(L"low", kNow - 3600), stale = Hold(L"stale", kNow - 7200);
