@@ -412,8 +412,8 @@ std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
              (std::isalnum(static_cast<unsigned char>(call.bytes[i])) || call.bytes[i] == '.' || call.bytes[i] == '*');
              i += 2)
             name += call.bytes[i];
-        // A listing of the folder (the status's, or a take-up's) changes nothing.
-        return name.find('*') == std::string::npos ? "request naming " + name : std::string();
+        // The folder itself, or a listing of it (the status's, or a take-up's), changes nothing.
+        return name.empty() || name.find('*') != std::string::npos ? std::string() : "request naming " + name;
     }
     uint32_t code = 0;
     if (call.bytes.size() >= 4) std::memcpy(&code, call.bytes.data(), sizeof(code));
