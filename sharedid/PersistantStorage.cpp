@@ -123,18 +123,16 @@ NS_Utils::UniqueHandle PersistantStorage::CreateNamedFile(CSharedId& record, std
 bool PersistantStorage::WriteHolders(CSharedId& record, const std::vector<HolderProcess>& holders) {
     CFileClaim& claim = record.FileClaim();
     DWORD bytes = claim.HoldersBytes();
+    // A file taken up has no open list yet.
+    if (!claim.HoldersHandle()) {
+        NS_Utils::UniqueHandle list = NS_SHAREDID_UTILS::OpenHolderList(record.GetFileName(), bytes);
+        claim.KeepHolders(std::move(list), bytes);
+    }
     if (claim.HoldersHandle() && NS_SHAREDID_UTILS::RewriteHolderList(claim.HoldersHandle(), holders, bytes)) {
         claim.SetHoldersBytes(bytes);
         return true;
     }
-    // A file taken up has no open list yet; a list that outgrew a page is replaced whole.
-    if (!claim.HoldersHandle()) {
-        NS_Utils::UniqueHandle list = NS_SHAREDID_UTILS::OpenHolderList(record.GetFileName(), bytes);
-        if (list && NS_SHAREDID_UTILS::RewriteHolderList(list.get(), holders, bytes)) {
-            claim.KeepHolders(std::move(list), bytes);
-            return true;
-        }
-    }
+    // A list that outgrew a page (or could not be opened) is replaced whole.
     claim.KeepHolders({}, 0);
     if (NS_SHAREDID_UTILS::WriteHolderList(record.GetFileName(), holders)) {
         NS_Utils::UniqueHandle list = NS_SHAREDID_UTILS::OpenHolderList(record.GetFileName(), bytes);
