@@ -169,13 +169,7 @@ private:
     // The state the status shows for the lease `dn`; empty when it lists none.
     std::wstring StateOf(const std::wstring& dn) {
         tarrowctl::StatusText text;
-        if (!Status(text)) return {};
-        const auto& columns = tarrowctl::StatusColumns();
-        const size_t dnColumn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
-        const size_t stateColumn = std::find(columns.begin(), columns.end(), L"state") - columns.begin();
-        for (const auto& row : text.credentials)
-            if (row.at(dnColumn) == dn) return row.at(stateColumn);
-        return {};
+        return Status(text) ? tarrowctl::CredentialField(text, dn, L"state") : std::wstring();
     }
 
     void Register(const ChildProcess& holder, int signature, const std::wstring& dn, const std::string& step) {
@@ -357,6 +351,13 @@ std::string Leaf(const std::string& path) { return path.substr(path.find_last_of
 
 constexpr wchar_t kCalibrateEvent[] = L"TarrowSoakCalibrate";
 
+// The Wine server request a write to its pipe carries: the first field of its header.
+uint32_t RequestCode(const std::string& bytes) {
+    uint32_t code = 0;
+    if (bytes.size() >= sizeof(code)) std::memcpy(&code, bytes.data(), sizeof(code));
+    return code;
+}
+
 // The Wine server's request code for deleting a file through a handle, which names no file: learnt
 // from a deletion that a process of the sweep's makes between two marked writes under strace (the
 // codes differ between Wine versions). 0 when it could not be learnt.
@@ -375,11 +376,6 @@ uint32_t DeleteRequestCode() {
     if (!attached) return 0;
     // The deletion asks the server more than one thing; its own request is the one that the
     // process makes nowhere else.
-    auto codeOf = [](const std::string& bytes) {
-        uint32_t code = 0;
-        if (bytes.size() >= 4) std::memcpy(&code, bytes.data(), sizeof(code));
-        return code;
-    };
     std::map<uint32_t, unsigned> made, between;
     DWORD marker = 0;
     for (const Strace::Call& call : Strace::ReadCalls(trace)) {
@@ -388,8 +384,8 @@ uint32_t DeleteRequestCode() {
             continue;
         }
         if (call.name != "write" && call.name != "writev") continue;
-        ++made[codeOf(call.bytes)];
-        if (call.tid == marker) ++between[codeOf(call.bytes)];
+        ++made[RequestCode(call.bytes)];
+        if (call.tid == marker) ++between[RequestCode(call.bytes)];
     }
     std::vector<uint32_t> own;
     for (const auto& [code, count] : between)
@@ -415,15 +411,16 @@ std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
         // The folder itself, or a listing of it (the status's, or a take-up's), changes nothing.
         return name.empty() || name.find('*') != std::string::npos ? std::string() : "request naming " + name;
     }
-    uint32_t code = 0;
-    if (call.bytes.size() >= 4) std::memcpy(&code, call.bytes.data(), sizeof(code));
-    return deleteCode != 0 && code == deleteCode ? "request deleting through a handle" : std::string();
+    return deleteCode != 0 && RequestCode(call.bytes) == deleteCode ? "request deleting through a handle"
+                                                                    : std::string();
 }
 
 // Every file step of the recording, and the call of the same thread right after each (the step
 // done, its answer not yet used), each once.
 std::vector<Step> PlanFileSteps(const std::vector<Strace::Call>& calls, const std::vector<DWORD>& threads,
                                 uint32_t deleteCode) {
+    std::vector<std::string> did(calls.size());
+    for (size_t i = 0; i < calls.size(); ++i) did[i] = FileStep(calls[i], deleteCode);
     std::vector<Step> steps;
     std::set<std::tuple<std::string, unsigned, int>> planned;
     std::map<std::pair<DWORD, std::string>, unsigned> fileCalls;
@@ -434,16 +431,17 @@ std::vector<Step> PlanFileSteps(const std::vector<Strace::Call>& calls, const st
         Step step{call.name,        call.n, thread, what, anchor.name, fileCalls[{anchor.tid, anchor.name}],
                   &call != &anchor, {}};
         unsigned count = 0;
-        for (const Strace::Call& earlier : calls) {
+        for (size_t i = 0; i < calls.size(); ++i) {
+            const Strace::Call& earlier = calls[i];
             if (earlier.tid != anchor.tid) continue;
             if (earlier.name == call.name) count = earlier.n;
-            if (earlier.name == anchor.name && !FileStep(earlier, deleteCode).empty()) step.anchorsAt.push_back(count);
+            if (earlier.name == anchor.name && !did[i].empty()) step.anchorsAt.push_back(count);
             if (&earlier == &anchor) break;
         }
         steps.push_back(std::move(step));
     };
     for (size_t i = 0; i < calls.size(); ++i) {
-        const std::string what = FileStep(calls[i], deleteCode);
+        const std::string& what = did[i];
         if (what.empty()) continue;
         ++fileCalls[{calls[i].tid, calls[i].name}];
         plan(calls[i], calls[i], what);
@@ -554,7 +552,7 @@ int RunCrashSweep(const Options& options) {
             for (const std::string& v : result.violations) std::printf("    violation: %s\n", v.c_str());
             const Aim aim = Locate(result.traced, step, deleteCode);
             hit = result.killed && aim.found && aim.n == killAt;
-            if (!hit) killAt = AimAgain(step, aim, killAt);
+            if (!hit && attempts < kAimAttempts) killAt = AimAgain(step, aim, killAt);
         }
         killed += result.killed;
         hits += hit;

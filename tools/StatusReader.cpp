@@ -73,6 +73,15 @@ const std::vector<std::wstring>& StatusColumns() {
     return columns;
 }
 
+std::wstring CredentialField(const StatusText& status, const std::wstring& leaseDN, const std::wstring& column) {
+    const auto& columns = StatusColumns();
+    const size_t dn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
+    const size_t wanted = std::find(columns.begin(), columns.end(), column) - columns.begin();
+    for (const auto& row : status.credentials)
+        if (row.size() > std::max(dn, wanted) && row[dn] == leaseDN) return row[wanted];
+    return {};
+}
+
 bool ReadStatus(const VARIANT& snapshot, StatusText& status) {
     static const wchar_t* const kServiceNames[] = {L"lease count", L"queued work items", L"started",
                                                    L"version",     L"agent reachable",   L"check-in worker running"};

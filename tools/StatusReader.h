@@ -17,6 +17,8 @@ struct StatusText {
 
 // The credential columns, in the order of the snapshot's fields.
 const std::vector<std::wstring>& StatusColumns();
+// The text in `column` of the credential whose lease DN is `leaseDN`; empty when none is listed.
+std::wstring CredentialField(const StatusText& status, const std::wstring& leaseDN, const std::wstring& column);
 // False when the snapshot is not made of the rows the service sends.
 bool ReadStatus(const VARIANT& snapshot, StatusText& status);
 // The service's values, a blank line, then the credentials under a header, columns padded.

@@ -85,12 +85,9 @@ protected:
         if (FAILED(tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) ||
             FAILED(status->GetStatus(snapshot.get())) || !tarrowctl::ReadStatus(*snapshot.get(), text))
             return L"unreadable";
-        const auto& columns = tarrowctl::StatusColumns();
-        const size_t dn = std::find(columns.begin(), columns.end(), L"lease_dn") - columns.begin();
-        const size_t state = std::find(columns.begin(), columns.end(), L"state") - columns.begin();
-        for (const auto& row : text.credentials)
-            if (row.at(dn) == leaseDN) return row.at(state) + (row.back().empty() ? L"" : L" since " + row.back());
-        return {};
+        const std::wstring state = tarrowctl::CredentialField(text, leaseDN, L"state");
+        const std::wstring since = tarrowctl::CredentialField(text, leaseDN, L"checking_in_since");
+        return since.empty() ? state : state + L" since " + since;
     }
 };
 
