@@ -92,19 +92,24 @@ void LeaseRows::SetLabels(Labels labels) {
     m_labels = std::move(labels);
 }
 
-std::wstring LeaseRows::Text(const ProcessInfo& row) const {
-    Labels labels;
-    {
-        NS_Utils::CritSecGuard guard(m_lock);
-        labels = m_labels;
-    }
-    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(Now()));
+LeaseRows::Labels LeaseRows::CurrentLabels() const {
+    NS_Utils::CritSecGuard guard(m_lock);
+    return m_labels;
+}
+
+std::wstring LeaseRows::Text(const ProcessInfo& row) const { return Text(row, CurrentLabels(), Now()); }
+
+std::wstring LeaseRows::Text(const ProcessInfo& row, const Labels& labels, __time64_t now) {
+    std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(now));
     if (!labels.remain.empty()) remaining += L" " + labels.remain;
     return Labelled(labels.process, row.DisplayName()) + L"\n" + Labelled(labels.time, remaining);
 }
 
 std::map<int, std::wstring> LeaseRows::Texts() const {
+    // One clock reading and one copy of the labels for all rows: they count down together.
+    const Labels labels = CurrentLabels();
+    const __time64_t now = Now();
     std::map<int, std::wstring> texts;
-    for (const auto& [key, row] : Rows()) texts.emplace(key, Text(*row));
+    for (const auto& [key, row] : Rows()) texts.emplace(key, Text(*row, labels, now));
     return texts;
 }

@@ -64,6 +64,8 @@ public:
     std::map<int, std::wstring> Texts() const;
 
 private:
+    Labels CurrentLabels() const;
+    static std::wstring Text(const ProcessInfo& row, const Labels& labels, __time64_t now);
     // Under the lock; a key below 0 when there is none.
     int FindKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const;
     Row FirstRowOf(const std::weak_ptr<CSharedId>& credential) const;
