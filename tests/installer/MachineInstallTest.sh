@@ -19,7 +19,7 @@ programs="$prefix/drive_c/Program Files/Tarrow"
 credentials="$prefix/drive_c/users/$(whoami)/AppData/Roaming/Kel/Tarrow"
 classes='HKLM\Software\Classes'
 run='HKLM\Software\Microsoft\Windows\CurrentVersion\Run'
-source_key='HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\Quillon'
+source_key='HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\Tarrow'
 logging='HKLM\SOFTWARE\Orvane\Kelmar\Logging'
 clsid='{3ADD7A24-A617-4FF3-8E48-0D3B85DF4619}'
 registered_keys=("$classes\\CLSID\\$clsid\\LocalServer32" "$classes\\Tarrow.Tarrow" "$classes\\Tarrow.Tarrow.1"
@@ -40,7 +40,7 @@ check "the event source names the installed message library" \
 check "the event source supports errors, warnings and information" test "$(value_of "$source_key" TypesSupported)" = 0x7
 command=$(value_of "$run" Tarrow)
 check "the machine's logon command is the quoted Tarrow.exe" test "$command" = "\"$exe\""
-for id in 1 2 3 100 101 102 103 104 105; do
+for id in 1 2 3 100 101 102 103 104 105 120; do
     check "event $id has a text in the message library" eval 'w "$eventtext" "$programs/TarrowEvents.dll" $id 321 9.9.9 | grep -q .'
 done
 check "the start event reads as the administrator sees it" \
