@@ -30,7 +30,7 @@ ctl() { w "$programs/tarrowctl.exe" "$@"; }
 
 echo "== msiexec /i ALLUSERS=1"
 check "install exits 0" timed w msiexec /i "$package" ALLUSERS=1 /qn
-for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
+for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe smoke.cmd; do check "$file installed" test -f "$programs/$file"; done
 for key in "${registered_keys[@]}"; do check "$key present" key_exists "$key"; done
 exe=$(windows_path "$programs/Tarrow.exe")
 check "the class is served by the installed Tarrow.exe" \
