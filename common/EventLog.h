@@ -62,7 +62,7 @@ void ReportFailure(const std::wstring& text);
 class CFailureEntryLimit {
 public:
     static constexpr unsigned kBudget = 10;
-    static constexpr ULONGLONG kWindowMs = 10 * 60 * 1000;
+    static constexpr ULONGLONG kWindowMs = 10ULL * 60 * 1000;
 
     struct Admission {
         bool write = false;           // write this failure's entry
