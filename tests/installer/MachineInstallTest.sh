@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The package for all users through Windows Installer, in a Wine prefix of its own: a quiet
-# install with ALLUSERS=1 puts the programs in Program Files, registers Tarrow for all users, the
-# event source and the machine's logon command, and starts Tarrow for the installing user;
+# install with ALLUSERS=1 puts the programs in Program Files, registers Tarrow for all users, its
+# own event source "Tarrow" (the agent's is left alone) and the machine's logon command, and starts
+# Tarrow for the installing user;
 # Tarrow started by that command answers tarrowctl
 # and, with the event log writer on, reports its start and a refused registration to the event
 # log (none with it off); a quiet uninstall removes all of it but the AppID key and the
@@ -26,6 +27,9 @@ registered_keys=("$classes\\CLSID\\$clsid\\LocalServer32" "$classes\\Tarrow.Tarr
                  "$classes\\AppID\\Tarrow.EXE" "$classes\\TypeLib\\{B6A57EE2-3022-44AA-9E24-04C8632479F1}"
                  "$source_key")
 w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTestInstall' /f >/dev/null
+# The agent's own event source, which Tarrow must leave as it is.
+agent_source='HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\Quillon'
+w reg add "$agent_source" /v EventMessageFile /t REG_SZ /d 'C:\Agent\AgentEvents.dll' /f >/dev/null
 ctl() { w "$programs/tarrowctl.exe" "$@"; }
 
 echo "== msiexec /i ALLUSERS=1"
@@ -81,6 +85,7 @@ check "uninstall exits 0" timed w msiexec /x "$package" /qn
 check "the programs folder is gone" test ! -e "$programs"
 for key in "${registered_keys[@]}" "$classes\\CLSID\\$clsid"; do check "$key gone" key_gone "$key"; done
 check "the AppID key stays" key_exists "$classes\\AppID"
+check "the agent's event source is untouched" test "$(value_of "$agent_source" EventMessageFile)" = 'C:\Agent\AgentEvents.dll'
 check "the logon value is gone" test -z "$(value_of "$run" Tarrow)"
 check "the credential files are untouched" test "$(cd "$credentials" && ls -l --time-style=+%s.%N)" = "$left_before"
 
