@@ -241,7 +241,7 @@ HRESULT CTarrow::RegisterInROT() {
     if (hr == CO_E_WRONG_SERVER_IDENTITY) {
         // Windows grants "any client" only to an AppID whose ROTFlags lie under HKEY_LOCAL_MACHINE,
         // which a registration for one user cannot write. Published for this account's own clients,
-        // the service still serves every client that is not elevated.
+        // the service still serves this account's clients that are not elevated.
         NS_Log::Log(2,
                     L"[CTarrow::RegisterInROT]\t Publishing for any client was refused (the AppID's ROTFlags "
                     L"are not registered for the machine); publishing for this account's clients only.");
