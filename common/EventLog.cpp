@@ -6,6 +6,7 @@
 #include "TarrowEvents.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace NS_EventLog {
@@ -19,6 +20,7 @@ static_assert(static_cast<DWORD>(Event::HoldersEndedAtExpiry) == TARROW_EVENT_HO
 static_assert(static_cast<DWORD>(Event::LogoffLeftCredentials) == TARROW_EVENT_LOGOFF_LEFT_CREDENTIALS);
 static_assert(static_cast<DWORD>(Event::AgentUnreachable) == TARROW_EVENT_AGENT_UNREACHABLE);
 static_assert(static_cast<DWORD>(Event::AgentReachedAgain) == TARROW_EVENT_AGENT_REACHED_AGAIN);
+static_assert(static_cast<DWORD>(Event::FailuresLeftOut) == TARROW_EVENT_FAILURES_LEFT_OUT);
 
 namespace {
 WORD TypeOf(Event event) {
@@ -27,6 +29,7 @@ WORD TypeOf(Event event) {
     case Event::CheckInFailedFinally:
     case Event::AgentUnreachable: return EVENTLOG_ERROR_TYPE;
     case Event::EndedByForce:
+    case Event::FailuresLeftOut:
     case Event::HoldersEndedAtExpiry:
     case Event::LogoffLeftCredentials: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
@@ -90,7 +93,35 @@ void Report(Event event, std::initializer_list<std::wstring> strings) {
     if (NS_Log::ReadLogSettings().eventLog) Write(event, strings);
 }
 
-void ReportFailure(const std::wstring& text) { Write(Event::Failure, {text}); }
+CFailureEntryLimit::Admission CFailureEntryLimit::Admit(ULONGLONG nowMs) {
+    NS_Utils::CritSecGuard guard(m_lock);
+    Admission admission;
+    if (m_windowOpen && nowMs - m_windowStart >= m_windowMs) m_windowOpen = false;
+    if (!m_windowOpen) {
+        m_windowOpen = true;
+        m_windowStart = nowMs;
+        m_written = 0;
+        admission.leftOut = std::exchange(m_leftOut, 0);
+        if (admission.leftOut != 0) admission.leftOutSpanMs = nowMs - m_firstLeftOut;
+    }
+    if (m_written < m_budget) {
+        ++m_written;
+        admission.write = true;
+    } else if (m_leftOut++ == 0) {
+        m_firstLeftOut = nowMs;
+    }
+    return admission;
+}
+
+void ReportFailure(const std::wstring& text) {
+    // Process-wide and never destroyed: thread-pool callbacks may still log while the process exits.
+    static CFailureEntryLimit* const limit = new CFailureEntryLimit();
+    const CFailureEntryLimit::Admission admission = limit->Admit(::GetTickCount64());
+    if (admission.leftOut != 0)
+        Write(Event::FailuresLeftOut,
+              {std::to_wstring(admission.leftOut), std::to_wstring((admission.leftOutSpanMs + 59999) / 60000)});
+    if (admission.write) Write(Event::Failure, {text});
+}
 
 CServiceLifetimeEvents::CServiceLifetimeEvents(const wchar_t* version, const std::wstring& instance)
     : m_enabled(NS_Log::ReadLogSettings().eventLog) {

@@ -1,11 +1,12 @@
 #pragma once
-// Tarrow's entries in the Application event log, under the agent's source "Quillon", for
+// Tarrow's entries in the Application event log, under its own source "Tarrow", for
 // administrators who collect the event log rather than log files: one stable id for each thing an
 // administrator acts on, every level-1 log line (100), and the service's start and stop.
 // Switched on by "WindowsEventLogEnabled". Writing an entry never fails or holds up its caller:
 // an entry that cannot be written is dropped. Any thread may report, but never under a lock that
 // another reporter's caller could need: the switch is read from the registry.
 
+#include "common/CriticalSection.h"
 #include "common/WinHandles.h"
 
 #include <windows.h>
@@ -15,11 +16,12 @@
 
 namespace NS_EventLog {
 
-inline constexpr const wchar_t* kSourceName = L"Quillon";
+// Tarrow's own: the agent's source has message texts of its own that Tarrow's ids would not match.
+inline constexpr const wchar_t* kSourceName = L"Tarrow";
 // The resource-only library with the entries' texts, beside Tarrow.exe.
 inline constexpr const wchar_t* kMessageLibrary = L"TarrowEvents.dll";
 // Below HKEY_LOCAL_MACHINE; written by the registration for all users.
-inline constexpr const wchar_t* kSourceKey = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Quillon";
+inline constexpr const wchar_t* kSourceKey = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\Tarrow";
 
 // The ids of eventlog/TarrowEvents.mc (the build checks that they agree), with their insertion
 // strings in order. Never renumbered nor reused: administrators' filters and alerts name them.
@@ -33,6 +35,7 @@ enum class Event : DWORD {
     LogoffLeftCredentials = 103,  // warning: count of credentials still on disk
     AgentUnreachable = 104,       // error: count of credential files kept
     AgentReachedAgain = 105,      // information: count of credential files taken up again
+    FailuresLeftOut = 120,        // warning: count of failure entries (100) left out, minutes they span
 };
 
 struct EventSourceTraits {
@@ -47,8 +50,44 @@ using UniqueEventSource = NS_Utils::UniqueResource<EventSourceTraits>;
 // (error, warning, information) is the id's.
 void Report(Event event, std::initializer_list<std::wstring> strings);
 
-// A level-1 log line; the caller has checked that the writer is switched on.
+// A level-1 log line, within the budget of CFailureEntryLimit; the caller has checked that the
+// writer is switched on.
 void ReportFailure(const std::wstring& text);
+
+// Failure entries (100) are few enough to read: at most `budget` in a window of `windowMs`, which
+// opens at the first entry after the last window closed. Lines beyond the budget are left out
+// and counted (the log file has them all); the first entry admitted after such a window is
+// preceded by one entry that gives the count (120).
+// Threads: any; the decision is taken under a lock of its own, the entries written outside it.
+class CFailureEntryLimit {
+public:
+    static constexpr unsigned kBudget = 10;
+    static constexpr ULONGLONG kWindowMs = 10ULL * 60 * 1000;
+
+    struct Admission {
+        bool write = false;           // write this failure's entry
+        unsigned long leftOut = 0;    // first, report this many left out (0: nothing to report)
+        ULONGLONG leftOutSpanMs = 0;  // from the first left out to this failure
+    };
+
+    explicit CFailureEntryLimit(unsigned budget = kBudget, ULONGLONG windowMs = kWindowMs)
+        : m_budget(budget), m_windowMs(windowMs) {}
+    CFailureEntryLimit(const CFailureEntryLimit&) = delete;
+    CFailureEntryLimit& operator=(const CFailureEntryLimit&) = delete;
+
+    // A failure at `nowMs` (a monotonic clock).
+    Admission Admit(ULONGLONG nowMs);
+
+private:
+    const unsigned m_budget;
+    const ULONGLONG m_windowMs;
+    NS_Utils::CriticalSection m_lock;
+    bool m_windowOpen = false;
+    ULONGLONG m_windowStart = 0;
+    unsigned m_written = 0;
+    unsigned long m_leftOut = 0;
+    ULONGLONG m_firstLeftOut = 0;
+};
 
 // Reports the start of the service when made and its stop when destroyed, when the writer is on.
 // While it lives a marker file of this instance (`instance` names it: one per session and

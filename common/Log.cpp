@@ -13,7 +13,7 @@ namespace NS_Log {
 namespace {
 CLogWriter& DefaultWriter() {
     // Never destroyed: thread-pool callbacks may still log while the process exits.
-    static CLogWriter* writer = new CLogWriter(DefaultLogFolder(), kComponent);
+    static CLogWriter* writer = new CLogWriter(DefaultLogFolder(), kComponent, UserLogFolder());
     return *writer;
 }
 

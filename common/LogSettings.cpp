@@ -30,4 +30,13 @@ LogSettings ReadLogSettings() {
 
 std::wstring DefaultLogFolder() { return NS_Utils::AgentInstallFolder() + L"logs\\"; }
 
+std::wstring UserLogFolder() {
+    wchar_t local[MAX_PATH] = {};
+    const DWORD length = ::GetEnvironmentVariableW(L"LOCALAPPDATA", local, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH) return {};
+    std::wstring folder(local, length);
+    if (folder.back() != L'\\') folder += L'\\';
+    return folder + L"Kel\\Tarrow\\logs\\";
+}
+
 }  // namespace NS_Log

@@ -25,4 +25,9 @@ LogSettings ReadLogSettings();
 // has no installation folder recorded. Always ends in a backslash.
 std::wstring DefaultLogFolder();
 
+// "%LOCALAPPDATA%\Kel\Tarrow\logs\": where the log goes when the installation's folder cannot be
+// written (Tarrow for all users under Program Files, with no agent's folder recorded). Empty when
+// the user has no local application data.
+std::wstring UserLogFolder();
+
 }  // namespace NS_Log

@@ -30,6 +30,15 @@ std::wstring RotationStamp() {
     return stamp;
 }
 
+// Makes `folder`, and with `parents` every missing folder above it too: the user's own fallback
+// folder is made whole, the installation's only its last level.
+bool MakeFolder(const std::wstring& folder, bool parents) {
+    for (size_t at = folder.find_first_of(L"\\/", 3); parents && at != std::wstring::npos;
+         at = folder.find_first_of(L"\\/", at + 1))
+        ::CreateDirectoryW(folder.substr(0, at).c_str(), nullptr);
+    return ::CreateDirectoryW(folder.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS;
+}
+
 void DebugOutput(const wchar_t* format, const std::wstring& a, const std::wstring& b) {
     wchar_t text[1024];
     std::swprintf(text, 1024, format, a.c_str(), b.c_str());
@@ -37,14 +46,15 @@ void DebugOutput(const wchar_t* format, const std::wstring& a, const std::wstrin
 }
 }  // namespace
 
-CLogWriter::CLogWriter(std::wstring folder, std::wstring component)
+CLogWriter::CLogWriter(std::wstring folder, std::wstring component, std::wstring fallback)
     : m_folder(std::move(folder)),
       m_component(std::move(component)),
+      m_fallback(std::move(fallback)),
       m_plainMutex(CreateLogMutex(m_component + kPlainExtension)),
       m_scrambledMutex(CreateLogMutex(m_component + kScrambledExtension)) {}
 
-std::wstring CLogWriter::FilePath(bool scrambled) const {
-    return m_folder + m_component + (scrambled ? kScrambledExtension : kPlainExtension);
+std::wstring CLogWriter::FilePath(const std::wstring& folder, bool scrambled) const {
+    return folder + m_component + (scrambled ? kScrambledExtension : kPlainExtension);
 }
 
 LogSettings CLogWriter::CurrentSettings() const {
@@ -74,10 +84,10 @@ int CLogWriter::Log(unsigned short level, const std::wstring& text) {
 void CLogWriter::Append(const std::wstring& line, const LogSettings& settings) {
     HANDLE mutex = settings.scrambled ? m_scrambledMutex.get() : m_plainMutex.get();
     // Without a mutex the line is still written: an unserialised line beats a lost one.
-    if (!mutex) return AppendLocked(FilePath(settings.scrambled), line, settings);
+    if (!mutex) return AppendLocked(line, settings);
     const NS_Utils::MutexOwnership owned = AcquireMutex(mutex);
     if (!owned.Owned()) return;
-    AppendLocked(FilePath(settings.scrambled), line, settings);
+    AppendLocked(line, settings);
 }
 
 NS_Utils::MutexOwnership CLogWriter::AcquireMutex(HANDLE mutex) {
@@ -102,7 +112,7 @@ void CLogWriter::ReportDroppedLines() {
     ::OutputDebugStringW(text);
 }
 
-NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& path) const {
+NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& folder, const std::wstring& path) const {
     auto open = [&] {
         return NS_Utils::UniqueHandle(::CreateFileW(path.c_str(), GENERIC_WRITE,
                                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -110,17 +120,38 @@ NS_Utils::UniqueHandle CLogWriter::OpenForAppend(const std::wstring& path) const
     };
     NS_Utils::UniqueHandle file = open();
     // The folder is made when it is found missing, not on every line.
-    if (!file && ::GetLastError() == ERROR_PATH_NOT_FOUND && ::CreateDirectoryW(m_folder.c_str(), nullptr))
-        file = open();
+    if (!file && ::GetLastError() == ERROR_PATH_NOT_FOUND && MakeFolder(folder, &folder == &m_fallback)) file = open();
     return file;
 }
 
-void CLogWriter::AppendLocked(const std::wstring& path, const std::wstring& line, const LogSettings& settings) {
-    NS_Utils::UniqueHandle file = OpenForAppend(path);
+NS_Utils::UniqueHandle CLogWriter::OpenLogFile(const LogSettings& settings, std::wstring& path, std::wstring& notice) {
+    const bool onFallback = m_onFallback;
+    const std::wstring& folder = onFallback ? m_fallback : m_folder;
+    path = FilePath(folder, settings.scrambled);
+    NS_Utils::UniqueHandle file = OpenForAppend(folder, path);
+    const DWORD error = ::GetLastError();
+    // Another process's handle without sharing is passing; anything else stays until a restart.
+    if (file || onFallback || m_fallback.empty() || error == ERROR_SHARING_VIOLATION) return file;
+    const std::wstring fallbackPath = FilePath(m_fallback, settings.scrambled);
+    file = OpenForAppend(m_fallback, fallbackPath);
+    if (!file) return file;
+    m_onFallback = true;
+    path = fallbackPath;
+    notice = FormatLogLine(2, CurrentLogTime(), ::GetCurrentProcessId(), ::GetCurrentThreadId(), ProcessSessionId(),
+                           L"[CLogWriter]\t The log folder " + m_folder + L" cannot be written (error " +
+                               std::to_wstring(error) + L"); this process writes its log here instead.");
+    return file;
+}
+
+void CLogWriter::AppendLocked(const std::wstring& text, const LogSettings& settings) {
+    std::wstring path;
+    std::wstring notice;
+    NS_Utils::UniqueHandle file = OpenLogFile(settings, path, notice);
     if (!file) {
         ::OutputDebugStringW(L"Log File Handle could not be obtained");
         return;
     }
+    const std::wstring line = notice.empty() ? text : notice + text;
     LARGE_INTEGER end{};
     LARGE_INTEGER zero{};
     ::SetFilePointerEx(file.get(), zero, &end, FILE_END);
@@ -164,8 +195,8 @@ void CLogWriter::Rotate(const std::wstring& path, const LogSettings& settings) {
 }
 
 void CLogWriter::PruneRotated(const LogSettings& settings) {
-    std::wstring pattern = m_folder + m_component + L"-*" +
-                           (settings.scrambled ? kScrambledExtension : kPlainExtension);
+    const std::wstring& folder = Folder();
+    std::wstring pattern = folder + m_component + L"-*" + (settings.scrambled ? kScrambledExtension : kPlainExtension);
     std::vector<std::wstring> names;
     WIN32_FIND_DATAW found;
     NS_Utils::UniqueFindHandle search(::FindFirstFileW(pattern.c_str(), &found));
@@ -177,7 +208,7 @@ void CLogWriter::PruneRotated(const LogSettings& settings) {
     // The time stamp in the name sorts as text: the oldest go first.
     std::sort(names.begin(), names.end());
     size_t excess = names.size() - settings.fileCount;
-    for (size_t i = 0; i < excess; ++i) ::DeleteFileW((m_folder + names[i]).c_str());
+    for (size_t i = 0; i < excess; ++i) ::DeleteFileW((folder + names[i]).c_str());
 }
 
 }  // namespace NS_Log

@@ -34,12 +34,15 @@ public:
         slot.boolVal = value ? VARIANT_TRUE : VARIANT_FALSE;
         return *this;
     }
+    // In the local time that was in force at that date (daylight saving or not by the zone's
+    // rules for that day), not with today's bias: a January date read in July stays as the clock
+    // showed it. (The Ex form with the year's own rules is a stub in Wine, which ends the process.)
     Row& Date(const FILETIME& utc) {
-        FILETIME local{};
+        SYSTEMTIME utcParts{};
         SYSTEMTIME parts{};
         DATE date = 0;
         VARIANT& slot = Next();
-        if (::FileTimeToLocalFileTime(&utc, &local) && ::FileTimeToSystemTime(&local, &parts) &&
+        if (::FileTimeToSystemTime(&utc, &utcParts) && ::SystemTimeToTzSpecificLocalTime(nullptr, &utcParts, &parts) &&
             ::SystemTimeToVariantTime(&parts, &date)) {
             slot.vt = VT_DATE;
             slot.date = date;

@@ -238,9 +238,20 @@ HRESULT CTarrow::RegisterInROT() {
     }
     hr = m_rotEntry.Register(table, ROTFLAGS_REGISTRATIONKEEPSALIVE | ROTFLAGS_ALLOWANYCLIENT,
                              static_cast<ITarrowStatus*>(this), moniker.get());
-    NS_Log::Log(3,
+    if (hr == CO_E_WRONG_SERVER_IDENTITY) {
+        // Windows grants "any client" only to an AppID whose ROTFlags lie under HKEY_LOCAL_MACHINE,
+        // which a registration for one user cannot write. Published for this account's own clients,
+        // the service still serves this account's clients that are not elevated.
+        NS_Log::Log(2,
+                    L"[CTarrow::RegisterInROT]\t Publishing for any client was refused (the AppID's ROTFlags "
+                    L"are not registered for the machine); publishing for this account's clients only.");
+        hr = m_rotEntry.Register(table, ROTFLAGS_REGISTRATIONKEEPSALIVE, static_cast<ITarrowStatus*>(this),
+                                 moniker.get());
+    }
+    // A failure here may still be retried: the caller says when it gives up.
+    NS_Log::Log(FAILED(hr) ? 2 : 3,
                 L"[CTarrow::RegisterInROT]\t Registered a new entry to the ROT table with moniker = KELTARROW; hr = " +
-                    std::to_wstring(hr));
+                    std::to_wstring(hr) + (m_rotEntry.AnyClient() ? L"" : L" (this account's clients only)"));
     return hr;
 }
 

@@ -56,6 +56,16 @@ void RegisterForRestart() {
                 L"[wWinMain]\t RegisterApplicationRestart; hr = 0x" + NS_Log::Hex(static_cast<unsigned long>(result)));
 }
 
+// A service that could not publish runs on for the files it took up at start, but no client can
+// reach it: the administrator hears of it (a level-1 line, event 100 when the event log is on).
+void ReportIfUnpublished(HRESULT published) {
+    if (SUCCEEDED(published)) return;
+    NS_Log::Log(1,
+                L"[wWinMain]\t Tarrow could not publish its object in the running object table (moniker "
+                L"KELTARROW): no client can reach it until it is started again; hr = 0x" +
+                    NS_Log::Hex(static_cast<unsigned long>(published)));
+}
+
 void RunMessageLoop() {
     MSG message;
     while (::GetMessageW(&message, nullptr, 0, 0) > 0) {
@@ -91,7 +101,7 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         NS_Utils::ComPtr<CTarrow> tarrow = CTarrow::Create();
         // Each failure below is logged where it happens, and the service runs on: the check-ins of
         // the files it took up at start do not depend on them.
-        (void)tarrow->RegisterInROTPatiently();
+        ReportIfUnpublished(tarrow->RegisterInROTPatiently());
         (void)tarrow->RegisterActive();
         CCloseRequestWindow closeRequests;
         (void)closeRequests.Create([&lifetime] { lifetime.SessionEnding(); });

@@ -1,3 +1,4 @@
+#include "common/EventLog.h"
 #include "common/Log.h"
 #include "common/LogWriter.h"
 #include "common/Registry.h"
@@ -154,6 +155,64 @@ TEST_F(LogTest, RotatedFilesStayWithinTheFileCountAndTheNewestAreKept) {
     EXPECT_NE(
         (ReadUtf16File(folder + rotated.back()) + ReadUtf16File(folder + L"brisk_observer.log")).find(L"line 59 "),
         std::wstring::npos);
+}
+
+// The installation's folder cannot be written (here a file stands in its place, as Program Files
+// stands to a standard user): every line goes to the user's folder, made for it, the first saying
+// why; rotation and pruning happen there.
+TEST_F(LogTest, UnwritableFolderGivesWayToTheFallbackForGood) {
+    Settings({{L"LogFileSize", 1}, {L"LogFileCount", 2}});
+    const std::wstring blocked = folder + L"logs";
+    ASSERT_TRUE(WriteFileBytes(blocked, "x", 1));
+    const std::wstring fallback = folder + L"user\\Kel\\Tarrow\\logs\\";
+    NS_Log::CLogWriter writer(blocked + L"\\", L"brisk_observer", fallback);
+    const std::wstring filler(400, L'.');
+    auto everything = [&] {
+        std::wstring all;
+        for (const std::wstring& name : ListFiles(fallback, L"brisk_observer*.log"))
+            all += ReadUtf16File(fallback + name);
+        return all;
+    };
+    const std::wstring notice = L"[CLogWriter]\t The log folder " + blocked + L"\\ cannot be written";
+    writer.Log(1, L"line 0 " + filler);
+    EXPECT_EQ(SplitLines(everything(), notice).size(), 2u) << "the first line says why";
+    for (int i = 1; i < 20; ++i) writer.Log(1, L"line " + std::to_wstring(i) + L" " + filler);
+    EXPECT_EQ(writer.Folder(), fallback);
+    EXPECT_EQ(ListFiles(fallback, L"brisk_observer-*.log").size(), 2u);
+    EXPECT_NE(everything().find(L"line 19 "), std::wstring::npos);
+    EXPECT_LE(SplitLines(everything(), notice).size(), 2u) << "said once";
+    EXPECT_TRUE(ReadFileBytes(blocked).size() == 1) << "the file in the folder's place is left alone";
+
+    // Without a fallback nothing is written anywhere, and the writer does not fail.
+    const std::wstring other = folder + L"other";
+    ASSERT_TRUE(WriteFileBytes(other, "x", 1));
+    NS_Log::CLogWriter alone(other + L"\\", L"brisk_observer");
+    EXPECT_EQ(alone.Log(1, L"dropped"), 0);
+    EXPECT_EQ(alone.Folder(), other + L"\\");
+}
+
+// Failure entries within the budget of a window; the rest counted and reported once, ahead of the
+// first entry of a later window, with the minutes they span.
+TEST(FailureEntryLimitTest, BudgetPerWindowAndTheCountOfWhatWasLeftOut) {
+    NS_EventLog::CFailureEntryLimit limit(3, 60000);
+    unsigned written = 0;
+    for (ULONGLONG at = 1000; at < 1000 + 8 * 100; at += 100) {
+        const auto admission = limit.Admit(at);
+        written += admission.write ? 1 : 0;
+        EXPECT_EQ(admission.leftOut, 0u);
+    }
+    EXPECT_EQ(written, 3u);
+    // Still inside the window: left out, nothing reported yet.
+    EXPECT_FALSE(limit.Admit(60999).write);
+    const auto next = limit.Admit(61000);
+    EXPECT_TRUE(next.write);
+    EXPECT_EQ(next.leftOut, 6u);
+    EXPECT_EQ(next.leftOutSpanMs, 61000u - 1300u);
+    // A quiet window reports nothing.
+    EXPECT_TRUE(limit.Admit(61100).write);
+    const auto later = limit.Admit(200000);
+    EXPECT_TRUE(later.write);
+    EXPECT_EQ(later.leftOut, 0u);
 }
 
 }  // namespace

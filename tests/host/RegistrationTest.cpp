@@ -61,4 +61,27 @@ TEST(RegistrationTest, SwitchesForAllUsersAndPerUserInAnySpellingAndRepeated) {
                   {L"-UnregServerPerUser", L"/UNREGSERVERPERUSER"});
 }
 
+// The event source is Tarrow's own key, written by the registration for all users and removed by
+// its undoing; another source of the Application log (the agent's) keeps its values throughout.
+TEST(RegistrationTest, EventSourceIsTarrowsOwnAndNoOtherSourceIsTouched) {
+    const std::wstring kApplication = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
+    const std::wstring kOwn = kApplication + L"Tarrow";
+    const std::wstring kAgent = kApplication + L"Quillon";
+    ASSERT_TRUE(NS_Utils::WriteRegistryString(HKEY_LOCAL_MACHINE, kAgent.c_str(), L"EventMessageFile",
+                                              L"C:\\Agent\\AgentEvents.dll"));
+    ASSERT_EQ(RunTarrow(L"/RegServer"), 0u);
+    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kOwn, L"EventMessageFile"), NS_Utils::ExecutableFolder() + L"TarrowEvents.dll");
+    DWORD types = 0;
+    EXPECT_TRUE(NS_Utils::ReadRegistryDword(HKEY_LOCAL_MACHINE, kOwn.c_str(), L"TypesSupported", types) && types == 7);
+    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kAgent, L"EventMessageFile"), L"C:\\Agent\\AgentEvents.dll");
+    ASSERT_EQ(RunTarrow(L"/UnregServer"), 0u);
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kOwn));
+    EXPECT_EQ(Value(HKEY_LOCAL_MACHINE, kAgent, L"EventMessageFile"), L"C:\\Agent\\AgentEvents.dll");
+    // A registration for one user writes no source: the machine's services are not the user's.
+    ASSERT_EQ(RunTarrow(L"/RegServerPerUser"), 0u);
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, kOwn));
+    ASSERT_EQ(RunTarrow(L"/UnregServerPerUser"), 0u);
+    NS_Utils::DeleteRegistryKey(HKEY_LOCAL_MACHINE, kAgent.c_str());
+}
+
 }  // namespace

@@ -32,7 +32,7 @@ w reg add 'HKLM\SOFTWARE\Orvane\Kelmar' /v ProgramDir /t REG_SZ /d 'C:\TarrowTes
 
 echo "== msiexec /i"
 check "install exits 0" timed w msiexec /i "$package" /qn
-for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe; do check "$file installed" test -f "$programs/$file"; done
+for file in Tarrow.exe Tarrow.tlb TarrowEvents.dll tarrowctl.exe smoke.cmd; do check "$file installed" test -f "$programs/$file"; done
 for key in "${com_keys[@]}"; do check "$key present" key_exists "$key"; done
 for key in "${marshaling_keys[@]}"; do check "$key present" for_user_or_machine "$key"; done
 command=$(value_of "$run" Tarrow)
