@@ -5,6 +5,9 @@
 #include "testing/agent/StandInControl.h"
 #include "tests/host/ServiceFixture.h"
 
+#include <utility>
+#include <vector>
+
 namespace testsupport {
 namespace {
 
@@ -15,12 +18,73 @@ protected:
         standin::SetScript(L"CheckInResults", std::wstring(L"0"));
         ServiceTest::SetUpTestSuite();
     }
+    // Each test ends the service with the session; the next starts it again.
+    void SetUp() override {
+        if (!s_service->Running()) {
+            ASSERT_TRUE(s_service->Start());
+        }
+        ServiceTest::SetUp();
+    }
+    // What Windows sends every top-level window of the service at a logoff, sent by this test so
+    // that nothing ends the process afterwards: a logoff the user cancelled once the programs had
+    // been told, or (`ending` FALSE) one that another program refused.
+    static void EndSessionWithoutEndingTheProcess(BOOL ending) {
+        std::pair<DWORD, std::vector<HWND>> search{s_service->Pid(), {}};
+        ::EnumWindows(
+            [](HWND window, LPARAM found) {
+                auto* s = reinterpret_cast<std::pair<DWORD, std::vector<HWND>>*>(found);
+                DWORD owner = 0;
+                ::GetWindowThreadProcessId(window, &owner);
+                if (owner == s->first) s->second.push_back(window);
+                return TRUE;
+            },
+            reinterpret_cast<LPARAM>(&search));
+        ASSERT_FALSE(search.second.empty());
+        DWORD_PTR answer = 0;
+        for (HWND window : search.second)
+            ::SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, 0, SMTO_ABORTIFHUNG, 5000, &answer);
+        for (HWND window : search.second)
+            ::SendMessageTimeoutW(window, WM_ENDSESSION, ending, 0, SMTO_ABORTIFHUNG, 150000, &answer);
+    }
+    static ChildProcess EndSession() {
+        return ChildProcess::Start(L"C:\\windows\\system32\\wineboot.exe", L"--end-session");
+    }
 };
+
+// A logoff that did not happen after the service had acted on it, then one refused by another
+// program, then a real one: the last is acted on too, and the holders of the credentials
+// registered in between are ended and their credentials checked in.
+TEST_F(SessionEndTest, ALogoffAfterOneThatDidNotHappenEndsTheNewHoldersToo) {
+    standin::ClearJournal();
+    ChildProcess first = StartHolder();
+    ASSERT_EQ(Register(first.Id(), Credential(L"before", L"acct", kUrl)), 0u);
+    EndSessionWithoutEndingTheProcess(TRUE);
+    ASSERT_EQ(first.Wait(30000), WAIT_OBJECT_0);
+    EXPECT_EQ(first.ExitCode(), 8976u);
+    EXPECT_TRUE(WaitUntil([] { return standin::JournalLines("Row ").size() == 1; }));
+    ASSERT_TRUE(s_service->Running()) << "the session went on";
+
+    ChildProcess refused = StartHolder(), second = StartHolder();
+    ASSERT_EQ(Register(refused.Id(), Credential(L"refused", L"acct", kUrl)), 0u);
+    EndSessionWithoutEndingTheProcess(FALSE);
+    EXPECT_EQ(refused.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT)) << "no end of the session: nothing ended";
+    ASSERT_EQ(Register(second.Id(), Credential(L"after", L"acct", kOtherUrl)), 0u);
+    tarrow.reset();
+    ChildProcess wineboot = EndSession();
+    ASSERT_EQ(wineboot.Wait(300000), WAIT_OBJECT_0);
+    for (ChildProcess* holder : {&refused, &second}) {
+        ASSERT_EQ(holder->Wait(30000), WAIT_OBJECT_0);
+        EXPECT_EQ(holder->ExitCode(), 8976u);
+    }
+    EXPECT_EQ(standin::JournalLines("Row ").size(), 3u);
+    EXPECT_TRUE(ListFiles(CredentialFolder(), L"*.dat").empty());
+}
 
 // Twenty holders of credentials of two identity servers, and an agent that takes 300 ms a call:
 // their check-ins meet in the queue and travel together, a call per server, within the few
 // seconds Windows gives a session's programs.
 TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
+    standin::ClearJournal();
     std::vector<ChildProcess> holders;
     for (int i = 0; i < 20; ++i) {
         holders.push_back(StartHolder());
@@ -29,7 +93,7 @@ TEST_F(SessionEndTest, EndOfSessionEndsEveryHolderAndWaitsForTheirCheckIns) {
     }
     standin::SetScript(L"CheckInDelayMs", 300);
     tarrow.reset();
-    ChildProcess wineboot = ChildProcess::Start(L"C:\\windows\\system32\\wineboot.exe", L"--end-session");
+    ChildProcess wineboot = EndSession();
     ASSERT_EQ(wineboot.Wait(300000), WAIT_OBJECT_0);
     for (ChildProcess& holder : holders) {
         ASSERT_EQ(holder.Wait(30000), WAIT_OBJECT_0);
