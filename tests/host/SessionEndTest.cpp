@@ -2,6 +2,7 @@
 // agent: wineboot ends the service only once its WM_ENDSESSION handler returns, so everything the
 // service promises at logoff has to be done by the time wineboot itself ends.
 
+#include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/host/ServiceFixture.h"
 
@@ -16,6 +17,8 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_TRUE(standin::Install(L"C:\\TarrowTestInstall\\"));
         standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+        // The writer on, so that the service keeps its crash marker while it runs.
+        NS_Utils::WriteRegistryDword(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kLogging, L"WindowsEventLogEnabled", 1);
         ServiceTest::SetUpTestSuite();
     }
     // Each test ends the service with the session; the next starts it again.
@@ -46,6 +49,15 @@ protected:
         for (HWND window : search.second)
             ::SendMessageTimeoutW(window, WM_ENDSESSION, ending, 0, SMTO_ABORTIFHUNG, 150000, &answer);
     }
+    // The marker of a running service, which a start after a crash reports.
+    static bool CrashMarkerThere() {
+        DWORD session = 0;
+        ::ProcessIdToSessionId(::GetCurrentProcessId(), &session);
+        wchar_t local[MAX_PATH] = {};
+        ::GetEnvironmentVariableW(L"LOCALAPPDATA", local, MAX_PATH);
+        return FileExists(std::wstring(local) + L"\\Kel\\Tarrow\\KEL_Tarrow_Mutex-S" + std::to_wstring(session) +
+                          L".running");
+    }
     static ChildProcess EndSession() {
         return ChildProcess::Start(L"C:\\windows\\system32\\wineboot.exe", L"--end-session");
     }
@@ -58,7 +70,9 @@ TEST_F(SessionEndTest, ALogoffAfterOneThatDidNotHappenEndsTheNewHoldersToo) {
     standin::ClearJournal();
     ChildProcess first = StartHolder();
     ASSERT_EQ(Register(first.Id(), Credential(L"before", L"acct", kUrl)), 0u);
+    EXPECT_TRUE(CrashMarkerThere());
     EndSessionWithoutEndingTheProcess(TRUE);
+    EXPECT_FALSE(CrashMarkerThere()) << "the stop is reported as the session ends";
     ASSERT_EQ(first.Wait(30000), WAIT_OBJECT_0);
     EXPECT_EQ(first.ExitCode(), 8976u);
     EXPECT_TRUE(WaitUntil([] { return standin::JournalLines("Row ").size() == 1; }));
@@ -68,6 +82,7 @@ TEST_F(SessionEndTest, ALogoffAfterOneThatDidNotHappenEndsTheNewHoldersToo) {
     ASSERT_EQ(Register(refused.Id(), Credential(L"refused", L"acct", kUrl)), 0u);
     EndSessionWithoutEndingTheProcess(FALSE);
     EXPECT_EQ(refused.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT)) << "no end of the session: nothing ended";
+    EXPECT_TRUE(CrashMarkerThere()) << "the service runs on, and a crash now would be reported";
     ASSERT_EQ(Register(second.Id(), Credential(L"after", L"acct", kOtherUrl)), 0u);
     tarrow.reset();
     ChildProcess wineboot = EndSession();
@@ -78,6 +93,7 @@ TEST_F(SessionEndTest, ALogoffAfterOneThatDidNotHappenEndsTheNewHoldersToo) {
     }
     EXPECT_EQ(standin::JournalLines("Row ").size(), 3u);
     EXPECT_TRUE(ListFiles(CredentialFolder(), L"*.dat").empty());
+    EXPECT_FALSE(CrashMarkerThere());
 }
 
 // Twenty holders of credentials of two identity servers, and an agent that takes 300 ms a call:
