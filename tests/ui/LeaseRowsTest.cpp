@@ -88,13 +88,13 @@ TEST_F(LeaseRowsTest, AJumpOfTheClockGivesTheWholeGraceTimeFromWhenTheUserCanSee
     ASSERT_TRUE(rows.Erase(due));
 
     const __time64_t before = now;
-    auto passed = Expiring(TimeToExpiryText(before + 600)), later = Expiring(TimeToExpiryText(before + 4 * 3600));
+    auto passed = Expiring(TimeToExpiryText(before + 600)), later = Expiring(TimeToExpiryText(before + 4LL * 3600));
     const int key = Add(1001, passed), distant = Add(1002, later);
-    now += 3 * 3600;
+    now += 3LL * 3600;
     elapsedMs += 5000;
     EXPECT_TRUE(rows.FollowClock(false));
     EXPECT_EQ(EndOf(key), now + kGrace);
-    EXPECT_EQ(EndOf(distant), before + 4 * 3600) << "still more than the grace time away";
+    EXPECT_EQ(EndOf(distant), before + 4LL * 3600) << "still more than the grace time away";
     const int joining = Add(1004, passed);
     EXPECT_EQ(EndOf(joining), now + kGrace) << "the credential's other rows share its moment";
 

@@ -169,7 +169,7 @@ TEST_F(WindowTest, AJumpOfTheClockEndsNoHolderBeforeTheUserHasSeenTheWholeWarnin
     ASSERT_TRUE(dialog);
     Tick(dialog);
     ::SendMessageW(dialog, WM_WTSSESSION_CHANGE, WTS_SESSION_LOCK, 0);
-    now += 8 * 3600;
+    now += 8LL * 3600;
     elapsedMs += 3000;
     ::SendMessageW(dialog, WM_POWERBROADCAST, PBT_APMRESUMEAUTOMATIC, 0);
     Tick(dialog);
