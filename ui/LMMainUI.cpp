@@ -392,7 +392,7 @@ void LMMainUI::OnActivated(HWND dialog) {
 }
 
 void LMMainUI::OnSessionChange(WPARAM change) {
-    m_uiThread.Check(kListBoxOffThread);
+    m_uiThread.Check(L"[LMMainUI::OnSessionChange]\t the session's state read off the window's thread");
     switch (change) {
     case WTS_SESSION_LOCK: m_sessionLocked = true; break;
     case WTS_SESSION_UNLOCK: m_sessionLocked = false; break;
@@ -452,9 +452,12 @@ void LMMainUI::CheckItemsOnList() {
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
     // First, so that no row ends by a jump of the clock before the user has seen its warning.
-    if (m_rows.FollowClock(UserCanSee()))
+    const bool holding = m_rows.FollowClock(UserCanSee());
+    if (holding != m_holdingRows)
         NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]",
-                    L"\t the clock jumped while the user could not see the window: rows held until they can");
+                    holding ? L"\t the clock jumped while the user could not see the window: rows held until they can"
+                            : L"\t the user can see the window: held rows count down from now");
+    m_holdingRows = holding;
     const __time64_t now = m_rows.Now();
     for (const auto& [key, row] : rows) {
         if (!IsProcessMonitored(*row)) {

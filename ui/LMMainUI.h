@@ -126,6 +126,8 @@ private:
     bool m_sessionLocked = false;
     bool m_sessionDisconnected = false;
     bool UserCanSee() const noexcept { return !m_sessionLocked && !m_sessionDisconnected; }
+    // Rows are held over a jump of the clock (for the log's sake); UI thread only.
+    bool m_holdingRows = false;
     // Sizes of a row in pixels, measured from the list's DPI and font; UI thread only.
     struct RowLayout {
         int margin = 0;

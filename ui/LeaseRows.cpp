@@ -1,5 +1,7 @@
 #include "ui/LeaseRows.h"
 
+#include "common/Log.h"
+
 namespace {
 
 constexpr const wchar_t* kUnlocked = L"[LeaseRows]\t the rows read without the row lock";
@@ -107,15 +109,27 @@ ULONGLONG LeaseRows::ElapsedMs() const { return m_ticks ? m_ticks() : UnbiasedMi
 bool LeaseRows::FollowClock(bool userCanSee) {
     const __time64_t wall = Now();
     const ULONGLONG elapsedMs = ElapsedMs();
+    __time64_t jump = 0;
+    size_t carried = 0;
+    // The log is written once the lock is left.
+    auto log = NS_Utils::MakeScopeExit([&jump, &carried] {
+        if (jump > 0)
+            NS_Log::Log(3, L"[LeaseRows::FollowClock]",
+                        L"\t the wall clock went " + std::to_wstring(jump) + L" s further than elapsed time; " +
+                            std::to_wstring(carried) + L" rows get their whole grace time from when they are seen");
+    });
     NS_Utils::CritSecGuard guard(m_lock);
     if (m_followed) {
         // Where the wall clock would stand had it only moved on with elapsed time.
         const __time64_t expected = m_lastWall + static_cast<__time64_t>((elapsedMs - m_lastElapsedMs) / 1000);
         // Rows whose end had not come by elapsed time, but comes within the grace time by the
         // jump. A row of a credential shares its moment with the others, so all are carried.
-        if (wall - expected > kJumpToleranceSeconds)
+        if (wall - expected > kJumpToleranceSeconds) {
+            jump = wall - expected;
             for (const auto& [key, row] : m_rows)
                 if (row->GetEndTime() > expected && row->GetEndTime() < wall + m_graceSeconds) m_carried.insert(key);
+            carried = m_carried.size();
+        }
     }
     m_followed = true;
     m_lastWall = wall;
