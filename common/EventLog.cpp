@@ -124,7 +124,9 @@ void ReportFailure(const std::wstring& text) {
 }
 
 CServiceLifetimeEvents::CServiceLifetimeEvents(const wchar_t* version, const std::wstring& instance)
-    : m_enabled(NS_Log::ReadLogSettings().eventLog) {
+    : m_enabled(NS_Log::ReadLogSettings().eventLog),
+      m_version(version),
+      m_markerText(ProcessIdText() + L"\t" + LocalTimeText()) {
     DWORD session = 0;
     ::ProcessIdToSessionId(::GetCurrentProcessId(), &session);
     const std::wstring folder = MarkerFolder();
@@ -140,13 +142,20 @@ CServiceLifetimeEvents::CServiceLifetimeEvents(const wchar_t* version, const std
         return;
     }
     if (tab != std::wstring::npos) Write(Event::EndedByForce, {earlier.substr(0, tab), earlier.substr(tab + 1)});
-    if (!m_marker.empty()) WriteMarker(m_marker, ProcessIdText() + L"\t" + LocalTimeText());
+    if (!m_marker.empty()) WriteMarker(m_marker, m_markerText);
     Write(Event::Started, {ProcessIdText(), version});
 }
 
 CServiceLifetimeEvents::~CServiceLifetimeEvents() { ReportStop(); }
 
 void CServiceLifetimeEvents::SessionEnding() { ReportStop(); }
+
+void CServiceLifetimeEvents::SessionGoesOn() {
+    if (!m_enabled || !m_stopReported) return;
+    m_stopReported = false;
+    if (!m_marker.empty()) WriteMarker(m_marker, m_markerText);
+    Write(Event::Started, {ProcessIdText(), m_version});
+}
 
 void CServiceLifetimeEvents::ReportStop() {
     if (!m_enabled || m_stopReported) return;

@@ -94,7 +94,9 @@ private:
 // desktop) stays in the user's local application data; a start that finds the marker of an
 // earlier run reports that run as ended by force (a crash, Task Manager, a stop that had to end
 // a thread). The end of the session ends the process without running destructors, so the
-// session's end reports the stop and removes the marker first (SessionEnding).
+// session's end reports the stop and removes the marker first (SessionEnding); a session that
+// goes on after all (a cancelled logoff) puts them back as they were (SessionGoesOn), so that
+// both stand for the process's real end.
 // Threads: made, used and destroyed on the main thread.
 class CServiceLifetimeEvents {
 public:
@@ -105,13 +107,18 @@ public:
 
     // The session ends: the stop is reported now, once.
     void SessionEnding();
+    // The session went on after SessionEnding: the marker is written again and the service
+    // reports itself started again.
+    void SessionGoesOn();
 
 private:
     void ReportStop();
 
     bool m_enabled;
     bool m_stopReported = false;
+    std::wstring m_version;
     std::wstring m_marker;
+    std::wstring m_markerText;  // "<process id>\t<start time>" of this run
 };
 
 }  // namespace NS_EventLog

@@ -104,7 +104,8 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         ReportIfUnpublished(tarrow->RegisterInROTPatiently());
         (void)tarrow->RegisterActive();
         CCloseRequestWindow closeRequests;
-        (void)closeRequests.Create([&lifetime] { lifetime.SessionEnding(); });
+        (void)closeRequests.Create(
+            {[&lifetime] { lifetime.SessionEnding(); }, [&lifetime] { lifetime.SessionGoesOn(); }});
         RegisterForRestart();
         RunMessageLoop();
         if (!tarrow->Shutdown()) EndAfterForcedStop();

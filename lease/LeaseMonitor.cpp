@@ -9,6 +9,8 @@
 #include "monitor/SharedIdMonitor.h"
 #include "sharedid/ExpiryTime.h"
 
+#include <algorithm>
+
 namespace {
 // The map lock is taken inside the registry lock (AddLeaseExpirationInfo), so it is never held on
 // the way back into the registry; nor while the window, which can wait seconds for its thread, is
@@ -19,14 +21,38 @@ constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
 constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
 constexpr const wchar_t* kUnderRegistryLock = L"[CLeaseMonitor]\t the window called under the monitor lock";
 
-// The holders of `credential` as "program (pid)", comma-separated, for the event that says whom an
-// expiry ended; read before they are ended, while the registry still knows their processes.
-std::wstring HolderNames(SharedIdMonitor& registry, const std::shared_ptr<CSharedId>& credential) {
-    std::wstring names;
+// How long the expiry waits for the holders it ended to be gone before it says which are: ending a
+// process takes Windows a moment after TerminateProcess has answered.
+constexpr DWORD kHolderEndWaitMs = 3000;
+
+struct ExpiringHolder {
+    DWORD pid;
+    std::wstring program;
+    NS_Utils::UniqueHandle process;  // a duplicate of the registry's, to wait on
+};
+
+// Read before the holders are ended, while the registry still knows their processes.
+std::vector<ExpiringHolder> HoldersOf(SharedIdMonitor& registry, const std::shared_ptr<CSharedId>& credential) {
+    std::vector<ExpiringHolder> holders;
     for (DWORD pid : registry.HolderPids(credential)) {
-        const NS_Utils::UniqueHandle process = registry.DuplicateProcessHandle(pid);
+        NS_Utils::UniqueHandle process = registry.DuplicateProcessHandle(pid);
+        std::wstring program = NS_Utils::FileNameOf(NS_Utils::ProcessImagePath(process.get()));
+        holders.push_back({pid, std::move(program), std::move(process)});
+    }
+    return holders;
+}
+
+// The holders as "program (pid)", comma-separated, for the event that says whom an expiry ended;
+// one still running once the wait is over is said to be so.
+std::wstring EndedHolderNames(const std::vector<ExpiringHolder>& holders) {
+    const ULONGLONG deadline = ::GetTickCount64() + kHolderEndWaitMs;
+    std::wstring names;
+    for (const ExpiringHolder& holder : holders) {
+        const ULONGLONG now = ::GetTickCount64();
+        const DWORD left = now < deadline ? static_cast<DWORD>(deadline - now) : 0;
+        const bool ended = holder.process && ::WaitForSingleObject(holder.process.get(), left) == WAIT_OBJECT_0;
         if (!names.empty()) names += L", ";
-        names += NS_Utils::FileNameOf(NS_Utils::ProcessImagePath(process.get())) + L" (" + std::to_wstring(pid) + L")";
+        names += holder.program + L" (" + std::to_wstring(holder.pid) + (ended ? L")" : L", could not be ended)");
     }
     return names;
 }
@@ -220,13 +246,26 @@ void CLeaseMonitor::OnProcessWaitDone(const std::weak_ptr<CSharedId>& credential
     NS_Log::Log(3, L"[CLeaseMonitor::OnProcessWaitDone]\tRelease the process.");
     SharedIdMonitor* registry = Registry();
     if (!registry) return;
-    std::wstring leaseDN, holders;
-    if (std::shared_ptr<CSharedId> live = credential.lock()) {
+    // The window calls at every tick until the rows are gone: the holders are ended again each
+    // time (one that could not be ended may be by now), the expiry is reported once.
+    std::wstring leaseDN;
+    std::vector<ExpiringHolder> holders;
+    if (std::shared_ptr<CSharedId> live = credential.lock(); live && FirstReportOf(credential)) {
         leaseDN = live->GetLeaseDN();
-        holders = HolderNames(*registry, live);
+        holders = HoldersOf(*registry, live);
     }
     registry->OnLeaseExpired(credential);
-    if (!holders.empty()) NS_EventLog::Report(NS_EventLog::Event::HoldersEndedAtExpiry, {leaseDN, holders});
+    if (!holders.empty())
+        NS_EventLog::Report(NS_EventLog::Event::HoldersEndedAtExpiry, {leaseDN, EndedHolderNames(holders)});
+}
+
+bool CLeaseMonitor::FirstReportOf(const std::weak_ptr<CSharedId>& credential) {
+    std::erase_if(m_reportedExpiries, [](const std::weak_ptr<CSharedId>& reported) { return reported.expired(); });
+    const bool reported = std::any_of(m_reportedExpiries.begin(), m_reportedExpiries.end(), [&](const auto& other) {
+        return !other.owner_before(credential) && !credential.owner_before(other);
+    });
+    if (!reported) m_reportedExpiries.push_back(credential);
+    return !reported;
 }
 
 void CLeaseMonitor::OnSessionEnd() {

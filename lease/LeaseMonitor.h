@@ -8,8 +8,9 @@
 // registering thread, under the registry lock; Poll, HandleLeaseExpiration and
 // WaitForUserActionTimerExpiry on the poller thread; OnProcListChanged_ForSharedCredOnNotice and
 // RemoveProcessInfo on the COM thread, whose registrations and releases are the only changes of
-// holders that tell listeners (a holder's exit tells none); OnProcessWaitDone and OnSessionEnd on
-// the window's thread; UpdateCredentialsHeld on any thread; ListedRows on the COM thread for the
+// holders that tell listeners (a holder's exit tells none); OnProcessWaitDone (which reports an
+// expiry once, after waiting a few seconds for the holders it ended) and OnSessionEnd on the
+// window's thread; UpdateCredentialsHeld on any thread; ListedRows on the COM thread for the
 // status view. The expiry map has a lock of its own, never held while the registry lock is taken
 // or the window is called.
 
@@ -26,6 +27,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 class SharedIdMonitor;
 
@@ -84,6 +86,9 @@ private:
     void TakeDue(const std::wstring& low, const std::wstring& high, ExpiryMap& stale, ExpiryMap& due);
     void HandleStale(ExpiryMap& stale, const std::wstring& now);
     void HandleDue(ExpiryMap& due);
+    // True the first time an expiry of the credential is handled: its event is written once.
+    // The window's thread only.
+    bool FirstReportOf(const std::weak_ptr<CSharedId>& credential);
 
     const __int64 m_deltaTime;
     const __int64 m_defaultLeaseDuration;
@@ -93,6 +98,9 @@ private:
     Clock m_clock;
     NS_Utils::CriticalSection m_heldLock;
     bool m_credentialsHeld = false;
+    // Credentials whose expiry has been reported (the window's thread only); the gone ones are
+    // dropped as the next expiry comes.
+    std::vector<std::weak_ptr<CSharedId>> m_reportedExpiries;
     // Last: destroyed first, so that the window's thread has ended before anything its callbacks use.
     LMMainUI m_ui;
 };

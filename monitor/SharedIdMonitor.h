@@ -23,6 +23,7 @@
 #include "sharedid/SharedId.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -110,6 +111,9 @@ public:
     void OnLeaseExpired(const std::weak_ptr<CSharedId>& expired);
     // The session ends: ends every holder, then waits (bounded) until every lease is checked in.
     void OnWndSessionEnd();
+    // The milliseconds the logoff's give-up is measured on (GetTickCount64 by default); tests set
+    // a faster one before any logoff, so that none waits the two minutes out.
+    void SetLogoffClock(std::function<ULONGLONG()> clock) { m_logoffClock = std::move(clock); }
 
     // What is held and what waits for check-in. The registry's part is copied under the monitor
     // lock; the window's rows and the holders' executable names are added after it is left.
@@ -190,4 +194,5 @@ private:
     NS_Utils::UniqueHandle m_stopping{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     // Set when the lease count falls: the logoff's wait looks again at once, not at its next pause.
     NS_Utils::UniqueHandle m_leaseFell{::CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+    std::function<ULONGLONG()> m_logoffClock{&::GetTickCount64};
 };

@@ -114,9 +114,9 @@ void SharedIdMonitor::WaitForHoldersGone(DWORD milliseconds) {
 void SharedIdMonitor::WaitForCheckIns() {
     // Looked at every pause, and at once whenever the count falls, so that the handler returns as
     // soon as all is checked in. A stop of the service ends the wait: what is left stays on disk.
-    const ULONGLONG deadline = ::GetTickCount64() + kLogoffWaitMs;
+    const ULONGLONG deadline = m_logoffClock() + kLogoffWaitMs;
     HANDLE wakes[] = {m_stopping.get(), m_leaseFell.get()};
-    while (m_leaseCount.load() >= 1 && ::GetTickCount64() < deadline)
+    while (m_leaseCount.load() >= 1 && m_logoffClock() < deadline)
         if (::WaitForMultipleObjects(2, wakes, FALSE, kLogoffPauseMs) == WAIT_OBJECT_0) break;
     const LONG left = m_leaseCount.load();
     if (left >= 1) {

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 
 namespace {
 
@@ -35,6 +36,17 @@ constexpr UINT kMsgDpiChanged = WM_APP + 4;
 constexpr int kIconSizeAt96 = 32;
 constexpr int kMarginAt96 = 6;
 constexpr const wchar_t* kListBoxOffThread = L"[LMMainUI]\t the list box touched off the window's thread";
+
+// The message is dropped and the window's thread goes on: its rows and its tick are still there.
+void LogOutOfMemory(UINT message) noexcept {
+    try {
+        NS_Log::Log(1, L"[LMMainUI::WindowProc]",
+                    L"\t Out of memory while handling message 0x" + NS_Log::Hex(message) + L"; the window goes on.");
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
+        (void)0;
+    }
+}
 
 std::wstring Message(const wchar_t* key) {
     std::wstring text;
@@ -75,7 +87,7 @@ void MoveIntoWorkArea(HWND dialog, POINT corner, HMONITOR monitor, HWND insertAf
 }  // namespace
 
 LMMainUI::LMMainUI(LMMainUICallbacks callbacks)
-    : m_callbacks(std::move(callbacks)), m_rows(m_callbacks.now, GetWaitingTimeToKillProcess()) {
+    : m_callbacks(std::move(callbacks)), m_rows(m_callbacks.now, GetWaitingTimeToKillProcess(), m_callbacks.ticks) {
     m_startedEvent.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     EnsureUIThread();
 }
@@ -122,6 +134,14 @@ unsigned __stdcall LMMainUI::ThreadProc(void* param) {
         NS_Log::Log(1, L"[LMMainUI::ThreadProc]", L"\t failed to create the parent window");
         return 1;
     }
+    // After the dialog, so that it ends before the dialog goes. Without it a lock of the session
+    // is not seen, and rows carried over a jump of the clock count down at once.
+    NS_Utils::SessionNotification sessionNotices;
+    if (::WTSRegisterSessionNotification(dialog.get(), NOTIFY_FOR_THIS_SESSION))
+        sessionNotices.reset(dialog.get());
+    else
+        NS_Log::Log(2, L"[LMMainUI::ThreadProc]",
+                    L"\t WTSRegisterSessionNotification failed, GLE = 0x" + NS_Log::Hex(::GetLastError()));
     self->RunUI(dialog.get());
     self->m_list.Attach(nullptr);
     self->m_rows.Clear();
@@ -152,6 +172,9 @@ bool LMMainUI::InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWind
                 L"\t DPI " + std::to_wstring(WindowDpi(dialog.get())) + L", row height " +
                     std::to_wstring(m_layout.height) + L" px");
     SetTexts(dialog.get());
+    // A button on the taskbar and a place in Alt+Tab: Windows does not let a background service
+    // take the foreground, so the user must be able to bring the warning to the keyboard.
+    ::SetWindowLongPtrW(dialog.get(), GWL_EXSTYLE, ::GetWindowLongPtrW(dialog.get(), GWL_EXSTYLE) | WS_EX_APPWINDOW);
     PlaceDialog(dialog.get());
     m_parent = parent.get();
     m_dialog = dialog.get();
@@ -246,12 +269,32 @@ LRESULT CALLBACK LMMainUI::ParentWndProc(HWND window, UINT message, WPARAM wPara
         ::SetWindowLongPtrW(window, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(create->lpCreateParams));
     }
     auto* self = reinterpret_cast<LMMainUI*>(::GetWindowLongPtrW(window, GWLP_USERDATA));
-    if (message == WM_QUERYENDSESSION) return TRUE;
-    if (message == WM_ENDSESSION) {
-        if (wParam && self && !IsCloseRequest(lParam)) self->ReportSessionEnd();
-        return 0;
+    if (self) {
+        try {
+            return self->OnParentMessage(window, message, wParam, lParam);
+        } catch (const std::bad_alloc&) {
+            LogOutOfMemory(message);
+        }
     }
     return ::DefWindowProcW(window, message, wParam, lParam);
+}
+
+// The session's end is this window's alone: the dialog hears of it too, and the order in which
+// the two are told is Windows' own.
+LRESULT LMMainUI::OnParentMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam) {
+    switch (message) {
+    case WM_QUERYENDSESSION:
+        // An end of the session asked for anew: the last one was cancelled, so this one is acted on.
+        m_sessionEndReported = false;
+        return TRUE;
+    case WM_ENDSESSION:
+        if (!wParam)
+            m_sessionEndReported = false;  // the logoff was cancelled; the session goes on
+        else if (!IsCloseRequest(lParam))
+            ReportSessionEnd();
+        return 0;
+    default: return ::DefWindowProcW(window, message, wParam, lParam);
+    }
 }
 
 INT_PTR CALLBACK LMMainUI::DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -260,7 +303,13 @@ INT_PTR CALLBACK LMMainUI::DialogProc(HWND dialog, UINT message, WPARAM wParam, 
         return TRUE;
     }
     auto* self = reinterpret_cast<LMMainUI*>(::GetWindowLongPtrW(dialog, GWLP_USERDATA));
-    return self && self->OnDialogMessage(dialog, message, wParam, lParam) ? TRUE : FALSE;
+    if (!self) return FALSE;
+    try {
+        return self->OnDialogMessage(dialog, message, wParam, lParam) ? TRUE : FALSE;
+    } catch (const std::bad_alloc&) {
+        LogOutOfMemory(message);
+        return FALSE;
+    }
 }
 
 bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam) {
@@ -281,9 +330,18 @@ bool LMMainUI::OnDialogMessage(HWND dialog, UINT message, WPARAM wParam, LPARAM 
     }
     case kMsgDpiChanged: OnDpiChanged(dialog); return true;
     case WM_QUERYENDSESSION: ::SetWindowLongPtrW(dialog, DWLP_MSGRESULT, TRUE); return true;
-    case WM_ENDSESSION:
-        if (wParam && !IsCloseRequest(lParam)) ReportSessionEnd();
+    // The owner window reports the session's end.
+    case WM_ENDSESSION: return true;
+    // Out of sleep: the rows follow the clock's jump now, not at the next tick.
+    case WM_POWERBROADCAST:
+        if (wParam == PBT_APMRESUMEAUTOMATIC || wParam == PBT_APMRESUMESUSPEND) CheckItemsOnList();
+        ::SetWindowLongPtrW(dialog, DWLP_MSGRESULT, TRUE);
         return true;
+    case WM_WTSSESSION_CHANGE: OnSessionChange(wParam); return true;
+    case WM_ACTIVATE:
+        if (LOWORD(wParam) != WA_INACTIVE) OnActivated(dialog);
+        // Not handled, so that the dialog manager keeps its own focus bookkeeping.
+        return false;
     // The warning stays until its rows are gone; closing it would hide a running countdown.
     case WM_CLOSE: return true;
     default: return false;
@@ -312,6 +370,42 @@ void LMMainUI::ListRow(int key) {
     if (m_list.Count() != 1) return;
     NS_Log::Log(3, L"[LMMainUI::ListRow]", L"\t Showing the window ");
     ::ShowWindow(m_dialog, SW_SHOWNORMAL);
+    DrawAttention(m_dialog);
+}
+
+// Shown by a background process, the window is on top but does not get the keyboard: Windows
+// keeps the foreground with the user's program. Its caption and taskbar button flash until the
+// user brings it forward (a click, Alt+Tab), and then the list takes the keyboard.
+void LMMainUI::DrawAttention(HWND dialog) {
+    if (::GetForegroundWindow() == dialog) return;
+    FLASHWINFO flash{};
+    flash.cbSize = sizeof(flash);
+    flash.hwnd = dialog;
+    flash.dwFlags = FLASHW_ALL | FLASHW_TIMERNOFG;
+    ::FlashWindowEx(&flash);
+}
+
+void LMMainUI::OnActivated(HWND dialog) {
+    // Posted: the dialog manager puts back the focus it last saved after this message.
+    HWND list = m_list.ListBox();
+    if (list) ::PostMessageW(dialog, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(list), TRUE);
+}
+
+void LMMainUI::OnSessionChange(WPARAM change) {
+    m_uiThread.Check(L"[LMMainUI::OnSessionChange]\t the session's state read off the window's thread");
+    switch (change) {
+    case WTS_SESSION_LOCK: m_sessionLocked = true; break;
+    case WTS_SESSION_UNLOCK: m_sessionLocked = false; break;
+    case WTS_CONSOLE_DISCONNECT:
+    case WTS_REMOTE_DISCONNECT: m_sessionDisconnected = true; break;
+    case WTS_CONSOLE_CONNECT:
+    case WTS_REMOTE_CONNECT: m_sessionDisconnected = false; break;
+    default: return;
+    }
+    NS_Log::Log(3, L"[LMMainUI::OnSessionChange]",
+                L"\t session change " + std::to_wstring(change) + (UserCanSee() ? L": visible" : L": not visible"));
+    // The moment the user can see the window again is when carried rows start their countdown.
+    if (UserCanSee()) CheckItemsOnList();
 }
 
 void LMMainUI::RemoveProcessInfo(DWORD processId, const std::weak_ptr<CSharedId>& credential) {
@@ -357,6 +451,13 @@ void LMMainUI::CheckItemsOnList() {
     // The registry's callbacks are asked without the row lock, so that no lock order between
     // the two can arise.
     std::vector<std::weak_ptr<CSharedId>> expired;
+    // First, so that no row ends by a jump of the clock before the user has seen its warning.
+    const bool holding = m_rows.FollowClock(UserCanSee());
+    if (holding != m_holdingRows)
+        NS_Log::Log(3, L"[LMMainUI::CheckItemsOnList]",
+                    holding ? L"\t the clock jumped while the user could not see the window: rows held until they can"
+                            : L"\t the user can see the window: held rows count down from now");
+    m_holdingRows = holding;
     const __time64_t now = m_rows.Now();
     for (const auto& [key, row] : rows) {
         if (!IsProcessMonitored(*row)) {
@@ -495,8 +596,11 @@ void LMMainUI::ApplyShutdownBlockReason(bool held) {
 }
 
 void LMMainUI::ReportSessionEnd() {
-    // Both top-level windows hear of the session end; the monitor is told once.
-    if (!m_sessionEndReported.exchange(true)) OnSessionEnd();
+    m_uiThread.Check(L"[LMMainUI::ReportSessionEnd]\t the session end reported off the window's thread");
+    // Once per WM_QUERYENDSESSION: a repeated WM_ENDSESSION is the same end.
+    if (m_sessionEndReported) return;
+    m_sessionEndReported = true;
+    OnSessionEnd();
 }
 
 void LMMainUI::OnSessionEnd() {

@@ -33,7 +33,9 @@
 struct LMMainUICallbacks {
     // A row's time is over: its credential's holders are to be ended.
     std::function<void(const std::weak_ptr<CSharedId>&)> onExpiryPassed;
-    // The Windows session ends; called once, on the UI thread, from WM_ENDSESSION.
+    // The Windows session ends; called on the UI thread from WM_ENDSESSION, once for each end
+    // that Windows asked about with WM_QUERYENDSESSION (a logoff that was cancelled is followed
+    // by another query).
     std::function<void()> onSessionEnd;
     // A duplicate of the registry's handle of a registered process, or none.
     std::function<NS_Utils::UniqueHandle(DWORD pid)> getProcFromPid;
@@ -41,6 +43,8 @@ struct LMMainUICallbacks {
     std::function<std::vector<DWORD>(const std::shared_ptr<CSharedId>&)> getSidProcList;
     // The clock the countdowns run on (the lease monitor's); _time64 when empty.
     std::function<__time64_t()> now;
+    // Elapsed time, against which a jump of `now` is told (LeaseRows::Ticks); the system's when empty.
+    LeaseRows::Ticks ticks;
 };
 
 
@@ -71,6 +75,11 @@ private:
     static unsigned __stdcall ThreadProc(void* self);
     static LRESULT CALLBACK ParentWndProc(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
     static INT_PTR CALLBACK DialogProc(HWND dialog, UINT message, WPARAM wParam, LPARAM lParam);
+    // The procedures' bodies; an allocation failure in either is logged by the procedure, and the
+    // message counts as not handled.
+    LRESULT OnParentMessage(HWND window, UINT message, WPARAM wParam, LPARAM lParam);
+    void OnSessionChange(WPARAM change);
+    void OnActivated(HWND dialog);
 
     void EnsureUIThread();
     [[nodiscard]] bool InitInstance(NS_Utils::UniqueWindow& parent, NS_Utils::UniqueWindow& dialog);
@@ -94,6 +103,7 @@ private:
     void ApplyShutdownBlockReason(bool held);
     void ReportSessionEnd();
     void OnSessionEnd();
+    void DrawAttention(HWND dialog);
 
     LMMainUICallbacks m_callbacks;
     LeaseRows m_rows;
@@ -108,7 +118,16 @@ private:
     // The rows' keys and texts as the window lists them.
     LBExtended m_list;
     std::atomic<bool> m_credentialsHeld{false};
-    std::atomic<bool> m_sessionEndReported{false};
+    // Set when a session end has been reported; cleared by the next WM_QUERYENDSESSION and by
+    // WM_ENDSESSION(FALSE). UI thread only.
+    bool m_sessionEndReported = false;
+    // The session is locked, or its console disconnected: the user cannot see the window. UI
+    // thread only.
+    bool m_sessionLocked = false;
+    bool m_sessionDisconnected = false;
+    bool UserCanSee() const noexcept { return !m_sessionLocked && !m_sessionDisconnected; }
+    // Rows are held over a jump of the clock (for the log's sake); UI thread only.
+    bool m_holdingRows = false;
     // Sizes of a row in pixels, measured from the list's DPI and font; UI thread only.
     struct RowLayout {
         int margin = 0;

@@ -19,6 +19,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +27,9 @@
 class LeaseRows {
 public:
     using Clock = std::function<__time64_t()>;
+    // Milliseconds of elapsed time that stand still while the machine sleeps and ignore changes of
+    // the wall clock; QueryUnbiasedInterruptTime when empty.
+    using Ticks = std::function<ULONGLONG()>;
     using Row = std::shared_ptr<ProcessInfo>;
     // The words around a row's values, from the message library; empty ones leave the value bare.
     struct Labels {
@@ -36,7 +40,7 @@ public:
 
     // `now` is the clock the countdowns run on, _time64 when empty; a row ends no earlier than
     // `graceSeconds` after it appears.
-    LeaseRows(Clock now, unsigned graceSeconds);
+    LeaseRows(Clock now, unsigned graceSeconds, Ticks ticks = {});
     LeaseRows(const LeaseRows&) = delete;
     LeaseRows& operator=(const LeaseRows&) = delete;
 
@@ -58,6 +62,12 @@ public:
     std::vector<LMListedRow> Listed() const;
 
     __time64_t Now() const;
+    // At every tick of the window, before the rows' ends are looked at. When the wall clock went
+    // further than elapsed time since the last call (a resume from sleep, a clock set forward),
+    // the rows whose end it brought within the grace time are carried: they end no earlier than
+    // the grace time after the first call at which `userCanSee` (the session is not locked), so
+    // that the user gets the whole warning after such a jump. True while rows are carried.
+    bool FollowClock(bool userCanSee);
     void SetLabels(Labels labels);
     // The program on the first line, the time left on the second.
     std::wstring Text(const ProcessInfo& row) const;
@@ -68,12 +78,20 @@ private:
     static std::wstring Text(const ProcessInfo& row, const Labels& labels, __time64_t now);
     // Under the lock; a key below 0 when there is none.
     int FindKey(DWORD processId, const std::weak_ptr<CSharedId>& credential) const;
-    Row FirstRowOf(const std::weak_ptr<CSharedId>& credential) const;
+
+    ULONGLONG ElapsedMs() const;
 
     const Clock m_clock;
     const unsigned m_graceSeconds;
+    const Ticks m_ticks;
     mutable NS_Utils::CriticalSection m_lock;
     std::map<int, Row> m_rows;
+    // The last FollowClock's readings of the two clocks (none before the first), and the rows
+    // carried over a jump until the user can see them.
+    bool m_followed = false;
+    __time64_t m_lastWall = 0;
+    ULONGLONG m_lastElapsedMs = 0;
+    std::set<int> m_carried;
     int m_nextKey = 0;
     Labels m_labels;
 };

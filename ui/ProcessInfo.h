@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -28,11 +29,15 @@ public:
         return !m_credential.owner_before(credential) && !credential.owner_before(m_credential);
     }
     // When the row's process is ended.
-    __time64_t GetEndTime() const noexcept { return m_endTime; }
+    __time64_t GetEndTime() const noexcept { return m_endTime.load(); }
     // Before the row is listed: the expiry ends every holder of the credential at once, so a row
     // listed later counts down to the moment its credential's first row showed.
-    void ShareEndTime(const ProcessInfo& first) noexcept { m_endTime = first.m_endTime; }
-    double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime, now); }
+    void ShareEndTime(const ProcessInfo& first) noexcept { m_endTime = first.m_endTime.load(); }
+    // Moves the moment later after the wall clock jumped (LeaseRows::FollowClock); never earlier.
+    void PostponeEndTo(__time64_t end) noexcept {
+        if (end > m_endTime.load()) m_endTime = end;
+    }
+    double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime.load(), now); }
 
     // False when the root window's title differs from the one last shown; it is then kept as
     // the one to show. UI thread only.
@@ -54,7 +59,8 @@ private:
     DWORD m_processId;
     NS_Utils::UniqueHandle m_process;
     std::weak_ptr<CSharedId> m_credential;
-    __time64_t m_endTime;
+    // Written under the rows' lock, read by the window's thread and the status view.
+    std::atomic<__time64_t> m_endTime;
     std::wstring m_exePath;
     HWND m_rootWindow = nullptr;
     std::wstring m_title;

@@ -5,6 +5,7 @@
 #include "common/WinHandles.h"
 
 #include <windows.h>
+#include <wtsapi32.h>
 
 namespace NS_Utils {
 
@@ -42,6 +43,16 @@ using UniqueWindow = UniqueResource<WindowTraits>;
 using UniqueIcon = UniqueResource<IconTraits>;
 using UniqueGdiObject = UniqueResource<GdiObjectTraits>;
 using UniqueMemoryDC = UniqueResource<MemoryDCTraits>;
+
+// A window's registration for the session's lock, unlock and connection notices
+// (WM_WTSSESSION_CHANGE), ended before the window is destroyed.
+struct SessionNotificationTraits {
+    using type = HWND;
+    static HWND Invalid() noexcept { return nullptr; }
+    static bool IsValid(HWND w) noexcept { return w != nullptr; }
+    static void Close(HWND w) noexcept { ::WTSUnRegisterSessionNotification(w); }
+};
+using SessionNotification = UniqueResource<SessionNotificationTraits>;
 
 // A window's device context, given back to that window when the owner goes.
 class WindowDC {

@@ -8,6 +8,8 @@
 #include "tests/monitor/MonitorFixture.h"
 #include "ui/LMMainUIRes.h"
 
+#include <atomic>
+
 using namespace testsupport;
 using NS_LEASE_UTILS::TimeToExpiryText;
 
@@ -95,7 +97,7 @@ TEST_F(MonitorTest, ALeaseMonitorThatCannotStartLeavesTheRegistryCheckingIn) {
 }
 
 TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
-    ChildProcess later = Hold(L"later", kNow + 61 * 60), soon = Hold(L"soon", kNow + 60 * 60);
+    ChildProcess later = Hold(L"later", kNow + 61LL * 60), soon = Hold(L"soon", kNow + 60LL * 60);
     ChildProcess low = Hold(L"low", kNow - 3600), stale = Hold(L"stale", kNow - 7200);
     ChildProcess first = Hold(L"first", kNow), second = Hold(L"second", kNow);
     const size_t staleLines = CountInServiceLog(kStale);
@@ -124,6 +126,21 @@ TEST_F(LeaseTest, AnUnreadableExpiryIsTheDefaultDurationFromNowInTheRecordToo) {
     now += 1;
     lease->Poll(2);
     EXPECT_EQ(ListedPids(*lease), std::vector<DWORD>{unparsable.Id()});
+}
+
+// "No end" written as the year 9999 is kept as written and never comes due; a date that does not
+// exist is no date, and gets the default lease from now.
+TEST_F(LeaseTest, AnyRealDateIsKeptAsWrittenAndOnlyTextThatIsNoDateGetsTheDefault) {
+    ChildProcess forever = Hold(L"forever", L"99991231T235959Z"), noDay = Hold(L"noday", L"20290229T000000Z");
+    CSharedId stored;
+    ASSERT_TRUE(Registered(Credential(L"forever"), &stored));
+    EXPECT_EQ(stored.GetLeaseExpiry(), L"99991231T235959Z");
+    ASSERT_TRUE(Registered(Credential(L"noday"), &stored));
+    EXPECT_EQ(stored.GetLeaseExpiry(), TimeToExpiryText(kNow + 28800));
+    now += 100LL * 365 * 86400;
+    lease->Poll(1);
+    EXPECT_EQ(ListedPids(*lease), std::vector<DWORD>{noDay.Id()}) << "a century later, only the default has run out";
+    EXPECT_EQ(lease->PendingCount(), 1u);
 }
 
 // Stale: before now - delta; due: from now - delta up to now + delta. A negative delta makes
@@ -238,11 +255,16 @@ TEST_F(LeaseTest, LogoffEndsEveryHolderAndReturnsOnceAllAreCheckedIn) {
     EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
 }
 
-// Slow by design: the handler waits its full two minutes while the agent keeps answering 37.
+// The agent keeps answering 37, so the handler waits its full two minutes, on a clock that runs
+// sixty times as fast as the real one.
 TEST_F(LeaseTest, LogoffGivesUpAfterTwoMinutesAndCountsWhatIsLeft) {
     standin::SetScript(L"CheckInResults", std::wstring(L"37"));
+    const ULONGLONG start = ::GetTickCount64();
+    std::atomic<ULONGLONG> lastRead{start};
+    monitor->SetLogoffClock([start, &lastRead] { return lastRead = start + (::GetTickCount64() - start) * 60; });
     ChildProcess first = Hold(L"first", kNow + 86400), second = Hold(L"second", kNow + 86400);
     monitor->OnWndSessionEnd();
+    EXPECT_GE(lastRead - start, SharedIdMonitor::kLogoffWaitMs) << "given up before two minutes on its clock";
     EXPECT_EQ(CountInServiceLog(L"2 credentials were not checked in to Corvin during windows logoff."), 1u);
     EXPECT_EQ(monitor->LeaseCount(), 2);
     standin::ClearScript();

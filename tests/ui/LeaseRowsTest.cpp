@@ -28,7 +28,8 @@ protected:
     __time64_t EndOf(int key) const { return key < 0 ? -1 : rows.Find(key)->GetEndTime(); }
 
     __time64_t now = kNow;
-    LeaseRows rows{[this] { return now; }, kGrace};
+    ULONGLONG elapsedMs = 7000000;
+    LeaseRows rows{[this] { return now; }, kGrace, [this] { return elapsedMs; }};
 };
 
 TEST_F(LeaseRowsTest, AProcessHasOneRowPerCredential) {
@@ -64,33 +65,50 @@ TEST_F(LeaseRowsTest, TheFirstRowOfACredentialFixesItsMoment) {
     for (const auto& [expiry, end] : cases) EXPECT_EQ(EndOf(Add(++pid, Expiring(expiry))), end) << expiry;
     EXPECT_EQ(ProcessInfo::ParseExpiry(L"20200101T000000Z"), 1577836800);
     EXPECT_EQ(ProcessInfo::ParseExpiry(L"2020-01-01 00:00"), -1);
+    // Any real date is a date: "no end" as the year 9999 is held at the latest time there is.
+    EXPECT_EQ(ProcessInfo::ParseExpiry(L"99991231T235959Z"), NS_LEASE_UTILS::kLatestTime);
+    EXPECT_EQ(ProcessInfo::ParseExpiry(L"30001231T235959Z"), NS_LEASE_UTILS::kLatestTime);
+    EXPECT_EQ(ProcessInfo::ParseExpiry(L"20240229T120000Z"), 1709208000);
+    EXPECT_EQ(ProcessInfo::ParseExpiry(L"19000101T000000Z"), 0);
+    for (const wchar_t* noDate : {L"20210229T000000Z", L"20241301T000000Z", L"20240431T000000Z", L"20240101T240000Z"})
+        EXPECT_EQ(ProcessInfo::ParseExpiry(noDate), -1) << noDate;
 }
 
-TEST_F(LeaseRowsTest, LaterRowsShareTheMomentUntilEveryRowOfTheCredentialHasGone) {
-    auto credential = Expiring(TimeToExpiryText(kNow));
-    const int first = Add(1001, credential);
-    now += 100;
-    const int joining = Add(1002, credential);
-    EXPECT_EQ(EndOf(joining), kNow + kGrace) << "what is left of the warning, not a grace time of its own";
-    now += 100;
-    EXPECT_EQ(EndOf(Add(1003, Expiring(TimeToExpiryText(kNow)))), now + kGrace) << "another credential";
+// The wall clock jumps three hours while five seconds pass (a laptop that slept and wakes at the
+// lock screen): the rows whose end it passed, or brought within the grace time, end no earlier
+// than the grace time after the user can see the window again. Elapsed time alone ends rows as
+// before.
+TEST_F(LeaseRowsTest, AJumpOfTheClockGivesTheWholeGraceTimeFromWhenTheUserCanSee) {
+    const int due = Add(1003, Expiring(TimeToExpiryText(kNow + 130)));
+    EXPECT_FALSE(rows.FollowClock(true));
+    now += 200;
+    elapsedMs += 200000;
+    EXPECT_FALSE(rows.FollowClock(true));
+    EXPECT_EQ(EndOf(due), kNow + 130) << "passed by elapsed time";
+    ASSERT_TRUE(rows.Erase(due));
 
-    ASSERT_EQ(rows.Remove(1001, credential), first);
-    EXPECT_EQ(EndOf(Add(1004, credential)), kNow + kGrace) << "one row of it is still there";
-    ASSERT_GE(rows.Remove(1002, credential), 0);
-    ASSERT_GE(rows.Remove(1004, credential), 0);
-    EXPECT_EQ(EndOf(Add(1001, credential)), now + kGrace) << "all gone: the next row fixes a new moment";
-}
+    const __time64_t before = now;
+    auto passed = Expiring(TimeToExpiryText(before + 600)), later = Expiring(TimeToExpiryText(before + 4LL * 3600));
+    const int key = Add(1001, passed), distant = Add(1002, later);
+    now += 3LL * 3600;
+    elapsedMs += 5000;
+    EXPECT_TRUE(rows.FollowClock(false));
+    EXPECT_EQ(EndOf(key), now + kGrace);
+    EXPECT_EQ(EndOf(distant), before + 4LL * 3600) << "still more than the grace time away";
+    const int joining = Add(1004, passed);
+    EXPECT_EQ(EndOf(joining), now + kGrace) << "the credential's other rows share its moment";
 
-TEST_F(LeaseRowsTest, TextsShowTheProgramAndTheTimeLeftOnTheClock) {
-    const int key = Add(1001, Expiring(TimeToExpiryText(kNow + 3909)));
-    rows.SetLabels({L"Program", L"Closes in", L"left"});
-    EXPECT_EQ(rows.Texts(), (std::map<int, std::wstring>{{key, L"Program: ui_tests.exe\nCloses in: 1:05:09 left"}}));
-    now += 3909 - 299;
-    EXPECT_EQ(rows.Text(*rows.Find(key)), L"Program: ui_tests.exe\nCloses in: 4:59 left");
-    now += 300;
-    rows.SetLabels({});  // no message library: the values stand alone
-    EXPECT_EQ(rows.Text(*rows.Find(key)), L"ui_tests.exe\n0:00");
+    now += 600;
+    elapsedMs += 600000;
+    EXPECT_TRUE(rows.FollowClock(false));
+    EXPECT_EQ(EndOf(key), now + kGrace) << "held while the session is locked";
+    EXPECT_EQ(EndOf(joining), now + kGrace);
+    EXPECT_FALSE(rows.FollowClock(true));
+    const __time64_t seen = now;
+    now += 60;
+    elapsedMs += 60000;
+    EXPECT_FALSE(rows.FollowClock(true));
+    EXPECT_EQ(EndOf(key), seen + kGrace) << "counts down from the moment it was seen";
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "common/ModulePath.h"
 #include "common/Registry.h"
+#include "sharedid/ExpiryTime.h"
 #include "tests/support/FailFastTest.h"
 #include "tests/support/TestSupport.h"
 #include "tests/ui/VisibleWindow.h"
@@ -12,6 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+
+#include <wtsapi32.h>
 
 namespace {
 
@@ -99,6 +102,7 @@ TEST_F(WindowTest, ShowsTopmostEnglishWindowInsideTheWorkArea) {
     HWND dialog = ShowRow(ui, L"Shared account lease expiring :: Quillon");
     ASSERT_TRUE(dialog);
     EXPECT_NE(::GetWindowLongPtrW(dialog, GWL_EXSTYLE) & WS_EX_TOPMOST, 0);
+    EXPECT_NE(::GetWindowLongPtrW(dialog, GWL_EXSTYLE) & WS_EX_APPWINDOW, 0) << "reachable by Alt+Tab and the taskbar";
     RECT rc{}, work{};
     ::GetWindowRect(dialog, &rc);
     ::SystemParametersInfoW(SPI_GETWORKAREA, 0, &work, 0);
@@ -124,13 +128,64 @@ TEST_F(WindowTest, CallsExpiryAtEveryTickOnceTheRowReachesZero) {
               L"Program: tarrow_testchild.exe\nCloses in: 0:00 left");
 }
 
-TEST_F(WindowTest, ReportsTheSessionEndOnceThoughBothWindowsHearOfIt) {
+// Both windows hear of each end of the session, and a logoff can be cancelled after the service
+// was told of its end (the user, after five seconds) or before (another program refused it): each
+// end that Windows asked about is reported once.
+TEST_F(WindowTest, ReportsEachEndOfTheSessionOnceAfterItsQuery) {
     LMMainUI ui(m_callbacks);
     HWND dialog = ShowRow(ui);
     ASSERT_TRUE(dialog);
-    ::SendMessageW(::GetWindow(dialog, GW_OWNER), WM_ENDSESSION, TRUE, 0);
-    ::SendMessageW(dialog, WM_ENDSESSION, TRUE, 0);
+    const HWND windows[] = {::GetWindow(dialog, GW_OWNER), dialog};
+    auto endSession = [&](BOOL ending) {
+        for (HWND window : windows) EXPECT_TRUE(::SendMessageW(window, WM_QUERYENDSESSION, 0, 0));
+        for (HWND window : windows) ::SendMessageW(window, WM_ENDSESSION, ending, 0);
+    };
+    endSession(TRUE);
+    for (HWND window : windows) ::SendMessageW(window, WM_ENDSESSION, TRUE, 0);
     EXPECT_EQ(m_sessionEnds, 1);
+    endSession(TRUE);
+    EXPECT_EQ(m_sessionEnds, 2) << "the logoff after a cancelled one";
+    endSession(FALSE);
+    EXPECT_EQ(m_sessionEnds, 2);
+    ::SendMessageW(windows[0], WM_ENDSESSION, TRUE, 0);
+    EXPECT_EQ(m_sessionEnds, 3) << "after a logoff that another program refused";
+    ::SendMessageW(windows[0], WM_ENDSESSION, TRUE, ENDSESSION_CLOSEAPP);
+    ::SendMessageW(windows[0], WM_QUERYENDSESSION, 0, ENDSESSION_CLOSEAPP);
+    ::SendMessageW(windows[0], WM_ENDSESSION, TRUE, ENDSESSION_CLOSEAPP);
+    EXPECT_EQ(m_sessionEnds, 3) << "an installer's close request is no end of the session";
+}
+
+// The clock jumps eight hours while the session is locked (a laptop that slept): the expired row
+// waits at the lock screen and then gives the user the whole grace time from the unlock.
+TEST_F(WindowTest, AJumpOfTheClockEndsNoHolderBeforeTheUserHasSeenTheWholeWarning) {
+    NS_Utils::DeleteRegistryValue(HKEY_LOCAL_MACHINE, NS_Utils::RegKeys::kWex, L"WaitingTimeToKillProcess");
+    std::atomic<__time64_t> now = ::_time64(nullptr);
+    std::atomic<ULONGLONG> elapsedMs = 1000000;
+    m_callbacks.now = [&now] { return now.load(); };
+    m_callbacks.ticks = [&elapsedMs] { return elapsedMs.load(); };
+    m_credential->SetLeaseExpiry(NS_LEASE_UTILS::TimeToExpiryText(now + 600));
+    LMMainUI ui(m_callbacks);
+    HWND dialog = ShowRow(ui);
+    ASSERT_TRUE(dialog);
+    Tick(dialog);
+    ::SendMessageW(dialog, WM_WTSSESSION_CHANGE, WTS_SESSION_LOCK, 0);
+    now += 8LL * 3600;
+    elapsedMs += 3000;
+    ::SendMessageW(dialog, WM_POWERBROADCAST, PBT_APMRESUMEAUTOMATIC, 0);
+    Tick(dialog);
+    now += 600;
+    elapsedMs += 600000;
+    Tick(dialog);
+    EXPECT_EQ(m_expiries, 0) << "at the lock screen";
+    ::SendMessageW(dialog, WM_WTSSESSION_CHANGE, WTS_SESSION_UNLOCK, 0);
+    now += 119;
+    elapsedMs += 119000;
+    Tick(dialog);
+    EXPECT_EQ(m_expiries, 0) << "within the grace time from the unlock";
+    now += 1;
+    elapsedMs += 1000;
+    Tick(dialog);
+    EXPECT_EQ(m_expiries, 1);
 }
 
 // The dialog's procedure run by another thread of the process, as a careless caller could.
