@@ -48,7 +48,8 @@ bool SharedIdReleaser::Init() {
 
 bool SharedIdReleaser::InitCom() {
     // Never undone: the worker keeps COM for as long as it runs, and the agent's objects with
-    // it. A thread already in the multithreaded apartment can use them just as well.
+    // it. The collector's worker is in its apartment already (S_FALSE); a thread already in the
+    // multithreaded apartment can use the objects just as well.
     if (!m_comReady) {
         HRESULT hr = ::CoInitialize(nullptr);
         m_comReady = SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE;

@@ -3,10 +3,11 @@
 // identity-server account that the user's wallet keeps.
 //
 // Which thread calls what: every method runs on the collector's worker thread, the one thread
-// that checks credentials in. Init initialises COM there (apartment model) and the agent's
-// objects are created there, so they may only be used there; the cached account is touched
-// by that thread alone and needs no lock. Other threads (the registration path on the COM
-// thread included) ask the worker to act by queueing a work item; they never call in here.
+// that checks credentials in. Its single-threaded apartment (the collector's, entered again by
+// Init where the thread has none) holds the agent's objects, so they may only be used there; the
+// cached account and the agent's user are touched by that thread alone and need no lock. Other
+// threads (the registration path on the COM thread included) ask the worker to act by queueing a
+// work item, and read the agent's user from the pipeline's copy; they never call in here.
 // Every method checks it, in every build: a call from another thread ends the process.
 
 #include "checkin/AgentInterfaces.h"
