@@ -56,6 +56,24 @@ TEST_F(ServiceCheckInTest, CallsThatFailWithoutAnAnswerAreSentAgainUntilAnswered
     EXPECT_NE(calls[2].find("result=0"), std::string::npos) << calls[2];
 }
 
+// An agent busy for long: the row is reported once, after ten attempts, and goes on being tried.
+TEST_F(ServiceCheckInTest, ARowTriedManyTimesIsReportedOnceAndGoesOnBeingTried) {
+    Restart([] {
+        SetPause(1000);
+        std::wstring busy;
+        for (int i = 0; i < 11; ++i) busy += L"0x8001010A,";
+        standin::SetScript(L"CheckInHResults", busy + L"0");
+        standin::SetScript(L"CheckInResults", std::wstring(L"0"));
+    });
+    const std::wstring stuck = L"Still not checked in after ";
+    const size_t before = CountInServiceLog(stuck);
+    RegisterAndEnd(L"long-busy");
+    ASSERT_TRUE(WaitUntil(NoFileLeft, 60000));
+    EXPECT_EQ(standin::JournalLines("CheckIn ").size(), 12u);
+    EXPECT_EQ(CountInServiceLog(stuck) - before, 1u);
+    EXPECT_EQ(CountInServiceLog(stuck + L"10 attempts (no answer, 0x8001010a)"), 1u);
+}
+
 // Nobody logged on to the agent when the service starts: the row waits, unsent, and goes with the
 // account and the agent's user once the user has logged on.
 TEST_F(ServiceCheckInTest, EmptyWalletAtStartSendsWithTheAccountOnceTheUserLogsOn) {
