@@ -14,10 +14,10 @@
 // Threads: Release and CheckInFromFile on whichever thread lets a credential go or takes a file
 // up (the COM thread and thread-pool wait callbacks, often under the registry lock; the owner's
 // thread at start; the worker when the agent is back); RefreshAccountLater, HoldCheckIns,
-// ResumeCheckIns and SendEveryRowNow on any thread; Board, AgentState and EnterpriseId on the COM
-// thread. Everything else runs on the collector's worker and checks it; the agent is never called
-// under the registry's lock (checked through it). The queue's, the board's and the identity's
-// locks are leaves, so the first two may be called under the registry's.
+// ResumeCheckIns, SendEveryRowNow and SessionGoesOn on any thread; Board, AgentState and
+// EnterpriseId on the COM thread. Everything else runs on the collector's worker and checks it;
+// the agent is never called under the registry's lock (checked through it). The queue's, the
+// board's and the identity's locks are leaves, so the first two may be called under the registry's.
 
 #include "checkin/CheckInDecision.h"
 #include "checkin/EnterpriseIdentity.h"
@@ -86,6 +86,9 @@ public:
     // The session ends: every waiting row goes out now, pauses or not, and a row answered with
     // "later" is tried again after kSessionEndPauseMs from here on.
     void SendEveryRowNow();
+    // The end of the session was cancelled (the user went back to the desktop): pauses are the
+    // setting's again.
+    void SessionGoesOn() { m_sessionEnding.store(false); }
     // The user logged on to the agent as the worker last saw it, for registrations; empty until
     // the worker has seen one.
     std::wstring EnterpriseId() const { return m_enterpriseId.Get(); }
