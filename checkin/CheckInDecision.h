@@ -10,7 +10,7 @@ namespace NS_CheckIn {
 // each transient code means; to this service they all say "not now, ask again later".
 enum AgentResult : int {
     kCheckedIn = 0,
-    // Not the agent's own: its answer did not hold exactly one integer for the row.
+    // Not the agent's own: a call that succeeded did not hold exactly one integer for the row.
     kNoSingleAnswer = 1,
     kTransient5 = 5,
     kTransient7 = 7,
@@ -25,13 +25,14 @@ enum AgentResult : int {
 // How a row came back from an attempt.
 enum class Reply {
     kNotSent,   // no call carried it: its objects were dropped, the service stopped, no memory
-    kNoAnswer,  // a call carried it, but the server went away or the call failed without a result
+    kNoAnswer,  // a call carried it, but the call failed without leaving a result for it
     kAnswered,  // the agent answered it with `result`
 };
 
 struct RowOutcome {
     Reply reply = Reply::kNotSent;
-    int result = 0;  // kAnswered only
+    int result = 0;       // kAnswered only
+    HRESULT call = S_OK;  // of the call that carried it, for the log and the event log
 };
 
 enum class Action {
@@ -41,11 +42,13 @@ enum class Action {
     kForget,      // final: the file is deleted, the record dropped, the lease count lowered
 };
 
-// A row is final only when the agent answered it.
+// A row is final only when the agent answered it: a call that failed (a busy agent's
+// RPC_E_SERVERCALL_RETRYLATER, E_FAIL with the network down) and left no result is no answer.
 [[nodiscard]] Action Decide(const RowOutcome& outcome);
 
-// The call failed because the agent's server went away (or the object's proxy lost it): nothing
-// was answered, and the agent's objects must be made anew before the next attempt.
+// The call failed because the agent's server went away (or the object's proxy lost it): as with
+// every failed call nothing was answered, and here the agent's objects must also be made anew
+// before the next attempt.
 [[nodiscard]] bool IsServerGone(HRESULT hr);
 
 }  // namespace NS_CheckIn

@@ -12,8 +12,8 @@ NS_Utils::UniqueSafeArray MakeVariantVector(ULONG count) {
 }
 
 // The row as a VARIANT array of BSTRs, owned by the caller once returned.
-NS_Utils::UniqueSafeArray MakeRowArray(const CSharedId& credential) {
-    const std::array<std::wstring, 5> row = MakeRow(credential);
+NS_Utils::UniqueSafeArray MakeRowArray(const CSharedId& credential, const std::wstring& enterpriseId) {
+    const std::array<std::wstring, 5> row = MakeRow(credential, enterpriseId);
     NS_Utils::UniqueSafeArray array = MakeVariantVector(static_cast<ULONG>(row.size()));
     NS_Utils::SafeArrayLock lock(array.get());
     VARIANT* cells = lock.Data<VARIANT>();
@@ -36,18 +36,20 @@ std::wstring MakeRowKey(const CSharedId& credential) {
            credential.GetSharedId() + L";" + credential.GetAuxText3() + L";{ERROR_CODE};;" + credential.GetLeaseDN();
 }
 
-std::array<std::wstring, 5> MakeRow(const CSharedId& credential) {
-    return {credential.GetLeaseDN(), credential.GetAuxText1(), MakeRowKey(credential), credential.GetEnterpriseId(),
+std::array<std::wstring, 5> MakeRow(const CSharedId& credential, const std::wstring& enterpriseId) {
+    const std::wstring& identity = credential.GetEnterpriseId().empty() ? enterpriseId : credential.GetEnterpriseId();
+    return {credential.GetLeaseDN(), credential.GetAuxText1(), MakeRowKey(credential), identity,
             credential.GetLeaseExpiry()};
 }
 
-void MakeInput(std::span<const CSharedId* const> credentials, NS_Utils::UniqueVariant& input) {
+void MakeInput(std::span<const CSharedId* const> credentials, const std::wstring& enterpriseId,
+               NS_Utils::UniqueVariant& input) {
     NS_Utils::UniqueSafeArray rows = MakeVariantVector(static_cast<ULONG>(credentials.size()));
     {
         NS_Utils::SafeArrayLock lock(rows.get());
         VARIANT* cells = lock.Data<VARIANT>();
         for (size_t i = 0; i < credentials.size(); ++i) {
-            cells[i].parray = MakeRowArray(*credentials[i]).release();
+            cells[i].parray = MakeRowArray(*credentials[i], enterpriseId).release();
             cells[i].vt = kVariantArray;
         }
     }

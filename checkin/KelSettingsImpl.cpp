@@ -3,6 +3,7 @@
 #include "common/Log.h"
 #include "common/Settings.h"
 
+#include <algorithm>
 #include <string>
 
 namespace {
@@ -11,11 +12,16 @@ constexpr const wchar_t* kTag = L"[KelSettingsImpl::GetFreeSharedIdWaitTime]\t";
 
 DWORD KelSettingsImpl::GetFreeSharedIdWaitTime() {
     NS_Log::Log(3, kTag + std::wstring(L" Checking FreeSharedIdWaitTime."));
-    if (std::optional<long long> waitTime = NS_Settings::ReadNumber(NS_Settings::kFreeSharedIdWaitTime)) {
-        NS_Log::Log(3, kTag + std::wstring(L" FreeSharedIdWaitTime = ") + std::to_wstring(*waitTime));
-        return static_cast<DWORD>(*waitTime);
+    const NS_Settings::Setting& setting = NS_Settings::kFreeSharedIdWaitTime;
+    if (std::optional<long long> waitTime = NS_Settings::ReadNumber(setting)) {
+        // 0 would ask a busy agent again without end, and 0xFFFFFFFF never again: the range the
+        // templates offer is what a value set by hand gets too.
+        const long long clamped = std::clamp<long long>(*waitTime, setting.minimum, setting.maximum);
+        NS_Log::Log(3, kTag + std::wstring(L" FreeSharedIdWaitTime = ") + std::to_wstring(clamped) +
+                           (clamped != *waitTime ? L" (set to " + std::to_wstring(*waitTime) + L")" : L""));
+        return static_cast<DWORD>(clamped);
     }
-    const DWORD fallback = NS_Settings::kFreeSharedIdWaitTime.defaultNumber;
+    const DWORD fallback = setting.defaultNumber;
     NS_Log::Log(3, kTag + std::wstring(L" Default FreeSharedIdWaitTime = ") + std::to_wstring(fallback));
     return fallback;
 }

@@ -6,7 +6,8 @@
 class KelSettingsImpl {
 public:
 
-    // Milliseconds between check-in retries: "FreeSharedIdWaitTime", taken as read (0 retries at
-    // once), else the default. Read on every call so that a change applies at the next retry.
+    // Milliseconds between check-in retries: "FreeSharedIdWaitTime" within the range the templates
+    // offer (1000 to 3600000; a value outside is taken as the nearer end), else the default. Read
+    // on every call so that a change applies at the next retry.
     static DWORD GetFreeSharedIdWaitTime();
 };

@@ -48,7 +48,8 @@ bool SharedIdReleaser::Init() {
 
 bool SharedIdReleaser::InitCom() {
     // Never undone: the worker keeps COM for as long as it runs, and the agent's objects with
-    // it. A thread already in the multithreaded apartment can use them just as well.
+    // it. The collector's worker is in its apartment already (S_FALSE); a thread already in the
+    // multithreaded apartment can use the objects just as well.
     if (!m_comReady) {
         HRESULT hr = ::CoInitialize(nullptr);
         m_comReady = SUCCEEDED(hr) || hr == RPC_E_CHANGED_MODE;
@@ -110,9 +111,12 @@ void SharedIdReleaser::ReleaseCreds(std::span<const CSharedId* const> credential
 
 void SharedIdReleaser::OnePerCall(std::span<const CSharedId* const> credentials,
                                   std::span<NS_CheckIn::RowOutcome> outcomes, HRESULT* hrCIRes) {
-    // Once the server has gone its objects are dropped: the rows after it wait for new ones.
-    for (size_t i = 0; i < credentials.size() && IsReady(); ++i)
+    // Once the server has gone its objects are dropped: the rows after it wait for new ones. A
+    // row without an account to send with says the same of every row after it.
+    for (size_t i = 0; i < credentials.size() && IsReady(); ++i) {
         (void)Exchange(credentials.subspan(i, 1), outcomes.subspan(i, 1), hrCIRes);
+        if (outcomes[i].reply == NS_CheckIn::Reply::kNotSent) return;
+    }
 }
 
 bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
@@ -123,8 +127,9 @@ bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
     const CSharedId& first = *credentials.front();
     const NS_Utils::UniqueBstr url = NS_Utils::AllocBstr(first.GetCorvinAuthSvcUrl());
     const NS_Utils::UniqueBstr srvId = NS_Utils::AllocBstr(first.GetCorvinAuthSrvId());
+    if (m_enterpriseId.empty()) (void)RefreshEnterpriseId();
     NS_Utils::UniqueVariant input;
-    NS_CheckInRow::MakeInput(credentials, input);
+    NS_CheckInRow::MakeInput(credentials, m_enterpriseId, input);
     // Removed whatever the check-in's outcome: the agent recreates the bag at the next check-out.
     for (const CSharedId* credential : credentials)
         if (!credential->GetAuxText6().empty()) DeleteGlobalAccountDataBag(*credential);
@@ -138,13 +143,21 @@ bool SharedIdReleaser::Exchange(std::span<const CSharedId* const> credentials,
     const HRESULT hr = m_checkInAgent->CheckIn(m_runtime.get(), url.get(), srvId.get(), user.get(), password.get(),
                                                input.get(), output.get(), &nRet);
     if (hrCIRes) *hrCIRes = hr;
-    // The answer is read once more only for a call that failed as a server gone does.
-    if (NS_CheckIn::IsServerGone(hr) && nRet == 0 &&
-        NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).empty()) {
-        NS_Log::Log(2, kReleaseTag,
-                    L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
-                        L"; its objects are made anew for the next attempt.");
-        DropAgentObjects();
+    for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome.call = hr;
+    // A failed call answers only with what it left: a result code, or a result for every row.
+    // Anything less is no answer, whatever the failure; the rows are sent again after the pause.
+    if (FAILED(hr) && nRet == 0 &&
+        NS_CheckInRow::ReadResults(*output.get(), outcomes.size()).size() != outcomes.size()) {
+        if (NS_CheckIn::IsServerGone(hr)) {
+            NS_Log::Log(2, kReleaseTag,
+                        L"]\t The agent's server is gone, hrCIRes: " + HrText(hr) +
+                            L"; its objects are made anew for the next attempt.");
+            DropAgentObjects();
+        } else {
+            NS_Log::Log(2, kReleaseTag,
+                        L"]\t The check-in call failed without an answer, hrCIRes: " + HrText(hr) +
+                            L"; it is sent again after the pause.");
+        }
         return true;
     }
     return DecideResults(hr, nRet, *output.get(), outcomes);
@@ -162,11 +175,15 @@ bool SharedIdReleaser::RefreshAccountForCheckIn() {
     if (!UpdateCorvinCred()) NS_Log::Log(2, kReleaseTag, L"]\t Cannot get Corvin cred.");
     if (!m_corvinUser.empty()) return true;
     NS_Log::Log(2, kReleaseTag, L"]\t No Corvin cred is available yet.");
-    // The check-in goes ahead with whatever the cache holds; the agent answers for an account
-    // it cannot use with a code that is retried.
-    const LoginWait wait = WaitForLogin();
-    if (wait != LoginWait::kLoggedOn) NS_Log::Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
-    return wait != LoginWait::kStopping;
+    if (WaitForLogin() != LoginWait::kLoggedOn) {
+        NS_Log::Log(1, kReleaseTag, L"]\tWait for Brisk login failed.");
+        return false;
+    }
+    // The wallet is filled by the logon: what was read before the wait was empty. An empty
+    // account would be refused for good by the identity server, so the rows wait unsent.
+    if (UpdateCorvinCred()) return true;
+    NS_Log::Log(2, kReleaseTag, L"]\t The agent's user logged on, but the wallet holds no Corvin cred yet.");
+    return false;
 }
 
 void SharedIdReleaser::DeleteGlobalAccountDataBag(const CSharedId& credential) {
@@ -197,7 +214,7 @@ bool SharedIdReleaser::DecideResults(HRESULT hr, LONG nRet, const VARIANT& outpu
         for (NS_CheckIn::RowOutcome& outcome : outcomes) outcome = {NS_CheckIn::Reply::kAnswered, nRet};
         return true;
     }
-    // A failed call that says nothing else ends here too: without one answer a row is final.
+    // A call that succeeded without one answer for the row leaves it final.
     const std::vector<LONG> results = NS_CheckInRow::ReadResults(output, outcomes.size());
     if (results.size() != outcomes.size()) {
         if (outcomes.size() > 1) return false;
@@ -260,14 +277,29 @@ SharedIdReleaser::LoginWait SharedIdReleaser::WaitForLogin() {
     if (!m_scriptSupport) return LoginWait::kCannotAsk;
     NS_Log::Log(3, L"[SharedIdReleaser::WaitForBriskLoginBlocking]\t Waiting for the user to log on to the agent.");
     for (;;) {
-        NS_Utils::UniqueVariant value;
-        DISPPARAMS none{};
-        if (FAILED(m_scriptSupport->Invoke(m_enterpriseIdDispId, IID_NULL, kAgentLcid, DISPATCH_PROPERTYGET, &none,
-                                           value.put(), nullptr, nullptr)))
-            return LoginWait::kCannotAsk;
-        if (value.get()->vt == VT_BSTR && ::SysStringLen(value.get()->bstrVal) > 0) return LoginWait::kLoggedOn;
+        switch (AskLogon()) {
+        case Logon::kLoggedOn: return LoginWait::kLoggedOn;
+        case Logon::kCannotAsk: return LoginWait::kCannotAsk;
+        case Logon::kNobody: break;
+        }
         if (!m_pause(m_loginPollMs)) return LoginWait::kStopping;
     }
+}
+
+bool SharedIdReleaser::RefreshEnterpriseId() {
+    m_worker->Check(kOffWorker);
+    return m_scriptSupport && AskLogon() == Logon::kLoggedOn;
+}
+
+SharedIdReleaser::Logon SharedIdReleaser::AskLogon() {
+    NS_Utils::UniqueVariant value;
+    DISPPARAMS none{};
+    if (FAILED(m_scriptSupport->Invoke(m_enterpriseIdDispId, IID_NULL, kAgentLcid, DISPATCH_PROPERTYGET, &none,
+                                       value.put(), nullptr, nullptr)))
+        return Logon::kCannotAsk;
+    if (value.get()->vt != VT_BSTR || ::SysStringLen(value.get()->bstrVal) == 0) return Logon::kNobody;
+    m_enterpriseId.assign(value.get()->bstrVal, ::SysStringLen(value.get()->bstrVal));
+    return Logon::kLoggedOn;
 }
 
 void SharedIdReleaser::Reset() {
@@ -276,4 +308,5 @@ void SharedIdReleaser::Reset() {
     m_corvinUser.clear();
     NS_Utils::WipeString(m_corvinPassword);
     m_corvinAuthSvcId.clear();
+    m_enterpriseId.clear();
 }

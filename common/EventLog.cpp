@@ -20,6 +20,7 @@ static_assert(static_cast<DWORD>(Event::HoldersEndedAtExpiry) == TARROW_EVENT_HO
 static_assert(static_cast<DWORD>(Event::LogoffLeftCredentials) == TARROW_EVENT_LOGOFF_LEFT_CREDENTIALS);
 static_assert(static_cast<DWORD>(Event::AgentUnreachable) == TARROW_EVENT_AGENT_UNREACHABLE);
 static_assert(static_cast<DWORD>(Event::AgentReachedAgain) == TARROW_EVENT_AGENT_REACHED_AGAIN);
+static_assert(static_cast<DWORD>(Event::CheckInStillRetrying) == TARROW_EVENT_CHECKIN_STILL_RETRYING);
 static_assert(static_cast<DWORD>(Event::FailuresLeftOut) == TARROW_EVENT_FAILURES_LEFT_OUT);
 
 namespace {
@@ -31,7 +32,8 @@ WORD TypeOf(Event event) {
     case Event::EndedByForce:
     case Event::FailuresLeftOut:
     case Event::HoldersEndedAtExpiry:
-    case Event::LogoffLeftCredentials: return EVENTLOG_WARNING_TYPE;
+    case Event::LogoffLeftCredentials:
+    case Event::CheckInStillRetrying: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
     case Event::Stopped:
     case Event::AgentReachedAgain: break;

@@ -35,6 +35,7 @@ enum class Event : DWORD {
     LogoffLeftCredentials = 103,  // warning: count of credentials still on disk
     AgentUnreachable = 104,       // error: count of credential files kept
     AgentReachedAgain = 105,      // information: count of credential files taken up again
+    CheckInStillRetrying = 106,   // warning: lease DN, shared account, attempts, the last outcome
     FailuresLeftOut = 120,        // warning: count of failure entries (100) left out, minutes they span
 };
 

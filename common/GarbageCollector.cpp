@@ -1,13 +1,34 @@
 #include "common/GarbageCollector.h"
 
+#include "common/ComHandles.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
+
+#include <algorithm>
+#include <new>
+#include <span>
 
 namespace NS_Utils {
 
 namespace {
 constexpr DWORD kStopGraceMs = 500;
+constexpr DWORD kOutOfMemoryPauseMs = 1000;
 constexpr const wchar_t* kTag = L"[NS_Utils::CGarbageCollector]\t";
+
+// WaitForMultipleObjects for a thread of an apartment: in a single-threaded one COM's modal loop
+// runs meanwhile, so that the replies to the worker's own calls and the messages COM needs are
+// dispatched. The same results as WaitForMultipleObjects.
+DWORD WaitPumping(std::span<const HANDLE> handles, DWORD milliseconds) {
+    DWORD index = 0;
+    const HRESULT hr = ::CoWaitForMultipleHandles(0, milliseconds, static_cast<ULONG>(handles.size()),
+                                                  const_cast<HANDLE*>(handles.data()), &index);
+    if (hr == S_OK) return index;
+    if (hr == RPC_S_CALLPENDING) return WAIT_TIMEOUT;
+    // A thread without COM (its apartment could not be entered) still waits.
+    if (hr == CO_E_NOTINITIALIZED)
+        return ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, milliseconds);
+    return WAIT_FAILED;
+}
 }  // namespace
 
 CGarbageCollector::~CGarbageCollector() {
@@ -60,15 +81,21 @@ bool CGarbageCollector::Stop() {
 
 void CGarbageCollector::Queue(WorkItem item) { m_queue.Push(std::move(item)); }
 
+void CGarbageCollector::QueueAfter(DWORD milliseconds, WorkItem item) {
+    m_workerRule.Check(L"[NS_Utils::CGarbageCollector::QueueAfter]\t a delayed item queued off the worker thread");
+    m_delayed.emplace(::GetTickCount64() + milliseconds, std::move(item));
+}
+
 bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
     m_workerRule.Check(L"[NS_Utils::CGarbageCollector::WaitUnlessStopping]\t a pause off the worker thread");
-    return ::WaitForSingleObject(m_queue.StopEvent(), milliseconds) == WAIT_TIMEOUT;
+    const HANDLE stop[] = {m_queue.StopEvent()};
+    return WaitPumping(stop, milliseconds) == WAIT_TIMEOUT;
 }
 
 CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) {
     m_workerRule.Check(L"[NS_Utils::CGarbageCollector::PauseUnlessWork]\t a pause off the worker thread");
-    HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
-    switch (::WaitForMultipleObjects(2, events, FALSE, milliseconds)) {
+    const HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
+    switch (WaitPumping(events, milliseconds)) {
     case WAIT_TIMEOUT: return Pause::Elapsed;
     case WAIT_OBJECT_0 + 1:
         // The wake-up was the worker loop's: it must still see the item.
@@ -80,6 +107,8 @@ CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) 
 
 DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
     auto* collector = static_cast<CGarbageCollector*>(self);
+    // Left after the exit hook, which lets the apartment's objects go.
+    const ComApartment apartment(COINIT_APARTMENTTHREADED);
     // Before the first item, which may check that it runs here.
     collector->m_workerRule.BindToCurrentThread();
     collector->WorkerLoop();
@@ -87,14 +116,13 @@ DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
 }
 
 void CGarbageCollector::WorkerLoop() {
-    HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
+    const HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
     while (m_running.load() != 0) {
-        DWORD wait = ::WaitForMultipleObjects(2, events, FALSE, INFINITE);
-        if (wait == WAIT_OBJECT_0 + 1) {
-            if (std::optional<WorkItem> item = m_queue.TakeFront()) (*item)();
-        } else if (wait == WAIT_FAILED) {
+        const DWORD wait = WaitPumping(events, QueueDueItems());
+        if (wait == WAIT_OBJECT_0 + 1)
+            RunFront();
+        else if (wait == WAIT_FAILED)
             break;
-        }
     }
     if (m_running.load() != 0) {
         m_broken.store(true);
@@ -103,7 +131,49 @@ void CGarbageCollector::WorkerLoop() {
                                         L"GLE = ") +
                            std::to_wstring(::GetLastError()));
     }
+    m_delayed.clear();
     if (m_exitHook) m_exitHook();
+}
+
+DWORD CGarbageCollector::QueueDueItems() {
+    const ULONGLONG now = ::GetTickCount64();
+    try {
+        while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
+            // Copied, not moved: a push that runs out of memory leaves the item where it was.
+            m_queue.Push(m_delayed.begin()->second);
+            m_delayed.erase(m_delayed.begin());
+        }
+    } catch (const std::bad_alloc&) {
+        return kOutOfMemoryPauseMs;  // the rest are queued at the next look
+    }
+    if (m_delayed.empty()) return INFINITE;
+    return static_cast<DWORD>(std::min<ULONGLONG>(m_delayed.begin()->first - now, INFINITE - 1));
+}
+
+void CGarbageCollector::RunFront() {
+    std::optional<WorkItem> item = m_queue.TakeFront();
+    if (!item) return;
+    try {
+        (*item)();
+    } catch (const std::bad_alloc&) {
+        RunAgainLater(*item);
+    }
+}
+
+void CGarbageCollector::RunAgainLater(const WorkItem& item) noexcept {
+    try {
+        NS_Log::Log(1, kTag + std::wstring(L" Out of memory in a work item: it is run again after a pause."));
+    } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the item matters more than its line
+    }
+    // Items own what they work on (a credential on its way back): one dropped here would be lost.
+    const HANDLE stop[] = {m_queue.StopEvent()};
+    while (WaitPumping(stop, kOutOfMemoryPauseMs) == WAIT_TIMEOUT) {
+        try {
+            m_queue.Push(item);
+            return;
+        } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): tried again after the next pause
+        }
+    }
 }
 
 }  // namespace NS_Utils

@@ -3,10 +3,15 @@
 // credentials and frees of finished waits go here, so that they never run on the thread that
 // dropped the last reference, which may hold the monitor lock.
 //
+// The worker is a single-threaded apartment (the agent's objects are made and called there), and
+// every wait of it pumps what COM needs, so that a call it makes out of its apartment can be
+// answered and broadcasts to its apartment's window are not held up. An item that runs out of
+// memory is logged and run again after a pause; the worker goes on.
+//
 // Threads: Queue, Broken and Start from any thread, the worker included (Start and Stop are
 // serialised by the start/stop lock). Stop from the owner's thread; from the worker it only marks
 // the end, since the worker cannot wait for itself. SetWorkerExitHook before the first Start.
-// WaitUnlessStopping and PauseUnlessWork from the worker, inside an item: checked.
+// QueueAfter, WaitUnlessStopping and PauseUnlessWork from the worker, inside an item: checked.
 
 #include "common/ConcurrentQueue.h"
 #include "common/CriticalSection.h"
@@ -15,6 +20,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 
 namespace NS_Utils {
 
@@ -44,6 +50,9 @@ public:
 
     // Any thread, including the worker itself.
     void Queue(WorkItem item);
+    // Worker only, inside an item: `item` is queued once `milliseconds` have passed, without the
+    // worker waiting for it meanwhile. Dropped, as queued items are, when the collector stops.
+    void QueueAfter(DWORD milliseconds, WorkItem item);
     // An item's pause that Stop cuts short, so that a long wait between retries never holds up
     // the end of the service. False when the collector is stopping.
     bool WaitUnlessStopping(DWORD milliseconds) const;
@@ -59,6 +68,10 @@ public:
 private:
     static DWORD WINAPI WorkerEntry(void* self);
     void WorkerLoop();
+    void RunFront();
+    // Queues the delayed items that are due; the milliseconds until the next one (INFINITE: none).
+    DWORD QueueDueItems();
+    void RunAgainLater(const WorkItem& item) noexcept;
 
     CriticalSection m_startStopLock;
     UniqueHandle m_worker;
@@ -66,6 +79,7 @@ private:
     ThreadRule m_workerRule;
     std::atomic<bool> m_broken{false};
     CConcurrentQueue<WorkItem> m_queue;
+    std::multimap<ULONGLONG, WorkItem> m_delayed;  // by the tick count they are due at; worker only
     WorkItem m_exitHook;
 };
 

@@ -1,6 +1,10 @@
 #include "common/Poller.h"
 
 #include "common/FailFast.h"
+#include "common/Log.h"
+
+#include <algorithm>
+#include <new>
 
 namespace NS_THREAD_UTILS {
 
@@ -35,22 +39,57 @@ unsigned CPoller::ThreadMain(void* args) {
     return 0;
 }
 
+namespace {
+constexpr DWORD kOutOfMemoryPauseMs = 1000;
+
+void LogOutOfMemory(const wchar_t* what) noexcept {
+    try {
+        NS_Log::Log(1, std::wstring(L"[NS_THREAD_UTILS::CPoller::Run]\t Out of memory in the ") + what +
+                           L"; the poller goes on.");
+    } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the thread matters more than its line
+    }
+}
+}  // namespace
+
 void CPoller::Run(void* args) {
-    OnStart(args);
-    DWORD count = 0;
-    for (;;) {
-        Poll(++count);
-        if (m_maxPolls != 0 && count >= m_maxPolls) break;
-        std::vector<HANDLE> handles = m_extraHandles;
+    try {
+        OnStart(args);
+    } catch (const std::bad_alloc&) {
+        LogOutOfMemory(L"start");
+    }
+    // Made once: a copy for every wait could run out of memory where nothing can catch it.
+    std::vector<HANDLE> handles;
+    try {
+        handles = m_extraHandles;
         handles.push_back(m_stopEvent.get());
-        DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, m_intervalMs);
+    } catch (const std::bad_alloc&) {
+        LogOutOfMemory(L"wait list; it ends");
+        return EndLoop();
+    }
+    DWORD count = 1;
+    for (;;) {
+        DWORD pauseMs = m_intervalMs;
+        try {
+            Poll(count);
+            ++count;
+        } catch (const std::bad_alloc&) {
+            // The same poll once more, soon: its work (an expiry to act on) is not lost to the interval.
+            LogOutOfMemory(L"poll");
+            pauseMs = std::min(m_intervalMs, kOutOfMemoryPauseMs);
+        }
+        if (m_maxPolls != 0 && count > m_maxPolls) break;
+        DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, pauseMs);
         if (wait != WAIT_TIMEOUT) break;
     }
     EndLoop();
 }
 
 void CPoller::EndLoop() {
-    OnEnd();
+    try {
+        OnEnd();
+    } catch (const std::bad_alloc&) {
+        LogOutOfMemory(L"end");
+    }
     NS_Utils::UniqueHandle aux(m_auxEvent.exchange(nullptr));
     if (aux) ::ResetEvent(aux.get());
 }

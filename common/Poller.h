@@ -1,6 +1,8 @@
 #pragma once
 // Does a piece of work at once and then once per interval on a thread of its own, until its stop
 // event or one of its extra handles is signalled, or it has polled the maximum number of times.
+// A poll that runs out of memory is logged and made again after a short pause (the interval when
+// shorter): the thread goes on.
 
 #include "common/Thread.h"
 #include "common/WinHandles.h"

@@ -1,6 +1,5 @@
 #include "host/Tarrow.h"
 
-#include "checkin/KelUtils.h"
 #include "common/Log.h"
 #include "host/Registration.h"
 #include "host/RetryWhileUnavailable.h"
@@ -145,7 +144,8 @@ HRESULT CTarrow::RegisterSharedId(DWORD processId, BSTR corvinAuthSvcUrl, BSTR c
         CSharedId record(Text(corvinAuthSvcUrl), Text(corvinAuthSrvId), Text(auxText1), Text(authSvcId), Text(sharedId),
                          Text(auxText2), Text(roleId), Text(auxText4), Text(leaseDN), Text(leaseExpiry),
                          flag == VARIANT_TRUE, Text(auxText3), Text(auxText6));
-        record.SetEnterpriseId(CKelUtils::ObtainMirelIdFromBriskScriptSupport());
+        // As the collector's worker last read it: a client's call never waits on the agent.
+        record.SetEnterpriseId(m_monitor->EnterpriseId());
         *result = m_monitor->RegisterSharedCreds(record, &processId);
         if (*result == 0)
             NS_Log::Log(3, L"[Tarrow::RegisterSharedId]\t Shared ID registered successfully.");

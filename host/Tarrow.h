@@ -62,6 +62,10 @@ public:
     // destroys the registry here. Calls that still arrive are refused. False when a thread had
     // to be ended by force: the caller ends the process without taking down anything more.
     [[nodiscard]] bool Shutdown();
+    // Main thread: the session's announced end did not come.
+    void OnSessionGoesOn() {
+        if (m_monitor) m_monitor->OnSessionGoesOn();
+    }
 
 private:
     CTarrow();

@@ -104,8 +104,11 @@ int WINAPI wWinMain(HINSTANCE, HINSTANCE, LPWSTR, int) {
         ReportIfUnpublished(tarrow->RegisterInROTPatiently());
         (void)tarrow->RegisterActive();
         CCloseRequestWindow closeRequests;
-        (void)closeRequests.Create(
-            {[&lifetime] { lifetime.SessionEnding(); }, [&lifetime] { lifetime.SessionGoesOn(); }});
+        (void)closeRequests.Create({[&lifetime] { lifetime.SessionEnding(); },
+                                    [&lifetime, &tarrow] {
+                                        lifetime.SessionGoesOn();
+                                        tarrow->OnSessionGoesOn();
+                                    }});
         RegisterForRestart();
         RunMessageLoop();
         if (!tarrow->Shutdown()) EndAfterForcedStop();

@@ -7,6 +7,8 @@
 #include "monitor/CheckInWatch.h"
 
 #include <algorithm>
+#include <new>
+#include <optional>
 
 namespace {
 constexpr const wchar_t* kFreeTag = L"[SharedIdMonitor::FreeSharedId]\t";
@@ -25,10 +27,15 @@ CCheckInPipeline::CCheckInPipeline(NS_Utils::CGarbageCollector& collector, Persi
 }
 
 template <typename Work>
-void CCheckInPipeline::QueueWork(Work work) {
-    m_collector.Queue([weak = m_registry, work = std::move(work)] {
+NS_Utils::CGarbageCollector::WorkItem CCheckInPipeline::WhileRegistryLives(Work work) const {
+    return [weak = m_registry, work = std::move(work)] {
         if (std::shared_ptr<ICheckInRegistry> registry = weak.lock()) work(*registry);
-    });
+    };
+}
+
+template <typename Work>
+void CCheckInPipeline::QueueWork(Work work) {
+    m_collector.Queue(WhileRegistryLives(std::move(work)));
 }
 
 void CCheckInPipeline::ExpectAgentCallable(const wchar_t* call) const {
@@ -58,24 +65,73 @@ void CCheckInPipeline::QueueRun() {
 
 void CCheckInPipeline::ResumeCheckIns() {
     m_held.store(false);
+    SendEveryRowNow();
+}
+
+void CCheckInPipeline::SendEveryRowNow() {
+    m_sessionEnding.store(true);
+    m_queue.MakeAllDue();
     QueueRun();
 }
 
 void CCheckInPipeline::RunCheckIns() {
     m_collector.WorkerRule().Check(L"[CCheckInPipeline::RunCheckIns]\t called off the collector's worker");
     if (m_held.load()) return;  // the resume queues a run of its own
-    std::vector<PendingCheckIn> taken = m_queue.Take(kMaxRowsPerCall);
-    if (taken.empty()) return;
-    if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
-        for (PendingCheckIn& pending : taken)
-            if (std::exchange(pending.released, false)) registry->OnCheckInTaken(pending.credential);
-    FreeSharedIds(std::move(taken));
-    // Rows of another server, or rows that waited while check-ins were held, may have no item
-    // of their own left.
-    if (m_queue.Size() > 0) QueueRun();
+    std::vector<PendingCheckIn> taken = m_queue.Take(kMaxRowsPerCall, ::GetTickCount64());
+    if (taken.empty()) return WakeWhenDue();
+    try {
+        if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
+            for (PendingCheckIn& pending : taken)
+                if (std::exchange(pending.released, false)) registry->OnCheckInTaken(pending.credential);
+        FreeSharedIds(taken);
+    } catch (const std::bad_alloc&) {
+        // The rows not yet dealt with wait a pause, so that memory can come back, and go again.
+        const ULONGLONG retryAt = ::GetTickCount64() + kSessionEndPauseMs;
+        for (PendingCheckIn& pending : taken) pending.dueAt = retryAt;
+        std::erase_if(taken, [](const PendingCheckIn& pending) { return !pending.credential; });
+        m_queue.PutBack(taken);
+        NS_Log::Log(1, kFreeTag + std::wstring(L" Out of memory while checking in: the rows are tried again."));
+    }
+    // Rows of another server, rows that waited while check-ins were held, and rows in their
+    // pause may have no item of their own left.
+    WakeWhenDue();
 }
 
-void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
+void CCheckInPipeline::WakeWhenDue() {
+    const std::optional<ULONGLONG> next = m_queue.NextDue();
+    if (!next) return;
+    const ULONGLONG now = ::GetTickCount64();
+    if (*next <= now) return QueueRun();
+    if (m_wakeAt != 0 && m_wakeAt <= *next) return;  // an earlier wake looks again anyway
+    m_wakeAt = *next;
+    m_collector.QueueAfter(static_cast<DWORD>(std::min<ULONGLONG>(*next - now, INFINITE - 1)),
+                           WhileRegistryLives([this, at = *next](ICheckInRegistry&) {
+                               if (m_wakeAt == at) m_wakeAt = 0;
+                               RunCheckIns();
+                           }));
+}
+
+DWORD CCheckInPipeline::RetryPauseMs() const {
+    return m_sessionEnding.load() ? kSessionEndPauseMs : KelSettingsImpl::GetFreeSharedIdWaitTime();
+}
+
+void CCheckInPipeline::CountAttempt(PendingCheckIn& pending, const NS_CheckIn::RowOutcome& outcome) {
+    ++pending.attempts;
+    if (pending.attempts < kReportAfterAttempts || pending.reportedAsStuck) return;
+    pending.reportedAsStuck = true;
+    // Once a row: a busy or broken agent would otherwise fill the event log. The row goes on
+    // being tried, and a later answer ends it as usual.
+    const std::wstring last = outcome.reply == NS_CheckIn::Reply::kAnswered
+                                  ? L"result " + std::to_wstring(outcome.result)
+                                  : L"no answer, 0x" + NS_Log::Hex(static_cast<unsigned long>(outcome.call));
+    const CSharedId& credential = *pending.credential;
+    NS_Log::Log(2, kFreeTag + std::wstring(L" Still not checked in after ") + std::to_wstring(pending.attempts) +
+                       L" attempts (" + last + L"): " + credential.GetLeaseDN());
+    NS_EventLog::Report(NS_EventLog::Event::CheckInStillRetrying,
+                        {credential.GetLeaseDN(), credential.GetSharedId(), std::to_wstring(pending.attempts), last});
+}
+
+void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn>& batch) {
     m_collector.WorkerRule().Check(L"[CCheckInPipeline::FreeSharedIds]\t called off the collector's worker");
     for (size_t i = 0; i < batch.size(); ++i)
         NS_Log::Log(3, kFreeTag + std::wstring(L"Start to free shared credentials."));
@@ -89,19 +145,21 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
     const __time64_t started = ::_time64(nullptr);
     for (const PendingCheckIn& pending : batch) m_board.CheckingIn(*pending.credential, started);
     const std::vector<NS_CheckIn::RowOutcome> outcomes = CheckIn(batch);
-    const DWORD pauseMs = KelSettingsImpl::GetFreeSharedIdWaitTime();
-    bool pause = std::none_of(outcomes.begin(), outcomes.end(), [](const NS_CheckIn::RowOutcome& outcome) {
-        return outcome.reply != NS_CheckIn::Reply::kNotSent;  // nothing went out: no hurry to try again
+    PublishEnterpriseId();
+    const DWORD pauseMs = RetryPauseMs();
+    const ULONGLONG retryAt = ::GetTickCount64() + pauseMs;
+    // Nothing went out (no account to send with, no memory): no hurry to try again.
+    const bool nothingWent = std::none_of(outcomes.begin(), outcomes.end(), [](const NS_CheckIn::RowOutcome& outcome) {
+        return outcome.reply != NS_CheckIn::Reply::kNotSent;
     });
-    std::vector<PendingCheckIn> unsent;
     for (size_t i = 0; i < batch.size(); ++i) {
         const NS_CheckIn::RowOutcome& outcome = outcomes[i];
         std::shared_ptr<CSharedId>& credential = batch[i].credential;
         switch (NS_CheckIn::Decide(outcome)) {
         case NS_CheckIn::Action::kSendAgain:
             m_board.NotSent(*credential);
-            unsent.push_back(std::move(batch[i]));
-            break;
+            if (nothingWent) batch[i].dueAt = retryAt;
+            break;  // stays in the batch, which goes back to the front of the queue
         case NS_CheckIn::Action::kRetryLater:
             if (outcome.reply == NS_CheckIn::Reply::kAnswered)
                 NS_Log::Log(2, kFreeTag +
@@ -111,8 +169,9 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
             else
                 NS_Log::Log(2, kFreeTag + std::wstring(L" The agent did not answer the check-in. Will retry checkin."));
             m_board.Attempted(*credential, outcome, SecondsFromNow(pauseMs));
-            Enqueue(std::move(batch[i]));
-            pause = true;
+            CountAttempt(batch[i], outcome);
+            batch[i].dueAt = retryAt;
+            m_queue.Push(std::move(batch[i]));
             break;
         case NS_CheckIn::Action::kGiveUp:
             NS_Log::Log(2, kFreeTag +
@@ -128,12 +187,8 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn> batch) {
             break;
         }
     }
-    if (!unsent.empty()) {
-        m_queue.PutBack(std::move(unsent));
-        QueueRun();
-    }
-    // One pause for the call, however many of its rows wait for another attempt.
-    if (pause) (void)m_collector.WaitUnlessStopping(pauseMs);  // a stop ends it: nothing more is sent
+    std::erase_if(batch, [](const PendingCheckIn& pending) { return !pending.credential; });
+    m_queue.PutBack(batch);
 }
 
 std::vector<NS_CheckIn::RowOutcome> CCheckInPipeline::CheckIn(const std::vector<PendingCheckIn>& batch) {
@@ -229,5 +284,12 @@ void CCheckInPipeline::RefreshAccountLater() {
         m_accountRefreshQueued.store(false);
         (void)ReachAgent();
         (void)m_releaser.UpdateCorvinCred();  // the cache stays as it was
+        // Registrations take the agent's user from here, so that they never call the agent.
+        (void)m_releaser.RefreshEnterpriseId();
+        PublishEnterpriseId();
     });
+}
+
+void CCheckInPipeline::PublishEnterpriseId() {
+    if (!m_releaser.EnterpriseId().empty()) m_enterpriseId.Set(m_releaser.EnterpriseId());
 }

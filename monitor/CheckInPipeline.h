@@ -7,14 +7,20 @@
 // When the agent cannot be reached at all, credentials are let go here with their files kept,
 // and the agent is asked for again until it answers; then the registry takes the files up.
 //
+// The retry pause is a row's own: it waits in the queue until it is due, and the worker goes on
+// meanwhile, so rows let go during the pause go out at once. When the session ends every waiting
+// row is due at once, and later pauses are short, so that the logoff's wait sees them answered.
+//
 // Threads: Release and CheckInFromFile on whichever thread lets a credential go or takes a file
 // up (the COM thread and thread-pool wait callbacks, often under the registry lock; the owner's
-// thread at start; the worker when the agent is back); RefreshAccountLater on any thread; Board
-// and AgentState on the COM thread for the status. Everything else runs on the collector's worker
-// and checks it; the agent is never called under the registry's lock (checked through it). The
-// queue's and the board's locks are leaves, so the first two may be called under the registry's.
+// thread at start; the worker when the agent is back); RefreshAccountLater, HoldCheckIns,
+// ResumeCheckIns, SendEveryRowNow and SessionGoesOn on any thread; Board, AgentState and
+// EnterpriseId on the COM thread. Everything else runs on the collector's worker and checks it;
+// the agent is never called under the registry's lock (checked through it). The queue's, the
+// board's and the identity's locks are leaves, so the first two may be called under the registry's.
 
 #include "checkin/CheckInDecision.h"
+#include "checkin/EnterpriseIdentity.h"
 #include "checkin/SharedIdReleaser.h"
 #include "common/GarbageCollector.h"
 #include "monitor/CheckInBoard.h"
@@ -45,6 +51,10 @@ public:
     // Up to this many credentials go to the agent in one call.
     static constexpr size_t kMaxRowsPerCall = 64;
     static constexpr DWORD kAgentProbeFloorMs = 1000;
+    // The retry pause while the session ends: the logoff waits two minutes at most.
+    static constexpr DWORD kSessionEndPauseMs = 1000;
+    // A row still not answered after this many calls is reported to the event log, once.
+    static constexpr unsigned kReportAfterAttempts = 10;
 
     // `collector` and `storage` outlive the pipeline; its work runs on the collector's worker.
     CCheckInPipeline(NS_Utils::CGarbageCollector& collector, PersistantStorage& storage);
@@ -56,19 +66,32 @@ public:
     void Bind(std::weak_ptr<ICheckInRegistry> registry, const NS_Utils::CriticalSection& registryLock) {
         m_registry = std::move(registry);
         m_registryLock = &registryLock;
+        // The agent's user is known before the first registration asks for it, where the worker runs.
+        RefreshAccountLater();
     }
 
     // Let go by its holders: checked in once the worker gets to it.
     void Release(std::shared_ptr<CSharedId> credential);
     // Read from a file that nobody holds: checked in, its file deleted once the agent answers.
     void CheckInFromFile(std::shared_ptr<CSharedId> credential);
-    // The identity-server account is read on the worker (one refresh waiting is enough).
+    // The identity-server account and the agent's user are read on the worker (one refresh
+    // waiting is enough).
     void RefreshAccountLater();
     // Any thread: while held, waiting rows are not sent, so that rows let go together (the end of
     // the session ends every holder at once) gather into one call per server instead of the first
-    // going alone. Resuming sends what waits.
+    // going alone. Resuming sends what waits, rows in their retry pause included: only the end of
+    // the session holds check-ins.
     void HoldCheckIns() { m_held.store(true); }
     void ResumeCheckIns();
+    // The session ends: every waiting row goes out now, pauses or not, and a row answered with
+    // "later" is tried again after kSessionEndPauseMs from here on.
+    void SendEveryRowNow();
+    // The end of the session was cancelled (the user went back to the desktop): pauses are the
+    // setting's again.
+    void SessionGoesOn() { m_sessionEnding.store(false); }
+    // The user logged on to the agent as the worker last saw it, for registrations; empty until
+    // the worker has seen one.
+    std::wstring EnterpriseId() const { return m_enterpriseId.Get(); }
 
     std::vector<CredentialStatus> Board() const { return m_board.Copy(); }
     ServiceStatus::Agent AgentState() const { return m_board.AgentState(); }
@@ -76,11 +99,18 @@ public:
 private:
     void Enqueue(PendingCheckIn pending);
     void QueueRun();
-    // Worker: one call's worth from the queue; nothing when an earlier item took them already.
+    // Worker: one call's worth of due rows from the queue; nothing when an earlier item took them
+    // already. Rows still to come are run at once or when the first is due.
     void RunCheckIns();
-    // Worker: one attempt for the batch, then what the table says for each row, and one pause
-    // for the call when a row waits for another attempt.
-    void FreeSharedIds(std::vector<PendingCheckIn> batch);
+    // Worker: one attempt for the batch, then what the table says for each row: rows that wait
+    // for another attempt go back to the queue with their pause. A row is moved out of `batch`
+    // once it is dealt with; what is left there was not sent.
+    void FreeSharedIds(std::vector<PendingCheckIn>& batch);
+    void WakeWhenDue();
+    DWORD RetryPauseMs() const;
+    // Counts an attempt that got no final answer; the event log hears of a row stuck for long.
+    static void CountAttempt(PendingCheckIn& pending, const NS_CheckIn::RowOutcome& outcome);
+    void PublishEnterpriseId();
     // Worker: the outcome of each row; rows no call carried stay unsent, whatever went wrong.
     std::vector<NS_CheckIn::RowOutcome> CheckIn(const std::vector<PendingCheckIn>& batch);
     // Worker: true when a check-in can be tried. The first success after files were kept has
@@ -100,6 +130,8 @@ private:
     // Queues `work` for the worker, run only while the registry lives.
     template <typename Work>
     void QueueWork(Work work);
+    template <typename Work>
+    NS_Utils::CGarbageCollector::WorkItem WhileRegistryLives(Work work) const;
 
     NS_Utils::CGarbageCollector& m_collector;
     PersistantStorage& m_storage;
@@ -114,4 +146,7 @@ private:
     std::atomic<unsigned> m_keptCount{0};  // since the agent was last reached
     std::atomic<bool> m_agentProbeQueued{false};
     std::atomic<bool> m_held{false};
+    std::atomic<bool> m_sessionEnding{false};
+    ULONGLONG m_wakeAt = 0;  // worker only: the earliest wake queued for a row in its pause; 0: none
+    CEnterpriseIdentity m_enterpriseId;
 };

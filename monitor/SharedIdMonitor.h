@@ -118,6 +118,11 @@ public:
     // What is held and what waits for check-in. The registry's part is copied under the monitor
     // lock; the window's rows and the holders' executable names are added after it is left.
     StatusSnapshot TakeStatusSnapshot();
+    // The user logged on to the agent, as the check-in worker last read it; any thread.
+    std::wstring EnterpriseId() const { return m_pipeline.EnterpriseId(); }
+    // The end of the session was announced and did not come (a cancelled logoff): retries go back
+    // to the usual pause. Any thread.
+    void OnSessionGoesOn() { m_pipeline.SessionGoesOn(); }
 
     // For the rules of callers that must never call in under it.
     const NS_Utils::CriticalSection& RegistryLock() const noexcept { return m_lock; }

@@ -134,7 +134,7 @@ public:
         if (id != kEnterpriseIdDispId || !(flags & DISPATCH_PROPERTYGET)) return DISP_E_MEMBERNOTFOUND;
         if (ScriptDword(L"EnterpriseIdFails", 0) == 1) return E_FAIL;
         std::wstring value;
-        if (g_enterpriseIdReads++ >= ScriptDword(L"EnterpriseIdEmptyReads", 0))
+        if (g_enterpriseIdReads++ >= ScriptDword(L"EnterpriseIdEmptyReads", 0) && !LoggedOff())
             value = ScriptString(L"EnterpriseId", L"user@example.test");
         Journal(L"EnterpriseId value=" + value);
         return ReturnText(result, value);

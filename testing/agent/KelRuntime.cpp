@@ -36,7 +36,7 @@ public:
             text = ScriptString(L"WalletPassword", L"corvin-pass");
         else if (name != L"aditi_ciuser")
             return E_INVALIDARG;
-        else if (g_userNameReads++ < ScriptDword(L"WalletEmptyAfter", MAXDWORD))
+        else if (g_userNameReads++ < ScriptDword(L"WalletEmptyAfter", MAXDWORD) && !LoggedOff())
             text = ScriptString(L"WalletUser", L"corvin-user");
         *value = UniqueBstr(text).release();
         return S_OK;

@@ -20,6 +20,9 @@ std::wstring ScriptString(const wchar_t* name, const std::wstring& fallback);
 std::vector<std::wstring> ScriptStrings(const wchar_t* name);
 // Appends one line under a named mutex: several processes may write at once.
 void Journal(const std::wstring& line);
+// "LoggedOff" set to 1: nobody is logged on to the agent, so its script support names no user and
+// the wallet holds no account; set back to 0, the user has logged on.
+inline bool LoggedOff() { return ScriptDword(L"LoggedOff", 0) == 1; }
 
 // Objects alive in this module, for DllCanUnloadNow.
 inline std::atomic<long> g_liveObjects{0};

@@ -126,15 +126,46 @@ TEST_F(CheckInTest, EmptyWalletKeepsTheLastGoodAccount) {
 
 TEST_F(CheckInTest, LoginWaitEndsWhenEnterpriseIdAppearsOrCannotBeRead) {
     ASSERT_TRUE(m_releaser.Init());
-    // The stand-in counts reads over the whole process; each read is journaled.
-    const DWORD earlier = static_cast<DWORD>(standin::JournalLines("EnterpriseId").size());
-    standin::SetScript(L"EnterpriseIdEmptyReads", earlier + 2);
+    standin::SetScript(L"LoggedOff", 1);
+    int pauses = 0;
+    m_releaser.SetPause([&](DWORD) {
+        if (++pauses == 2) standin::SetScript(L"LoggedOff", 0);  // the user logs on
+        return true;
+    });
+    m_journalStart = standin::JournalLines().size();
     EXPECT_TRUE(m_releaser.WaitForBriskLoginBlocking());
     EXPECT_EQ(NewLines("EnterpriseId"), (std::vector<std::string>{"EnterpriseId value=", "EnterpriseId value=",
                                                                   "EnterpriseId value=user@example.test"}));
+    EXPECT_EQ(m_releaser.EnterpriseId(), L"user@example.test") << "kept for the registrations";
 
     standin::SetScript(L"EnterpriseIdFails", 1);
     EXPECT_FALSE(m_releaser.WaitForBriskLoginBlocking());
+}
+
+// Only an answer is final: a call that failed without a result leaves every row of a batch
+// unanswered, to be sent again, and does not make the batch go one row per call; a call that
+// succeeded without a result for its row is final.
+TEST_F(CheckInTest, AFailedCallIsNoAnswerForEveryRowAndASucceededEmptyOneIsFinal) {
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0x8001010A"));  // every call: "retry later"
+    ASSERT_TRUE(m_releaser.Init());
+    m_journalStart = standin::JournalLines().size();
+    const CSharedId first = Record(L"cn=a", true), second = Record(L"cn=b", true);
+    const CSharedId* const rows[] = {&first, &second};
+    NS_CheckIn::RowOutcome outcomes[2];
+    HRESULT hr = S_OK;
+    m_releaser.ReleaseCreds(rows, outcomes, &hr);
+    for (const NS_CheckIn::RowOutcome& outcome : outcomes) {
+        EXPECT_EQ(outcome.reply, NS_CheckIn::Reply::kNoAnswer);
+        EXPECT_EQ(outcome.call, RPC_E_SERVERCALL_RETRYLATER);
+        EXPECT_EQ(NS_CheckIn::Decide(outcome), NS_CheckIn::Action::kRetryLater);
+    }
+    EXPECT_EQ(NewLines("CheckIn ").size(), 1u);
+    EXPECT_FALSE(m_releaser.WantsSingleRows());
+    EXPECT_TRUE(m_releaser.IsReady()) << "not a server gone: the objects stay";
+
+    standin::SetScript(L"CheckInHResults", std::wstring(L"0"));
+    standin::SetScript(L"CheckInOutputCount", 0);
+    EXPECT_EQ(CheckIn(first), NS_CheckIn::kNoSingleAnswer);
 }
 
 TEST_F(CheckInTest, AuthServiceFromPolicyUnlessLocalSettingsAreExactlyOne) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <vector>
 
 namespace {
@@ -43,6 +44,23 @@ TEST(PollerTest, SettingMadeWhileItRunsEndsTheProcess) {
         ASSERT_TRUE(poller.Start(nullptr));
         poller.SetInterval(10);
     });
+}
+
+// A poll that runs out of memory (an expiry it was acting on) is made again soon, with the same
+// number, instead of ending the thread or waiting out the interval.
+TEST(PollerTest, APollOutOfMemoryIsMadeAgainAndThePollerGoesOn) {
+    class FailingOnce : public RecordingPoller {
+    protected:
+        void Poll(DWORD count) override {
+            RecordingPoller::Poll(count);
+            if (polls.size() == 1) throw std::bad_alloc();
+            Stop();
+        }
+    } poller;
+    poller.SetInterval(INFINITE);
+    ASSERT_TRUE(poller.Start(nullptr));
+    ASSERT_EQ(poller.Join(30000), WAIT_OBJECT_0);
+    EXPECT_EQ(poller.polls, (std::vector<DWORD>{1, 1}));
 }
 
 }  // namespace
