@@ -19,6 +19,14 @@ static_assert(static_cast<DWORD>(Event::HoldersEndedAtExpiry) == TARROW_EVENT_HO
 static_assert(static_cast<DWORD>(Event::LogoffLeftCredentials) == TARROW_EVENT_LOGOFF_LEFT_CREDENTIALS);
 static_assert(static_cast<DWORD>(Event::AgentUnreachable) == TARROW_EVENT_AGENT_UNREACHABLE);
 static_assert(static_cast<DWORD>(Event::AgentReachedAgain) == TARROW_EVENT_AGENT_REACHED_AGAIN);
+static_assert(static_cast<DWORD>(Event::AuditRegistered) == TARROW_AUDIT_REGISTERED);
+static_assert(static_cast<DWORD>(Event::AuditTakenOver) == TARROW_AUDIT_TAKEN_OVER);
+static_assert(static_cast<DWORD>(Event::AuditReleased) == TARROW_AUDIT_RELEASED);
+static_assert(static_cast<DWORD>(Event::AuditHolderExited) == TARROW_AUDIT_HOLDER_EXITED);
+static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtExpiry) == TARROW_AUDIT_HOLDER_ENDED_AT_EXPIRY);
+static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtLogoff) == TARROW_AUDIT_HOLDER_ENDED_AT_LOGOFF);
+static_assert(static_cast<DWORD>(Event::AuditCheckedIn) == TARROW_AUDIT_CHECKED_IN);
+static_assert(static_cast<DWORD>(Event::AuditHeldAgain) == TARROW_AUDIT_HELD_AGAIN);
 
 namespace {
 WORD TypeOf(Event event) {
@@ -31,12 +39,21 @@ WORD TypeOf(Event event) {
     case Event::LogoffLeftCredentials: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
     case Event::Stopped:
-    case Event::AgentReachedAgain: break;
+    case Event::AgentReachedAgain:
+    case Event::AuditRegistered:
+    case Event::AuditTakenOver:
+    case Event::AuditReleased:
+    case Event::AuditHolderExited:
+    case Event::AuditHolderEndedAtExpiry:
+    case Event::AuditHolderEndedAtLogoff:
+    case Event::AuditCheckedIn:
+    case Event::AuditHeldAgain: break;
     }
     return EVENTLOG_INFORMATION_TYPE;
 }
 
-void Write(Event event, std::initializer_list<std::wstring> strings) {
+template <typename Texts>
+void WriteTexts(Event event, const Texts& strings) {
     // Opened per entry: entries are rare, and a source kept open would outlive the event log
     // service's restarts.
     const UniqueEventSource source(::RegisterEventSourceW(nullptr, kSourceName));
@@ -46,6 +63,8 @@ void Write(Event event, std::initializer_list<std::wstring> strings) {
     ::ReportEventW(source.get(), TypeOf(event), 0, static_cast<DWORD>(event), nullptr, static_cast<WORD>(texts.size()),
                    0, texts.empty() ? nullptr : texts.data(), nullptr);
 }
+
+void Write(Event event, std::initializer_list<std::wstring> strings) { WriteTexts(event, strings); }
 
 std::wstring ProcessIdText() { return std::to_wstring(::GetCurrentProcessId()); }
 
@@ -91,6 +110,8 @@ void Report(Event event, std::initializer_list<std::wstring> strings) {
 }
 
 void ReportFailure(const std::wstring& text) { Write(Event::Failure, {text}); }
+
+void ReportAudit(Event event, const std::vector<std::wstring>& strings) { WriteTexts(event, strings); }
 
 CServiceLifetimeEvents::CServiceLifetimeEvents(const wchar_t* version, const std::wstring& instance)
     : m_enabled(NS_Log::ReadLogSettings().eventLog) {

@@ -12,6 +12,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace NS_EventLog {
 
@@ -33,6 +34,16 @@ enum class Event : DWORD {
     LogoffLeftCredentials = 103,  // warning: count of credentials still on disk
     AgentUnreachable = 104,       // error: count of credential files kept
     AgentReachedAgain = 105,      // information: count of credential files taken up again
+    // The audit trail (monitor/AuditTrail.h), information, also switched by "AuditTrailEnabled".
+    // Each begins with the credential's account, role, identity server, its address and lease DN.
+    AuditRegistered = 200,           // + expiry, holder's process id, program, user
+    AuditTakenOver = 201,            // + the new holder's process id, program, user; count of holders
+    AuditReleased = 202,             // + holder's process id, program, user; count of holders left
+    AuditHolderExited = 203,         // as 202
+    AuditHolderEndedAtExpiry = 204,  // as 202
+    AuditHolderEndedAtLogoff = 205,  // as 202
+    AuditCheckedIn = 206,            // + the agent's result, seconds held, attempts
+    AuditHeldAgain = 207,            // + expiry; the holders as "program (pid)", comma-separated
 };
 
 struct EventSourceTraits {
@@ -49,6 +60,8 @@ void Report(Event event, std::initializer_list<std::wstring> strings);
 
 // A level-1 log line; the caller has checked that the writer is switched on.
 void ReportFailure(const std::wstring& text);
+// An entry of the audit trail; the caller has checked that both switches are on.
+void ReportAudit(Event event, const std::vector<std::wstring>& strings);
 
 // Reports the start of the service when made and its stop when destroyed, when the writer is on.
 // While it lives a marker file of this instance (`instance` names it: one per session and

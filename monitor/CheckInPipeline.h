@@ -17,6 +17,7 @@
 #include "checkin/CheckInDecision.h"
 #include "checkin/SharedIdReleaser.h"
 #include "common/GarbageCollector.h"
+#include "monitor/AuditTrail.h"
 #include "monitor/CheckInBoard.h"
 #include "monitor/CheckInQueue.h"
 #include "sharedid/PersistantStorage.h"
@@ -57,6 +58,7 @@ public:
         m_registry = std::move(registry);
         m_registryLock = &registryLock;
     }
+    void SetAuditTrail(CAuditTrail& audit) { m_audit = &audit; }  // before any work is queued
 
     // Let go by its holders: checked in once the worker gets to it.
     void Release(std::shared_ptr<CSharedId> credential);
@@ -105,6 +107,7 @@ private:
     PersistantStorage& m_storage;
     std::weak_ptr<ICheckInRegistry> m_registry;
     const NS_Utils::CriticalSection* m_registryLock = nullptr;
+    CAuditTrail* m_audit = nullptr;
     SharedIdReleaser m_releaser;
     CCheckInBoard m_board;
     CCheckInQueue m_queue;
