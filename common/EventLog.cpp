@@ -59,6 +59,7 @@ void WriteTexts(Event event, const Texts& strings) {
     const UniqueEventSource source(::RegisterEventSourceW(nullptr, kSourceName));
     if (!source) return;
     std::vector<const wchar_t*> texts;
+    texts.reserve(strings.size());
     for (const std::wstring& text : strings) texts.push_back(text.c_str());
     ::ReportEventW(source.get(), TypeOf(event), 0, static_cast<DWORD>(event), nullptr, static_cast<WORD>(texts.size()),
                    0, texts.empty() ? nullptr : texts.data(), nullptr);

@@ -46,6 +46,15 @@ std::vector<BYTE> UserOf(HANDLE process) {
 CAuditTrail::CAuditTrail(const NS_Utils::CriticalSection& registryLock, std::wstring folder)
     : m_registryLock(registryLock), m_folder(std::move(folder)) {}
 
+void CAuditTrail::ReadSwitches() {
+    constexpr ULONGLONG kReadEveryMs = 1000;
+    const ULONGLONG now = ::GetTickCount64();
+    if (m_switchesReadAt.load() != 0 && now - m_switchesReadAt.load() < kReadEveryMs) return;
+    const NS_Log::LogSettings settings = NS_Log::ReadLogSettings();
+    m_on.store(settings.eventLog && settings.auditTrail);
+    m_switchesReadAt.store(now);
+}
+
 const CAuditTrail::Holder& CAuditTrail::KnowHolder(DWORD pid, bool askAgain) {
     auto known = m_holders.find(pid);
     if (known != m_holders.end() && !askAgain) return known->second;
@@ -77,8 +86,10 @@ void CAuditTrail::NoteDone() {
 CAuditTrail::Held& CAuditTrail::HeldEntry(const CSharedId& credential) {
     auto found = m_held.find(credential.GetFileName());
     if (found != m_held.end()) return found->second;
-    return m_held.emplace(credential.GetFileName(), Held{WrittenAt(m_folder + credential.GetFileName()), 0})
-        .first->second;
+    // A record whose file could not be written counts from its first attempt.
+    const std::wstring& name = credential.GetFileName();
+    const ULONGLONG since = name.empty() ? Now() : WrittenAt(m_folder + NS_Utils::FileNameOf(name));
+    return m_held.emplace(name, Held{since, 0}).first->second;
 }
 
 void CAuditTrail::Registered(const CSharedId& credential, DWORD pid) {
@@ -152,13 +163,14 @@ void CAuditTrail::CheckInAnswered(const CSharedId& credential, const NS_CheckIn:
         Held& held = HeldEntry(credential);
         ++held.attempts;
         if (action == NS_CheckIn::Action::kRetryLater) return;
+        const Held ended = held;
+        m_held.erase(credential.GetFileName());
         const ULONGLONG now = Now();
-        const ULONGLONG seconds = now > held.since ? (now - held.since) / 10000000 : 0;
+        const ULONGLONG seconds = now > ended.since ? (now - ended.since) / 10000000 : 0;
         Entry entry{Event::AuditCheckedIn, Subject(credential), {}, 0};
         entry.texts.push_back(std::to_wstring(outcome.result));
         entry.texts.push_back(std::to_wstring(seconds));
-        entry.texts.push_back(std::to_wstring(held.attempts));
-        m_held.erase(credential.GetFileName());
+        entry.texts.push_back(std::to_wstring(ended.attempts));
         m_noted.push_back(std::move(entry));
     }
     NoteDone();
@@ -171,6 +183,7 @@ std::vector<CAuditTrail::Entry> CAuditTrail::TakeNoted() {
 
 void CAuditTrail::Report() {
     m_registryLock.CheckNotHeld(L"[CAuditTrail::Report]\t the event log written under the monitor lock");
+    ReadSwitches();
     for (;;) {
         std::unique_lock<std::mutex> sending(m_sending, std::try_to_lock);
         if (!sending.owns_lock()) return;  // the thread sending takes these too, after its own
@@ -183,9 +196,7 @@ void CAuditTrail::Report() {
 }
 
 void CAuditTrail::Send(std::vector<Entry>& entries) {
-    // Read once a batch: a switch turned off drops what was noted meanwhile.
-    const NS_Log::LogSettings settings = NS_Log::ReadLogSettings();
-    if (!settings.eventLog || !settings.auditTrail) return;
+    if (!m_on.load()) return;  // switched off meanwhile: what was noted is dropped
     for (Entry& entry : entries) {
         if (!entry.user.empty()) entry.texts[entry.userAt] = UserName(entry.user);
         NS_EventLog::ReportAudit(entry.event, entry.texts);

@@ -21,6 +21,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -80,6 +81,10 @@ private:
     void Send(std::vector<Entry>& entries);
     std::wstring UserName(const std::vector<BYTE>& sid);
 
+    // Reads the two switches again when a second has passed since they were last read: the
+    // registry is never read under the registry lock, nor for every fact.
+    void ReadSwitches();
+
     const NS_Utils::CriticalSection& m_registryLock;
     const std::wstring m_folder;
     NS_Utils::CriticalSection m_lock;
@@ -87,6 +92,10 @@ private:
     std::map<DWORD, Holder> m_holders;
     std::map<DWORD, EndReason> m_ending;
     std::map<std::wstring, Held> m_held;  // by the credential file's name
+    // Facts are noted whether the trail is on or not (the registry is not read under the registry
+    // lock, and the first fact after a switch is turned on must not be lost); sending decides.
+    std::atomic<bool> m_on{false};
+    std::atomic<ULONGLONG> m_switchesReadAt{0};
     // The one thread that sends; the user names it has looked up.
     std::mutex m_sending;
     std::map<std::vector<BYTE>, std::wstring> m_userNames;
