@@ -185,10 +185,12 @@ void CAuditTrail::Report() {
     m_registryLock.CheckNotHeld(L"[CAuditTrail::Report]\t the event log written under the monitor lock");
     ReadSwitches();
     for (;;) {
-        std::unique_lock<std::mutex> sending(m_sending, std::try_to_lock);
-        if (!sending.owns_lock()) return;  // the thread sending takes these too, after its own
-        for (std::vector<Entry> entries = TakeNoted(); !entries.empty(); entries = TakeNoted()) Send(entries);
-        sending.unlock();
+        if (m_sending.exchange(true)) return;  // the thread sending takes these too, after its own
+        {
+            // Also when a batch could not be allocated: the next fact is sent again.
+            const NS_Utils::ScopeExit done([this] { m_sending.store(false); });
+            for (std::vector<Entry> entries = TakeNoted(); !entries.empty(); entries = TakeNoted()) Send(entries);
+        }
         // Noted while this thread was finishing: the thread that noted them left them to this one.
         NS_Utils::CritSecGuard lock(m_lock);
         if (m_noted.empty()) return;

@@ -24,7 +24,6 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -96,7 +95,7 @@ private:
     // lock, and the first fact after a switch is turned on must not be lost); sending decides.
     std::atomic<bool> m_on{false};
     std::atomic<ULONGLONG> m_switchesReadAt{0};
-    // The one thread that sends; the user names it has looked up.
-    std::mutex m_sending;
+    // Set by the one thread that sends; the user names are that thread's while it is set.
+    std::atomic<bool> m_sending{false};
     std::map<std::vector<BYTE>, std::wstring> m_userNames;
 };
