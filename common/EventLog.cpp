@@ -22,6 +22,14 @@ static_assert(static_cast<DWORD>(Event::AgentUnreachable) == TARROW_EVENT_AGENT_
 static_assert(static_cast<DWORD>(Event::AgentReachedAgain) == TARROW_EVENT_AGENT_REACHED_AGAIN);
 static_assert(static_cast<DWORD>(Event::CheckInStillRetrying) == TARROW_EVENT_CHECKIN_STILL_RETRYING);
 static_assert(static_cast<DWORD>(Event::FailuresLeftOut) == TARROW_EVENT_FAILURES_LEFT_OUT);
+static_assert(static_cast<DWORD>(Event::AuditRegistered) == TARROW_AUDIT_REGISTERED);
+static_assert(static_cast<DWORD>(Event::AuditTakenOver) == TARROW_AUDIT_TAKEN_OVER);
+static_assert(static_cast<DWORD>(Event::AuditReleased) == TARROW_AUDIT_RELEASED);
+static_assert(static_cast<DWORD>(Event::AuditHolderExited) == TARROW_AUDIT_HOLDER_EXITED);
+static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtExpiry) == TARROW_AUDIT_HOLDER_ENDED_AT_EXPIRY);
+static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtLogoff) == TARROW_AUDIT_HOLDER_ENDED_AT_LOGOFF);
+static_assert(static_cast<DWORD>(Event::AuditCheckedIn) == TARROW_AUDIT_CHECKED_IN);
+static_assert(static_cast<DWORD>(Event::AuditHeldAgain) == TARROW_AUDIT_HELD_AGAIN);
 
 namespace {
 WORD TypeOf(Event event) {
@@ -36,21 +44,33 @@ WORD TypeOf(Event event) {
     case Event::CheckInStillRetrying: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
     case Event::Stopped:
-    case Event::AgentReachedAgain: break;
+    case Event::AgentReachedAgain:
+    case Event::AuditRegistered:
+    case Event::AuditTakenOver:
+    case Event::AuditReleased:
+    case Event::AuditHolderExited:
+    case Event::AuditHolderEndedAtExpiry:
+    case Event::AuditHolderEndedAtLogoff:
+    case Event::AuditCheckedIn:
+    case Event::AuditHeldAgain: break;
     }
     return EVENTLOG_INFORMATION_TYPE;
 }
 
-void Write(Event event, std::initializer_list<std::wstring> strings) {
+template <typename Texts>
+void WriteTexts(Event event, const Texts& strings) {
     // Opened per entry: entries are rare, and a source kept open would outlive the event log
     // service's restarts.
     const UniqueEventSource source(::RegisterEventSourceW(nullptr, kSourceName));
     if (!source) return;
     std::vector<const wchar_t*> texts;
+    texts.reserve(strings.size());
     for (const std::wstring& text : strings) texts.push_back(text.c_str());
     ::ReportEventW(source.get(), TypeOf(event), 0, static_cast<DWORD>(event), nullptr, static_cast<WORD>(texts.size()),
                    0, texts.empty() ? nullptr : texts.data(), nullptr);
 }
+
+void Write(Event event, std::initializer_list<std::wstring> strings) { WriteTexts(event, strings); }
 
 std::wstring ProcessIdText() { return std::to_wstring(::GetCurrentProcessId()); }
 
@@ -124,6 +144,8 @@ void ReportFailure(const std::wstring& text) {
               {std::to_wstring(admission.leftOut), std::to_wstring((admission.leftOutSpanMs + 59999) / 60000)});
     if (admission.write) Write(Event::Failure, {text});
 }
+
+void ReportAudit(Event event, const std::vector<std::wstring>& strings) { WriteTexts(event, strings); }
 
 CServiceLifetimeEvents::CServiceLifetimeEvents(const wchar_t* version, const std::wstring& instance)
     : m_enabled(NS_Log::ReadLogSettings().eventLog),

@@ -13,6 +13,7 @@
 
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 namespace NS_EventLog {
 
@@ -37,6 +38,16 @@ enum class Event : DWORD {
     AgentReachedAgain = 105,      // information: count of credential files taken up again
     CheckInStillRetrying = 106,   // warning: lease DN, shared account, attempts, the last outcome
     FailuresLeftOut = 120,        // warning: count of failure entries (100) left out, minutes they span
+    // The audit trail (monitor/AuditTrail.h), information, also switched by "AuditTrailEnabled".
+    // Each begins with the credential's account, role, identity server, its address and lease DN.
+    AuditRegistered = 200,           // + expiry, holder's process id, program, user
+    AuditTakenOver = 201,            // + the new holder's process id, program, user; count of holders
+    AuditReleased = 202,             // + holder's process id, program, user; count of holders left
+    AuditHolderExited = 203,         // as 202
+    AuditHolderEndedAtExpiry = 204,  // as 202
+    AuditHolderEndedAtLogoff = 205,  // as 202
+    AuditCheckedIn = 206,            // + the agent's result, seconds held, attempts
+    AuditHeldAgain = 207,            // + expiry; the holders as "program (pid)", comma-separated
 };
 
 struct EventSourceTraits {
@@ -54,6 +65,8 @@ void Report(Event event, std::initializer_list<std::wstring> strings);
 // A level-1 log line, within the budget of CFailureEntryLimit; the caller has checked that the
 // writer is switched on.
 void ReportFailure(const std::wstring& text);
+// An entry of the audit trail; the caller has checked that both switches are on.
+void ReportAudit(Event event, const std::vector<std::wstring>& strings);
 
 // Failure entries (100) are few enough to read: at most `budget` in a window of `windowMs`, which
 // opens at the first entry after the last window closed. Lines beyond the budget are left out

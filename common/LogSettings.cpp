@@ -17,14 +17,17 @@ LogSettings ReadLogSettings() {
     const NS_Settings::OpenedKeys keys(NS_Settings::kLogLevel);
     DWORD scrambled = 0;
     DWORD eventLog = 0;
+    DWORD auditTrail = NS_Settings::kAuditTrailEnabled.defaultNumber;
     Override(keys, NS_Settings::kLogLevel, settings.level);
     Override(keys, NS_Settings::kLogFileSize, settings.fileSizeKiB);
     Override(keys, NS_Settings::kLogObfuscationEnabled, scrambled);
     Override(keys, NS_Settings::kLogFileCount, settings.fileCount);
     Override(keys, NS_Settings::kLogSyncEnabled, settings.sync);
     Override(keys, NS_Settings::kWindowsEventLogEnabled, eventLog);
+    Override(keys, NS_Settings::kAuditTrailEnabled, auditTrail);
     settings.scrambled = scrambled != 0;
     settings.eventLog = eventLog != 0;
+    settings.auditTrail = auditTrail != 0;
     return settings;
 }
 

@@ -16,9 +16,11 @@ struct LogSettings {
     DWORD fileCount = NS_Settings::kLogFileCount.defaultNumber;               // rotated files kept
     DWORD sync = NS_Settings::kLogSyncEnabled.defaultNumber;                  // 2 or more also flushes every line
     bool eventLog = NS_Settings::kWindowsEventLogEnabled.defaultNumber != 0;  // failures also to the event log
+    bool auditTrail = NS_Settings::kAuditTrailEnabled.defaultNumber != 0;     // and the holders' audit trail
 };
 
-// The defaults overridden by every value of the logging key that is present and greater than 0.
+// The defaults overridden by every value of the logging key that is present and greater than 0
+// (the audit trail's switch: present at all).
 LogSettings ReadLogSettings();
 
 // The installation folder + "\logs\"; the executable's own folder stands in for an agent that

@@ -88,6 +88,10 @@ inline constexpr Setting kLogSyncEnabled{kLogging, kPolicyLogging, L"LogSyncEnab
                                          2,        nullptr,        Counts::AboveZero};
 inline constexpr Setting kWindowsEventLogEnabled{kLogging, kPolicyLogging, L"WindowsEventLogEnabled", Type::Dword, 0, 0,
                                                  1,        nullptr,        Counts::AboveZero};
+// Who held which shared account, and how it went back, as information entries beside the ones
+// above: only while those are on. 0 switches the trail off on its own, so it counts as it stands.
+inline constexpr Setting kAuditTrailEnabled{kLogging, kPolicyLogging, L"AuditTrailEnabled", Type::Dword, 1, 0,
+                                            1,        nullptr,        Counts::Unsigned};
 
 // The identity server and the agent are the machine's; the warning and the grace a user gets
 // on the lease-expiry window may differ per user.

@@ -155,6 +155,7 @@ void CCheckInPipeline::FreeSharedIds(std::vector<PendingCheckIn>& batch) {
     for (size_t i = 0; i < batch.size(); ++i) {
         const NS_CheckIn::RowOutcome& outcome = outcomes[i];
         std::shared_ptr<CSharedId>& credential = batch[i].credential;
+        if (m_audit) m_audit->CheckInAnswered(*credential, outcome);
         switch (NS_CheckIn::Decide(outcome)) {
         case NS_CheckIn::Action::kSendAgain:
             m_board.NotSent(*credential);

@@ -23,6 +23,7 @@
 #include "checkin/EnterpriseIdentity.h"
 #include "checkin/SharedIdReleaser.h"
 #include "common/GarbageCollector.h"
+#include "monitor/AuditTrail.h"
 #include "monitor/CheckInBoard.h"
 #include "monitor/CheckInQueue.h"
 #include "sharedid/PersistantStorage.h"
@@ -69,6 +70,7 @@ public:
         // The agent's user is known before the first registration asks for it, where the worker runs.
         RefreshAccountLater();
     }
+    void SetAuditTrail(CAuditTrail& audit) { m_audit = &audit; }  // before any work is queued
 
     // Let go by its holders: checked in once the worker gets to it.
     void Release(std::shared_ptr<CSharedId> credential);
@@ -137,6 +139,7 @@ private:
     PersistantStorage& m_storage;
     std::weak_ptr<ICheckInRegistry> m_registry;
     const NS_Utils::CriticalSection* m_registryLock = nullptr;
+    CAuditTrail* m_audit = nullptr;
     SharedIdReleaser m_releaser;
     CCheckInBoard m_board;
     CCheckInQueue m_queue;

@@ -33,6 +33,7 @@ std::shared_ptr<SharedIdMonitor> SharedIdMonitor::Create() {
     std::shared_ptr<SharedIdMonitor> monitor(new SharedIdMonitor());
     monitor->m_simGC = std::make_unique<SimGC>(monitor);
     monitor->m_pipeline.Bind(monitor, monitor->m_lock);
+    monitor->m_pipeline.SetAuditTrail(monitor->m_audit);
     return monitor;
 }
 
@@ -118,6 +119,7 @@ DWORD SharedIdMonitor::RegisterSharedCreds(const CSharedId& credential, const DW
     }
     UpdateCredentialsHeld();
     TellAdded(listeners, processId);
+    m_audit.Report();
     return result;
 }
 
@@ -181,6 +183,7 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
         LeaseIncrease();
     }
+    m_audit.Registered(*stored, pid);
     m_pipeline.RefreshAccountLater();
     NS_Log::Log(3, kRegisterTag, L" Completed successfully.");
     return kOk;
@@ -223,6 +226,7 @@ DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const 
         result = UnregisterLocked(credential, processId, listeners);
     }
     TellRemoved(listeners, processId);
+    m_audit.Report();
     return result;
 }
 
@@ -285,6 +289,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
         if (std::find(held.begin(), held.end(), live) == held.end()) {
             std::erase(entry->second.takenUp, live.get());
             live->RemoveHolderPid(pid);
+            m_audit.Released(*live, pid);
             listeners = live->GetListeners();
             // Even when none is left: the process runs on, and a restart must not hold it for it.
             WriteHoldersLocked(*live);
@@ -345,6 +350,7 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
         found = GetLocked(pid, credential, registered, listeners);
     }
     TellAdded(listeners, pid);
+    m_audit.Report();
     return found;
 }
 
@@ -369,6 +375,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
         if (added) {
             listeners = live->GetListeners();
             WriteHoldersLocked(*live);
+            m_audit.TakenOver(*live, pid);
         }
         *registered = CSharedId(*live);
         return true;

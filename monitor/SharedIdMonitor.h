@@ -14,6 +14,7 @@
 
 #include "common/CriticalSection.h"
 #include "common/GarbageCollector.h"
+#include "monitor/AuditTrail.h"
 #include "monitor/CheckInPipeline.h"
 #include "monitor/LeaseWatcher.h"
 #include "monitor/SimGC.h"
@@ -179,6 +180,7 @@ private:
     std::shared_ptr<NS_Utils::CGarbageCollector> m_gc;
     std::unique_ptr<SimGC> m_simGC;
     PersistantStorage m_storage;
+    CAuditTrail m_audit{m_lock, m_storage.Folder()};
     CCheckInPipeline m_pipeline{*m_gc, m_storage};
     std::shared_ptr<ILeaseWatcher> LeaseMonitor() const;
     // Outside the monitor lock, after the lease count may have crossed 0.

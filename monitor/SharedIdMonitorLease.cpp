@@ -79,6 +79,7 @@ void SharedIdMonitor::OnLeaseExpired(const std::weak_ptr<CSharedId>& expired) {
         return;
     }
     const std::vector<DWORD> holders = credential->GetHolderPids();
+    m_audit.Ending(holders, CAuditTrail::EndReason::AtExpiry);
     for (DWORD pid : holders) {
         auto entry = processMap.find(pid);
         if (TerminateHolder(pid, entry == processMap.end() ? nullptr : entry->second.waitInfo->Process(), kExpiredTag))
@@ -97,6 +98,7 @@ void SharedIdMonitor::OnWndSessionEnd() {
     // Each look-up takes the lock on its own: exit callbacks go on meanwhile, and their
     // check-ins wait until all have come, then go a call per server.
     m_pipeline.HoldCheckIns();
+    m_audit.Ending(pids, CAuditTrail::EndReason::AtLogoff);
     for (DWORD pid : pids) TerminateHolder(pid, DuplicateProcessHandle(pid).get(), kSessionEndTag);
     WaitForHoldersGone(kLogoffGatherMs);
     m_pipeline.ResumeCheckIns();

@@ -48,9 +48,11 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
         // Released here if this was their last holder, after the lock is left.
         const std::vector<std::shared_ptr<CSharedId>> held = entry->second.credentials;
         ErasePMEntry(entry);
+        m_audit.Exited(processId, held);
         for (auto it = held.begin(); it != held.end(); ++it)
             if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it) WriteHoldersLocked(**it);
     }
+    m_audit.Report();
     NS_Log::Log(3, kExitTag + std::wstring(L" Completed successfully."));
 }
 
@@ -116,6 +118,7 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     NS_Log::Log(3,
                 kGcTag + std::wstring(L" Number of unchecked-in credentials added to GC = ") + std::to_wstring(count));
     UpdateCredentialsHeld();
+    m_audit.Report();
     // Nothing holds these any more: they are checked in now, not at the first registration.
     (void)m_gc->Start();  // a failure is logged and shown in the status
     return true;
@@ -182,6 +185,7 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
         PersistLocked(*credential);
     else if (added)
         WriteHoldersLocked(*credential);
+    if (added) m_audit.HeldAgain(*credential);
     NS_Log::Log(
         3, kGcTag +
                std::wstring(entries.empty() ? L" Already held for its running holders: the shared id with leaseDN = "

@@ -37,21 +37,6 @@ end_session() {
     w wineboot --end-session >/dev/null 2>&1
     wait "$tarrow" 2>/dev/null
 }
-# The entries of Wine's output $1, one a line: "<id> <type> | <string> | <string>...", type 1
-# error, 2 warning, 4 information. Lines of one entry come from one thread, which prefixes them.
-events() {
-    tr -d '\r' <"$1" | awk '
-        function hex(h,   n, i) { n = 0; h = tolower(substr(h, 3))
-                                  for (i = 1; i <= length(h); i++) n = n * 16 + index("0123456789abcdef", substr(h, i, 1)) - 1
-                                  return n }
-        { thread = substr($0, 1, index($0, ":") - 1) }
-        /fixme:advapi:ReportEventW/ { split($0, a, ","); entry[thread] = hex(a[4]) " " hex(a[2]); left[thread] = hex(a[6])
-                                      if (!left[thread]) print entry[thread]; next }
-        /:eventlog:ReportEventW L"/ && left[thread] > 0 {
-            s = $0; sub(/^[^"]*"/, "", s); sub(/"$/, "", s); entry[thread] = entry[thread] " | " s
-            if (--left[thread] == 0) print entry[thread] }'
-}
-has_event() { events "$1" | grep -q "$2"; }
 
 echo "== the writer on by the machine's policy only"
 w reg add "$machine_policy" /v WindowsEventLogEnabled /t REG_DWORD /d 1 /f >/dev/null
