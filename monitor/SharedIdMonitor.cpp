@@ -50,6 +50,13 @@ SharedIdMonitor::~SharedIdMonitor() {
 
 bool SharedIdMonitor::Shutdown() {
     ::SetEvent(m_stopping.get());
+    // No retry of files in use is queued from now on; one that runs still finds the monitor.
+    NS_Utils::UniqueTimerQueueTimer busyRetry;
+    {
+        LockGuard lock(*this);
+        busyRetry = std::move(m_busyRetry);
+    }
+    busyRetry.reset();
     // No new warning starts while the collector finishes; the window's thread may still end
     // holders until the lease monitor is destroyed below.
     std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor();
@@ -91,14 +98,23 @@ size_t SharedIdMonitor::SignatureEntryCount() const {
     return m_AuthToCredMap.size();
 }
 
+void SharedIdMonitor::ReleaseAction::operator()(CSharedId* raw) const {
+    std::shared_ptr<CSharedId> released(raw);
+    if (std::shared_ptr<SharedIdMonitor> owner = monitor.lock()) owner->m_pipeline.Release(std::move(released));
+}
+
 std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(CSharedId record) {
     // Never destroyed where the last holder lets go (often under the monitor lock): the record
     // goes to the collector, whose worker checks it in. A record released after the monitor is
     // gone is only freed; its file brings it back at the next start.
-    return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), [weak = weak_from_this()](CSharedId* raw) {
-        std::shared_ptr<CSharedId> released(raw);
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->m_pipeline.Release(std::move(released));
-    });
+    return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), ReleaseAction{weak_from_this()});
+}
+
+void SharedIdMonitor::Unmake(std::shared_ptr<CSharedId> credential) {
+    // Its registration was refused: the client still answers for the credential, so it must not
+    // be checked in behind its back. The lease monitor's entry expires with it.
+    if (ReleaseAction* action = std::get_deleter<ReleaseAction>(credential)) action->monitor.reset();
+    credential.reset();
 }
 
 void SharedIdMonitor::OnCheckInTaken(const std::shared_ptr<CSharedId>& released) {
@@ -169,13 +185,27 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         if (isNew) LeaseIncrease();
         return kProcessEntryFailed;
     }
-    if (!IsHolder(*stored, pid)) listeners = stored->GetListeners();
+    const bool wasHolder = IsHolder(*stored, pid);
     stored->AddHolderPid(pid);
-    if (!ClaimTakenUp(entry->second, stored.get())) entry->second.credentials.push_back(stored);
+    const bool claimed = ClaimTakenUp(entry->second, stored.get());
+    if (!claimed) entry->second.credentials.push_back(stored);
     // Before the file is written: an invalid expiry is rewritten in the record (under the lock,
     // for the other threads that read it), and the file must keep that deadline across restarts.
     if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
-    PersistLocked(*stored);
+    if (!PersistLocked(*stored)) {
+        // Answered 0, the credential would live in memory only: a crash, a close request or an
+        // agent outage at its holder's exit would lose it. The process holds what it held before.
+        if (claimed)
+            entry->second.takenUp.push_back(stored.get());
+        else
+            entry->second.credentials.pop_back();
+        if (!wasHolder) stored->RemoveHolderPid(pid);
+        if (entry->second.credentials.empty()) ErasePMEntry(entry);
+        if (isNew) Unmake(std::move(stored));
+        NS_Log::Log(1, kRegisterTag, L" Error: the credential could not be stored; registration refused.");
+        return kNotStored;
+    }
+    if (!wasHolder) listeners = stored->GetListeners();
 
     if (isNew) {
         m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
@@ -186,13 +216,14 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     return kOk;
 }
 
-void SharedIdMonitor::PersistLocked(CSharedId& credential) {
+bool SharedIdMonitor::PersistLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
     int result = m_storage.Persist(credential, &holders);
-    if (result != PersistantStorage::kOk)
-        NS_Log::Log(1, kRegisterTag,
-                    L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
+    if (result == PersistantStorage::kOk) return true;
+    NS_Log::Log(1, kRegisterTag,
+                L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
+    return false;
 }
 
 std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {

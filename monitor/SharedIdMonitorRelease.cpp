@@ -89,6 +89,11 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
                            std::to_wstring(result));
         return false;
     }
+    TakeUp(stored);
+    return true;
+}
+
+void SharedIdMonitor::TakeUp(std::list<CSharedId>& stored) {
     size_t count = 0;
     const std::set<std::wstring> listed = m_storage.FilesWithHolderLists();
     // Files with running holders first: another file of a lease held again (the one its last
@@ -118,7 +123,44 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     UpdateCredentialsHeld();
     // Nothing holds these any more: they are checked in now, not at the first registration.
     (void)m_gc->Start();  // a failure is logged and shown in the status
-    return true;
+    if (m_storage.HasBusyFiles()) ScheduleBusyRetry();
+}
+
+void SharedIdMonitor::ScheduleBusyRetry() {
+    LockGuard lock(*this);
+    if (m_busyRetry || ::WaitForSingleObject(m_stopping.get(), 0) == WAIT_OBJECT_0) return;
+    HANDLE timer = nullptr;
+    // A one-shot timer that only queues the retry: the worker never sleeps for it, and the
+    // retry runs in turn with the check-ins.
+    if (!::CreateTimerQueueTimer(&timer, nullptr, &SharedIdMonitor::BusyRetryDue, this, kBusyRetryMs, 0,
+                                 WT_EXECUTEONLYONCE)) {
+        NS_Log::Log(1, kGcTag + std::wstring(L" Cannot schedule the files in use to be tried again. Error = ") +
+                           std::to_wstring(::GetLastError()));
+        return;
+    }
+    m_busyRetry = NS_Utils::UniqueTimerQueueTimer(timer);
+}
+
+void CALLBACK SharedIdMonitor::BusyRetryDue(void* context, BOOLEAN) {
+    // The timer is deleted (waiting for this callback) before the monitor goes.
+    auto* monitor = static_cast<SharedIdMonitor*>(context);
+    monitor->m_gc->Queue([weak = monitor->weak_from_this()] {
+        if (std::shared_ptr<SharedIdMonitor> owner = weak.lock()) owner->RetryBusyFiles();
+    });
+}
+
+void SharedIdMonitor::RetryBusyFiles() {
+    m_gc->WorkerRule().Check(L"[SharedIdMonitor::RetryBusyFiles]\t called off the collector's worker");
+    NS_Utils::UniqueTimerQueueTimer done;
+    {
+        LockGuard lock(*this);
+        done = std::move(m_busyRetry);
+    }
+    // Deleted outside the lock: it has fired, and its callback only queues.
+    done.reset();
+    std::list<CSharedId> stored;
+    m_storage.TakeUpBusyFiles(stored);
+    TakeUp(stored);
 }
 
 std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& record,
@@ -178,8 +220,9 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
     const std::wstring expiry = credential->GetLeaseExpiry();
     if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(credential);
     // An expiry that could not be read was replaced: written, so that the next start keeps it.
+    // A failure keeps the file as it was: the next start gives it a deadline again.
     if (credential->GetLeaseExpiry() != expiry)
-        PersistLocked(*credential);
+        (void)PersistLocked(*credential);
     else if (added)
         WriteHoldersLocked(*credential);
     NS_Log::Log(

@@ -36,12 +36,17 @@ public:
         m_holdersBytes = bytes;
     }
     void SetHoldersBytes(DWORD bytes) noexcept { m_holdersBytes = bytes; }
+    // The mark that tells another instance meeting the open file that a live one claims it
+    // (sharedid/ClaimMark.h); it goes with the claim.
+    void KeepMark(NS_Utils::UniqueHandle mark) noexcept { m_mark = std::move(mark); }
     void Release() noexcept {
         m_holders.reset();
         m_file.reset();
+        m_mark.reset();
     }
 
 private:
+    NS_Utils::UniqueHandle m_mark;  // destroyed after the file: an open file is never seen unmarked
     NS_Utils::UniqueHandle m_file;
     NS_Utils::UniqueHandle m_holders;
     DWORD m_holdersBytes = 0;

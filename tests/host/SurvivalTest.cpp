@@ -5,8 +5,12 @@
 // answers is shown as such and does not hold up the stop. Credential files as crashes leave them
 // (two leases of one credential, a replaced file that could not be deleted, an expiry that cannot
 // be read) are never checked in under a running holder, dropped unchecked or given a fresh deadline.
+// An answer of 0 means the credential is on the disk: a folder that went is made again, one that
+// cannot be written refuses the registration. A file that another program holds open at the
+// start is taken up once it lets go, and a holder list of any length is read.
 
 #include "common/Registry.h"
+#include "monitor/SharedIdMonitor.h"
 #include "sharedid/ExpiryTime.h"
 #include "sharedid/HolderList.h"
 #include "sharedid/PersistantStorage.h"
@@ -270,6 +274,74 @@ TEST_F(SurvivalTest, AnUnreadableExpiryKeepsItsDeadlineAcrossRestarts) {
     registered.Kill();
     left.Kill();
     EXPECT_TRUE(WaitUntil([] { return CheckIns() == 2 && Files() == 0; }));
+}
+
+// The folder removed while nothing is registered (a clean-up tool) is made again by the next
+// registration; one that a file stands in for refuses registrations, and checks nothing of them
+// in, while what was answered 0 before stays held, and is held again after a crash.
+TEST_F(SurvivalTest, AnAnswerOf0MeansTheCredentialIsOnTheDisk) {
+    const std::wstring folder = CredentialFolder().substr(0, CredentialFolder().size() - 1);
+    ASSERT_EQ(Files(), 0u);
+    for (const std::wstring& list : ListFiles(CredentialFolder(), L"*"))
+        ::DeleteFileW((CredentialFolder() + list).c_str());
+    ASSERT_TRUE(::RemoveDirectoryW(folder.c_str()));
+    ChildProcess kept = StartHolder(), refused = StartHolder(), later = StartHolder();
+    ASSERT_EQ(Register(kept.Id(), Credential(L"kept")), 0u);
+    ASSERT_FALSE(OnDisk(L"cn=kept").GetFileName().empty()) << "answered 0 without its file";
+
+    // Moved away with the file in it (the service keeps it open), a file in its place.
+    const std::wstring away = folder + L".away";
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away.c_str(), 0));
+    ASSERT_TRUE(WriteFileBytes(folder, "x", 1));
+    EXPECT_EQ(Register(refused.Id(), Credential(L"refused")), SharedIdMonitor::kNotStored);
+    EXPECT_FALSE(Found(Credential(L"refused")));
+    EXPECT_EQ(Register(refused.Id(), Credential(L"kept")), SharedIdMonitor::kNotStored);
+    EXPECT_EQ(Release(refused.Id(), Credential(L"kept")), SharedIdMonitor::kProcessNotRegistered)
+        << "a refused registration left its process registered";
+    EXPECT_EQ(StateOf(L"cn=kept"), L"held");
+
+    Crash();
+    ASSERT_TRUE(::DeleteFileW(folder.c_str()));
+    ASSERT_TRUE(::MoveFileExW(away.c_str(), folder.c_str(), 0));
+    Restart();
+    EXPECT_EQ(StateOf(L"cn=kept"), L"held");
+    // The worker runs in order: had the refused credential been queued, it would be checked in first.
+    ASSERT_EQ(Register(later.Id(), Credential(L"later")), 0u);
+    later.Kill();
+    ASSERT_TRUE(WaitUntil([] { return CheckIns("cn=later|") == 1; }));
+    refused.Kill();
+    kept.Kill();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=kept|") == 1 && Files() == 0; }));
+    EXPECT_EQ(CheckIns("cn=refused|"), 0u) << "checked in behind the client's back";
+    EXPECT_EQ(CheckIns(), 2u);
+}
+
+// A leftover file that another program (a scanner) holds open without delete sharing at the start
+// is taken up once it lets go; a list of thousands of holders, all gone but one, keeps the
+// credential held for that one.
+TEST_F(SurvivalTest, AFileInUseAtTheStartAndALongHolderListAreTakenUp) {
+    ChildProcess live = StartHolder();
+    std::vector<HolderProcess> holders;
+    for (DWORD i = 0; i < 3000; ++i) holders.push_back({0x7FFF0000 + i * 4, 132000000000000000ull + i});
+    holders.push_back(Listed(live));
+    Crash();
+    Leave(Credential(L"long"), holders);
+    ASSERT_GT(ReadFileBytes(NS_SHAREDID_UTILS::HolderListPath(OnDisk(L"cn=long").GetFileName())).size(), 65536u);
+    CSharedId scanned = Credential(L"scanned");
+    Leave(scanned, {});
+    NS_Utils::UniqueHandle scanner(::CreateFileW(OnDisk(L"cn=scanned").GetFileName().c_str(), GENERIC_READ,
+                                                 FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(scanner.valid());
+    Restart();
+    EXPECT_EQ(StateOf(L"cn=long"), L"held");
+    EXPECT_EQ(StateOf(L"cn=scanned"), L"on disk");
+    EXPECT_EQ(CountInServiceLog(L"in use by another program"), 1u);
+    EXPECT_EQ(CheckIns("cn=scanned|"), 0u);
+    scanner.reset();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=scanned|") == 1; })) << "never taken up";
+    EXPECT_EQ(CheckIns("cn=long|"), 0u) << "checked in under its live holder";
+    live.Kill();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=long|") == 1 && Files() == 0; }));
 }
 
 }  // namespace
