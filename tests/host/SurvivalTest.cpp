@@ -82,13 +82,22 @@ protected:
         ASSERT_EQ(storage.Persist(record, &holders), PersistantStorage::kOk);
     }
     // The status's state of the credential or file whose lease DN is `leaseDN`; empty when none.
-    std::wstring StateOf(const std::wstring& leaseDN) {
+    bool Status(tarrowctl::StatusText& text) {
         NS_Utils::ComPtr<ITarrowStatus> status;
         NS_Utils::UniqueVariant snapshot;
+        return SUCCEEDED(tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
+               SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text);
+    }
+    std::wstring LeaseCount() {
         tarrowctl::StatusText text;
-        if (FAILED(tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) ||
-            FAILED(status->GetStatus(snapshot.get())) || !tarrowctl::ReadStatus(*snapshot.get(), text))
-            return L"unreadable";
+        if (!Status(text)) return L"unreadable";
+        for (const auto& [name, value] : text.service)
+            if (name == L"lease count") return value;
+        return {};
+    }
+    std::wstring StateOf(const std::wstring& leaseDN) {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return L"unreadable";
         const std::wstring state = tarrowctl::CredentialField(text, leaseDN, L"state");
         const std::wstring since = tarrowctl::CredentialField(text, leaseDN, L"checking_in_since");
         return since.empty() ? state : state + L" since " + since;
@@ -342,6 +351,37 @@ TEST_F(SurvivalTest, AFileInUseAtTheStartAndALongHolderListAreTakenUp) {
     EXPECT_EQ(CheckIns("cn=long|"), 0u) << "checked in under its live holder";
     live.Kill();
     EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=long|") == 1 && Files() == 0; }));
+}
+
+// While the agent cannot be reached, a credential let go is left on the disk for its return: one
+// whose file went with the folder is written anew in the folder made again, and one that cannot be
+// written at all waits in memory; both are checked in once the agent is back.
+TEST_F(SurvivalTest, ACredentialLetGoWhileTheAgentIsAwayIsNeverKeptWithoutItsFile) {
+    const std::wstring folder = CredentialFolder().substr(0, CredentialFolder().size() - 1);
+    const std::wstring away[2] = {folder + L".away1", folder + L".away2"};
+    ASSERT_TRUE(standin::Unregister());
+    Restart();
+    ChildProcess first = StartHolder(), second = StartHolder();
+    ASSERT_EQ(Register(first.Id(), Credential(L"rewritten")), 0u);
+    ASSERT_EQ(Register(second.Id(), Credential(L"inmemory")), 0u);
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away[0].c_str(), 0));
+    first.Kill();
+    ASSERT_TRUE(WaitUntil([] { return Files() == 1; })) << "kept without its file";
+    EXPECT_EQ(StateOf(L"cn=rewritten"), L"on disk");
+
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away[1].c_str(), 0));
+    ASSERT_TRUE(WriteFileBytes(folder, "x", 1));
+    second.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return CountInServiceLog(L"it waits in memory: cn=inmemory") >= 1; }));
+    EXPECT_EQ(StateOf(L"cn=inmemory"), L"waiting for check-in");
+    EXPECT_EQ(LeaseCount(), L"1") << "let go without its file";
+    ASSERT_TRUE(::DeleteFileW(folder.c_str()));
+    ASSERT_TRUE(::MoveFileExW(away[1].c_str(), folder.c_str(), 0));
+    ASSERT_TRUE(standin::Register());
+    EXPECT_TRUE(
+        WaitUntil([] { return CheckIns("cn=rewritten|") == 1 && CheckIns("cn=inmemory|") == 1 && Files() == 0; }));
+    for (const std::wstring& name : ListFiles(away[0] + L"\\", L"*")) ::DeleteFileW((away[0] + L"\\" + name).c_str());
+    ::RemoveDirectoryW(away[0].c_str());
 }
 
 }  // namespace
