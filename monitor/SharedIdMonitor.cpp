@@ -219,8 +219,14 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
 bool SharedIdMonitor::PersistLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
+    CListWrites& writes = credential.ListWrites();
+    const ULONGLONG number = writes.Next();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
     int result = m_storage.Persist(credential, &holders);
-    if (result == PersistantStorage::kOk) return true;
+    if (result == PersistantStorage::kOk) {
+        writes.Written(number);
+        return true;
+    }
     NS_Log::Log(1, kRegisterTag,
                 L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
     return false;
@@ -239,25 +245,54 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
 
 void SharedIdMonitor::WriteHoldersLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
+    CListWrites& writes = credential.ListWrites();
+    const ULONGLONG number = writes.Next();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
     // A list that cannot be written is logged there; a restart would then check the credential in.
     (void)m_storage.WriteHolders(credential, HoldersOfLocked(credential));
+    writes.Written(number);
+}
+
+SharedIdMonitor::ListWrite SharedIdMonitor::PrepareListLocked(const std::shared_ptr<CSharedId>& credential) {
+    m_lock.CheckHeld(L"[SharedIdMonitor::PrepareListLocked]\t called without the monitor lock");
+    return {credential, HoldersOfLocked(*credential), credential->ListWrites().Next()};
+}
+
+void SharedIdMonitor::WriteList(const ListWrite& write) {
+    // The list lock is taken inside the monitor lock elsewhere (registration, take-up): never the
+    // other way round.
+    m_lock.CheckNotHeld(L"[SharedIdMonitor::WriteList]\t a holder list written under the monitor lock");
+    CSharedId& credential = *write.credential;
+    CListWrites& writes = credential.ListWrites();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
+    // A later list is on the disk already, or the record has no file (nor list) to write.
+    if (writes.Outdated(write.number) || !credential.HoldsFileClaim()) return;
+    // A list that cannot be written is logged there; a restart would then check the credential in.
+    (void)m_storage.WriteHolders(credential, write.holders);
+    writes.Written(write.number);
 }
 
 DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
     const DWORD processId = pid ? *pid : 0;
     Listeners listeners;
+    std::optional<ListWrite> write;
     DWORD result;
     {
         LockGuard lock(*this);
-        result = UnregisterLocked(credential, processId, listeners);
+        result = UnregisterLocked(credential, processId, listeners, write);
     }
+    // Answered once the list no longer names the process: a crash after the answer must not
+    // hold the credential for it again. A credential let go is checked in only after this.
+    if (write) WriteList(*write);
+    write.reset();
     TellRemoved(listeners, processId);
     return result;
 }
 
-DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
+DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners,
+                                        std::optional<ListWrite>& write) {
     m_lock.CheckHeld(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
     NS_Log::Log(3, kUnregisterTag, L" Start unregistering shared credential.");
     if (!credential.HasSignature()) {
@@ -318,7 +353,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
             live->RemoveHolderPid(pid);
             listeners = live->GetListeners();
             // Even when none is left: the process runs on, and a restart must not hold it for it.
-            WriteHoldersLocked(*live);
+            write = PrepareListLocked(live);
         }
         NS_Log::Log(3, kUnregisterTag,
                     L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
@@ -370,16 +405,20 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
         return false;
     }
     Listeners listeners;
+    std::optional<ListWrite> write;
     bool found;
     {
         LockGuard lock(*this);
-        found = GetLocked(pid, credential, registered, listeners);
+        found = GetLocked(pid, credential, registered, listeners, write);
     }
+    if (write) WriteList(*write);
+    write.reset();
     TellAdded(listeners, pid);
     return found;
 }
 
-bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners) {
+bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners,
+                                std::optional<ListWrite>& write) {
     m_lock.CheckHeld(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
     auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
@@ -399,7 +438,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
         if (!ClaimTakenUp(entry->second, live.get())) entry->second.credentials.push_back(live);
         if (added) {
             listeners = live->GetListeners();
-            WriteHoldersLocked(*live);
+            write = PrepareListLocked(live);
         }
         *registered = CSharedId(*live);
         return true;

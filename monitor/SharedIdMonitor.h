@@ -25,6 +25,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -157,15 +158,28 @@ private:
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
                                                                                const CSharedId& credential);
+    // A holder list to be written once the monitor lock is left: numbered and read under it,
+    // written without it (WriteList), so that a slow or hung disk holds up no other caller. The
+    // strong reference keeps the credential from being checked in (its file deleted) meanwhile.
+    struct ListWrite {
+        std::shared_ptr<CSharedId> credential;
+        std::vector<HolderProcess> holders;
+        ULONGLONG number = 0;
+    };
     [[nodiscard]] DWORD RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    [[nodiscard]] DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    [[nodiscard]] bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
+    [[nodiscard]] DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners,
+                                         std::optional<ListWrite>& write);
+    [[nodiscard]] bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners,
+                                 std::optional<ListWrite>& write);
     // False, logged, when the file could not be written; the record keeps the file it had.
     [[nodiscard]] bool PersistLocked(CSharedId& credential);
     // The credential's holders with their creation times, from the process map.
     std::vector<HolderProcess> HoldersOfLocked(const CSharedId& credential) const;
-    // Replaces the holder list beside the credential's file after its holders changed.
+    // Replaces the holder list beside the credential's file after its holders changed, waiting
+    // for a list write of it that runs outside the lock (only where files are taken up).
     void WriteHoldersLocked(CSharedId& credential);
+    ListWrite PrepareListLocked(const std::shared_ptr<CSharedId>& credential);
+    void WriteList(const ListWrite& write);
     // Holds a credential read from its file again for those of its listed holders that still
     // run, as a record of its own unless a record of the same lease (signature and lease DN) is
     // held: that one then takes the holders it lacks and the file is deleted as its copy. With

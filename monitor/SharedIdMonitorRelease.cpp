@@ -31,6 +31,9 @@ void CALLBACK SharedIdMonitor::WaitCallback(void* context, BOOLEAN timerOrWaitFi
 
 void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
     const DWORD processId = pid ? *pid : 0;
+    // Released if this was their last holder, once the lists are written and the lock is left.
+    std::vector<std::shared_ptr<CSharedId>> held;
+    std::vector<ListWrite> writes;
     {
         LockGuard lock(*this);
         NS_Log::Log(3, kExitTag + std::wstring(L" Start clearing shared credentials for PID(") +
@@ -45,12 +48,17 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
                                L") not found in processMap.");
             return;
         }
-        // Released here if this was their last holder, after the lock is left.
-        const std::vector<std::shared_ptr<CSharedId>> held = entry->second.credentials;
+        held = entry->second.credentials;
         ErasePMEntry(entry);
         for (auto it = held.begin(); it != held.end(); ++it)
-            if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it) WriteHoldersLocked(**it);
+            if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it)
+                writes.push_back(PrepareListLocked(*it));
     }
+    // Outside the lock: on a slow share no other caller waits for them. The process has gone, so
+    // a crash before its list is rewritten does not hold the credential for it again.
+    for (const ListWrite& write : writes) WriteList(write);
+    writes.clear();
+    held.clear();
     NS_Log::Log(3, kExitTag + std::wstring(L" Completed successfully."));
 }
 

@@ -2,8 +2,9 @@
 // One file per registered credential in "%APPDATA%\Kel\Tarrow\", so that a crash of a client, of
 // the service or of the machine never loses a credential that was not checked in.
 //
-// Threads: Persist and WriteHolders under the registry lock (COM thread, wait callbacks, and
-// while files are taken up: the owner's thread at start, the worker when the agent is back);
+// Threads: Persist and WriteHolders under the record's list lock (CListWrites), for a held record
+// on the COM thread and wait callbacks (Persist also under the registry lock, and both while
+// files are taken up: the owner's thread at start, the worker when the agent is back);
 // EnumCreds, TakeUpBusyFiles, FilesWithHolderLists and ReadHolders where files are taken up;
 // Delete and LeaveOnDisk on the worker (Delete also under the registry lock when files are taken
 // up and one credential has two); StoredFiles on the COM thread for the status; HasBusyFiles on
