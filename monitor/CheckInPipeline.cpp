@@ -223,16 +223,28 @@ bool CCheckInPipeline::ReachAgent() {
         NS_EventLog::Report(NS_EventLog::Event::AgentReachedAgain, {std::to_wstring(m_keptCount.exchange(0))});
         if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
             (void)registry->GCUncheckedInCredentials();  // a failure is logged; the next start tries again
+        if (m_queue.Size() > 0) QueueRun();              // rows that waited in memory
     }
     return reachable;
 }
 
 void CCheckInPipeline::KeepForLater(std::shared_ptr<CSharedId> credential) {
+    if (!m_storage.LeaveOnDisk(*credential)) {
+        // Without a file, letting it go would lose it: it waits in the queue for the agent.
+        NS_Log::Log(1, kFreeTag +
+                           std::wstring(L" The agent cannot be reached and the credential cannot be stored; "
+                                        L"it waits in memory: ") +
+                           credential->GetLeaseDN());
+        m_board.NotSent(*credential);
+        m_queue.PutBack({PendingCheckIn{std::move(credential), false}});
+        m_keptFiles.store(true);
+        QueueAgentProbe();
+        return;
+    }
     NS_Log::Log(2, kFreeTag +
                        std::wstring(L" The agent cannot be reached; the credential file stays for the next "
                                     L"start or the agent's return: ") +
                        credential->GetFileName());
-    credential->ReleaseFileClaim();
     ++m_keptCount;
     m_keptFiles.store(true);
     LetGo(std::move(credential));

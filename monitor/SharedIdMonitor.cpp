@@ -51,6 +51,13 @@ SharedIdMonitor::~SharedIdMonitor() {
 
 bool SharedIdMonitor::Shutdown() {
     ::SetEvent(m_stopping.get());
+    // No retry of files in use is queued from now on; one that runs still finds the monitor.
+    NS_Utils::UniqueTimerQueueTimer busyRetry;
+    {
+        LockGuard lock(*this);
+        busyRetry = std::move(m_busyRetry);
+    }
+    busyRetry.reset();
     // No new warning starts while the collector finishes; the window's thread may still end
     // holders until the lease monitor is destroyed below.
     std::shared_ptr<ILeaseWatcher> leaseMonitor = LeaseMonitor();
@@ -92,14 +99,23 @@ size_t SharedIdMonitor::SignatureEntryCount() const {
     return m_AuthToCredMap.size();
 }
 
+void SharedIdMonitor::ReleaseAction::operator()(CSharedId* raw) const {
+    std::shared_ptr<CSharedId> released(raw);
+    if (std::shared_ptr<SharedIdMonitor> owner = monitor.lock()) owner->m_pipeline.Release(std::move(released));
+}
+
 std::shared_ptr<CSharedId> SharedIdMonitor::MakeCredential(CSharedId record) {
     // Never destroyed where the last holder lets go (often under the monitor lock): the record
     // goes to the collector, whose worker checks it in. A record released after the monitor is
     // gone is only freed; its file brings it back at the next start.
-    return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), [weak = weak_from_this()](CSharedId* raw) {
-        std::shared_ptr<CSharedId> released(raw);
-        if (std::shared_ptr<SharedIdMonitor> monitor = weak.lock()) monitor->m_pipeline.Release(std::move(released));
-    });
+    return std::shared_ptr<CSharedId>(new CSharedId(std::move(record)), ReleaseAction{weak_from_this()});
+}
+
+void SharedIdMonitor::Unmake(std::shared_ptr<CSharedId> credential) {
+    // Its registration was refused: the client still answers for the credential, so it must not
+    // be checked in behind its back. The lease monitor's entry expires with it.
+    if (ReleaseAction* action = std::get_deleter<ReleaseAction>(credential)) action->monitor.reset();
+    credential.reset();
 }
 
 void SharedIdMonitor::OnCheckInTaken(const std::shared_ptr<CSharedId>& released) {
@@ -171,13 +187,27 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
         if (isNew) LeaseIncrease();
         return kProcessEntryFailed;
     }
-    if (!IsHolder(*stored, pid)) listeners = stored->GetListeners();
+    const bool wasHolder = IsHolder(*stored, pid);
     stored->AddHolderPid(pid);
-    if (!ClaimTakenUp(entry->second, stored.get())) entry->second.credentials.push_back(stored);
+    const bool claimed = ClaimTakenUp(entry->second, stored.get());
+    if (!claimed) entry->second.credentials.push_back(stored);
     // Before the file is written: an invalid expiry is rewritten in the record (under the lock,
     // for the other threads that read it), and the file must keep that deadline across restarts.
     if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(stored);
-    PersistLocked(*stored);
+    if (!PersistLocked(*stored)) {
+        // Answered 0, the credential would live in memory only: a crash, a close request or an
+        // agent outage at its holder's exit would lose it. The process holds what it held before.
+        if (claimed)
+            entry->second.takenUp.push_back(stored.get());
+        else
+            entry->second.credentials.pop_back();
+        if (!wasHolder) stored->RemoveHolderPid(pid);
+        if (entry->second.credentials.empty()) ErasePMEntry(entry);
+        if (isNew) Unmake(std::move(stored));
+        NS_Log::Log(1, kRegisterTag, L" Error: the credential could not be stored; registration refused.");
+        return kNotStored;
+    }
+    if (!wasHolder) listeners = stored->GetListeners();
 
     if (isNew) {
         m_AuthToCredMap.emplace(signature, CredentialRef{stored, stored.get()});
@@ -189,13 +219,20 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     return kOk;
 }
 
-void SharedIdMonitor::PersistLocked(CSharedId& credential) {
+bool SharedIdMonitor::PersistLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::PersistLocked]\t called without the monitor lock");
     const std::vector<HolderProcess> holders = HoldersOfLocked(credential);
+    CListWrites& writes = credential.ListWrites();
+    const ULONGLONG number = writes.Next();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
     int result = m_storage.Persist(credential, &holders);
-    if (result != PersistantStorage::kOk)
-        NS_Log::Log(1, kRegisterTag,
-                    L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
+    if (result == PersistantStorage::kOk) {
+        writes.Written(number);
+        return true;
+    }
+    NS_Log::Log(1, kRegisterTag,
+                L"Failed to write credential to persistent storage, return value = " + std::to_wstring(result));
+    return false;
 }
 
 std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& credential) const {
@@ -211,26 +248,55 @@ std::vector<HolderProcess> SharedIdMonitor::HoldersOfLocked(const CSharedId& cre
 
 void SharedIdMonitor::WriteHoldersLocked(CSharedId& credential) {
     m_lock.CheckHeld(L"[SharedIdMonitor::WriteHoldersLocked]\t called without the monitor lock");
+    CListWrites& writes = credential.ListWrites();
+    const ULONGLONG number = writes.Next();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
     // A record whose file could not be written has no list either.
     if (!credential.HoldsFileClaim()) return;
     // A list that cannot be written is logged there; a restart would then check the credential in.
     (void)m_storage.WriteHolders(credential, HoldersOfLocked(credential));
+    writes.Written(number);
+}
+
+SharedIdMonitor::ListWrite SharedIdMonitor::PrepareListLocked(const std::shared_ptr<CSharedId>& credential) {
+    m_lock.CheckHeld(L"[SharedIdMonitor::PrepareListLocked]\t called without the monitor lock");
+    return {credential, HoldersOfLocked(*credential), credential->ListWrites().Next()};
+}
+
+void SharedIdMonitor::WriteList(const ListWrite& write) {
+    // The list lock is taken inside the monitor lock elsewhere (registration, take-up): never the
+    // other way round.
+    m_lock.CheckNotHeld(L"[SharedIdMonitor::WriteList]\t a holder list written under the monitor lock");
+    CSharedId& credential = *write.credential;
+    CListWrites& writes = credential.ListWrites();
+    NS_Utils::CritSecGuard listLock(writes.Lock());
+    // A later list is on the disk already, or the record has no file (nor list) to write.
+    if (writes.Outdated(write.number) || !credential.HoldsFileClaim()) return;
+    // A list that cannot be written is logged there; a restart would then check the credential in.
+    (void)m_storage.WriteHolders(credential, write.holders);
+    writes.Written(write.number);
 }
 
 DWORD SharedIdMonitor::UnregisterSharedCreds(const CSharedId& credential, const DWORD* pid) {
     const DWORD processId = pid ? *pid : 0;
     Listeners listeners;
+    std::optional<ListWrite> write;
     DWORD result;
     {
         LockGuard lock(*this);
-        result = UnregisterLocked(credential, processId, listeners);
+        result = UnregisterLocked(credential, processId, listeners, write);
     }
+    // Answered once the list no longer names the process: a crash after the answer must not
+    // hold the credential for it again. A credential let go is checked in only after this.
+    if (write) WriteList(*write);
+    write.reset();
     TellRemoved(listeners, processId);
     m_audit.Report();
     return result;
 }
 
-DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners) {
+DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners,
+                                        std::optional<ListWrite>& write) {
     m_lock.CheckHeld(L"[SharedIdMonitor::UnregisterLocked]\t called without the monitor lock");
     NS_Log::Log(3, kUnregisterTag, L" Start unregistering shared credential.");
     if (!credential.HasSignature()) {
@@ -292,7 +358,7 @@ DWORD SharedIdMonitor::UnregisterLocked(const CSharedId& credential, DWORD pid, 
             m_audit.Released(*live, pid);
             listeners = live->GetListeners();
             // Even when none is left: the process runs on, and a restart must not hold it for it.
-            WriteHoldersLocked(*live);
+            write = PrepareListLocked(live);
         }
         NS_Log::Log(3, kUnregisterTag,
                     L" found shared object with signature " + signature + L" Count = " + std::to_wstring(count));
@@ -344,17 +410,21 @@ bool SharedIdMonitor::GetCredsRegistered(DWORD pid, const CSharedId& credential,
         return false;
     }
     Listeners listeners;
+    std::optional<ListWrite> write;
     bool found;
     {
         LockGuard lock(*this);
-        found = GetLocked(pid, credential, registered, listeners);
+        found = GetLocked(pid, credential, registered, listeners, write);
     }
+    if (write) WriteList(*write);
+    write.reset();
     TellAdded(listeners, pid);
     m_audit.Report();
     return found;
 }
 
-bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners) {
+bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners,
+                                std::optional<ListWrite>& write) {
     m_lock.CheckHeld(L"[SharedIdMonitor::GetLocked]\t called without the monitor lock");
     auto [it, end] = EntriesForLookUp(kGetTag, credential);
     for (; it != end; ++it) {
@@ -374,7 +444,7 @@ bool SharedIdMonitor::GetLocked(DWORD pid, const CSharedId& credential, CSharedI
         if (!ClaimTakenUp(entry->second, live.get())) entry->second.credentials.push_back(live);
         if (added) {
             listeners = live->GetListeners();
-            WriteHoldersLocked(*live);
+            write = PrepareListLocked(live);
             m_audit.TakenOver(*live, pid);
         }
         *registered = CSharedId(*live);

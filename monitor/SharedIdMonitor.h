@@ -27,6 +27,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,9 @@ public:
         kNotAlive = 5,
         kProcessNotRegistered = 7,
         kEmptySignature = 8,
+        // The credential's file (or its holder list) could not be written and flushed: the
+        // client is told so and keeps the credential; nothing of it stays registered.
+        kNotStored = 9,
     };
 
     struct ProcessMapValue {
@@ -86,6 +90,8 @@ public:
     // queued for check-in. At start (owner's thread), and on the worker when the agent can be
     // reached again after files were kept.
     [[nodiscard]] bool GCUncheckedInCredentials() override;
+    // How often files that another program had open at their take-up are tried again.
+    static constexpr DWORD kBusyRetryMs = 2000;
 
     void LeaseIncrease();
     void LeaseDecrease() override;
@@ -150,25 +156,53 @@ private:
     SharedIdMonitor();
     ProcessMap::iterator InsertAndGetPMEntry(DWORD pid);
     void ErasePMEntry(ProcessMap::iterator entry);
+    // What runs when a credential's last strong reference drops: it goes to the check-in pipeline.
+    struct ReleaseAction {
+        std::weak_ptr<SharedIdMonitor> monitor;  // reset: only freed (a refused registration's)
+        void operator()(CSharedId* raw) const;
+    };
     std::shared_ptr<CSharedId> MakeCredential(CSharedId record);
+    // Drops a credential made for a registration that is refused: freed, never checked in.
+    static void Unmake(std::shared_ptr<CSharedId> credential);
     std::shared_ptr<CSharedId> FindLiveForRegistration(const std::wstring& signature);
     // The signature's entries for a look-up, logged under `tag`; empty without a signature.
     std::pair<SignatureMap::iterator, SignatureMap::iterator> EntriesForLookUp(const wchar_t* tag,
                                                                                const CSharedId& credential);
+    // A holder list to be written once the monitor lock is left: numbered and read under it,
+    // written without it (WriteList), so that a slow or hung disk holds up no other caller. The
+    // strong reference keeps the credential from being checked in (its file deleted) meanwhile.
+    struct ListWrite {
+        std::shared_ptr<CSharedId> credential;
+        std::vector<HolderProcess> holders;
+        ULONGLONG number = 0;
+    };
     [[nodiscard]] DWORD RegisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    [[nodiscard]] DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners);
-    [[nodiscard]] bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners);
-    void PersistLocked(CSharedId& credential);
+    [[nodiscard]] DWORD UnregisterLocked(const CSharedId& credential, DWORD pid, Listeners& listeners,
+                                         std::optional<ListWrite>& write);
+    [[nodiscard]] bool GetLocked(DWORD pid, const CSharedId& credential, CSharedId* registered, Listeners& listeners,
+                                 std::optional<ListWrite>& write);
+    // False, logged, when the file could not be written; the record keeps the file it had.
+    [[nodiscard]] bool PersistLocked(CSharedId& credential);
     // The credential's holders with their creation times, from the process map.
     std::vector<HolderProcess> HoldersOfLocked(const CSharedId& credential) const;
-    // Replaces the holder list beside the credential's file after its holders changed.
+    // Replaces the holder list beside the credential's file after its holders changed, waiting
+    // for a list write of it that runs outside the lock (only where files are taken up).
     void WriteHoldersLocked(CSharedId& credential);
+    ListWrite PrepareListLocked(const std::shared_ptr<CSharedId>& credential);
+    void WriteList(const ListWrite& write);
     // Holds a credential read from its file again for those of its listed holders that still
     // run, as a record of its own unless a record of the same lease (signature and lease DN) is
     // held: that one then takes the holders it lacks and the file is deleted as its copy. With
     // no running holder only that second case applies. False, with the record untouched, when
     // neither did.
     [[nodiscard]] bool AdoptLocked(CSharedId& record, const std::vector<HolderProcess>& running);
+    // Holds again or queues for check-in the records read from their files (claimed), as at start;
+    // files in use by another program are tried again later.
+    void TakeUp(std::list<CSharedId>& stored);
+    void ScheduleBusyRetry();
+    static void CALLBACK BusyRetryDue(void* context, BOOLEAN);
+    // Worker: the files in use tried again.
+    void RetryBusyFiles();
     // The holders in the record's list that still run; none when it has no list (`listed`: the
     // files that have one, from one listing of the folder).
     std::vector<HolderProcess> RunningHolders(const CSharedId& record, const std::set<std::wstring>& listed) const;
@@ -196,6 +230,8 @@ private:
     void CopyHeldLocked(std::vector<CredentialStatus>& held, std::vector<std::weak_ptr<CSharedId>>& records) const;
 
     std::shared_ptr<ILeaseWatcher> m_leaseMonitor;
+    // Armed while files in use wait to be tried again; under the monitor lock, deleted outside it.
+    NS_Utils::UniqueTimerQueueTimer m_busyRetry;
     std::atomic<LONG> m_leaseCount{0};
     // Set when the service stops: ends the logoff's wait for check-ins at once.
     NS_Utils::UniqueHandle m_stopping{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};

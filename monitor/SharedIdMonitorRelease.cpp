@@ -31,6 +31,9 @@ void CALLBACK SharedIdMonitor::WaitCallback(void* context, BOOLEAN timerOrWaitFi
 
 void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
     const DWORD processId = pid ? *pid : 0;
+    // Released if this was their last holder, once the lists are written and the lock is left.
+    std::vector<std::shared_ptr<CSharedId>> held;
+    std::vector<ListWrite> writes;
     {
         LockGuard lock(*this);
         NS_Log::Log(3, kExitTag + std::wstring(L" Start clearing shared credentials for PID(") +
@@ -45,14 +48,20 @@ void SharedIdMonitor::OnProcessExit(const DWORD* pid) {
                                L") not found in processMap.");
             return;
         }
-        // Released here if this was their last holder, after the lock is left.
-        const std::vector<std::shared_ptr<CSharedId>> held = entry->second.credentials;
+        held = entry->second.credentials;
         ErasePMEntry(entry);
         m_audit.Exited(processId, held);
         for (auto it = held.begin(); it != held.end(); ++it)
-            if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it) WriteHoldersLocked(**it);
+            if (!(*it)->GetHolderPids().empty() && std::find(held.begin(), it, *it) == it)
+                writes.push_back(PrepareListLocked(*it));
     }
+    // Outside the lock: on a slow share no other caller waits for them. The process has gone, so
+    // a crash before its list is rewritten does not hold the credential for it again.
+    for (const ListWrite& write : writes) WriteList(write);
+    writes.clear();
+    // Before the last references go: their check-ins are audited after this exit.
     m_audit.Report();
+    held.clear();
     NS_Log::Log(3, kExitTag + std::wstring(L" Completed successfully."));
 }
 
@@ -91,6 +100,11 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
                            std::to_wstring(result));
         return false;
     }
+    TakeUp(stored);
+    return true;
+}
+
+void SharedIdMonitor::TakeUp(std::list<CSharedId>& stored) {
     size_t count = 0;
     const std::set<std::wstring> listed = m_storage.FilesWithHolderLists();
     // Files with running holders first: another file of a lease held again (the one its last
@@ -121,7 +135,44 @@ bool SharedIdMonitor::GCUncheckedInCredentials() {
     m_audit.Report();
     // Nothing holds these any more: they are checked in now, not at the first registration.
     (void)m_gc->Start();  // a failure is logged and shown in the status
-    return true;
+    if (m_storage.HasBusyFiles()) ScheduleBusyRetry();
+}
+
+void SharedIdMonitor::ScheduleBusyRetry() {
+    LockGuard lock(*this);
+    if (m_busyRetry || ::WaitForSingleObject(m_stopping.get(), 0) == WAIT_OBJECT_0) return;
+    HANDLE timer = nullptr;
+    // A one-shot timer that only queues the retry: the worker never sleeps for it, and the
+    // retry runs in turn with the check-ins.
+    if (!::CreateTimerQueueTimer(&timer, nullptr, &SharedIdMonitor::BusyRetryDue, this, kBusyRetryMs, 0,
+                                 WT_EXECUTEONLYONCE)) {
+        NS_Log::Log(1, kGcTag + std::wstring(L" Cannot schedule the files in use to be tried again. Error = ") +
+                           std::to_wstring(::GetLastError()));
+        return;
+    }
+    m_busyRetry = NS_Utils::UniqueTimerQueueTimer(timer);
+}
+
+void CALLBACK SharedIdMonitor::BusyRetryDue(void* context, BOOLEAN) {
+    // The timer is deleted (waiting for this callback) before the monitor goes.
+    auto* monitor = static_cast<SharedIdMonitor*>(context);
+    monitor->m_gc->Queue([weak = monitor->weak_from_this()] {
+        if (std::shared_ptr<SharedIdMonitor> owner = weak.lock()) owner->RetryBusyFiles();
+    });
+}
+
+void SharedIdMonitor::RetryBusyFiles() {
+    m_gc->WorkerRule().Check(L"[SharedIdMonitor::RetryBusyFiles]\t called off the collector's worker");
+    NS_Utils::UniqueTimerQueueTimer done;
+    {
+        LockGuard lock(*this);
+        done = std::move(m_busyRetry);
+    }
+    // Deleted outside the lock: it has fired, and its callback only queues.
+    done.reset();
+    std::list<CSharedId> stored;
+    m_storage.TakeUpBusyFiles(stored);
+    TakeUp(stored);
 }
 
 std::vector<HolderProcess> SharedIdMonitor::RunningHolders(const CSharedId& record,
@@ -181,8 +232,9 @@ bool SharedIdMonitor::AdoptLocked(CSharedId& record, const std::vector<HolderPro
     const std::wstring expiry = credential->GetLeaseExpiry();
     if (isNew && m_leaseMonitor) m_leaseMonitor->AddLeaseExpirationInfo(credential);
     // An expiry that could not be read was replaced: written, so that the next start keeps it.
+    // A failure keeps the file as it was: the next start gives it a deadline again.
     if (credential->GetLeaseExpiry() != expiry)
-        PersistLocked(*credential);
+        (void)PersistLocked(*credential);
     else if (added)
         WriteHoldersLocked(*credential);
     if (added) m_audit.HeldAgain(*credential);

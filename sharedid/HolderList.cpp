@@ -11,7 +11,7 @@ namespace {
 constexpr wchar_t kCredentialExtension[] = L".dat";
 constexpr wchar_t kHolderExtension[] = L".holders";
 constexpr wchar_t kPendingSuffix[] = L".new";
-constexpr DWORD kMaxListBytes = 64 * 1024;
+constexpr DWORD kReadChunkBytes = 64 * 1024;
 // The end of a process can cut a write short only between pages.
 constexpr size_t kUntornBytes = 4096;
 
@@ -125,10 +125,17 @@ std::optional<std::vector<HolderProcess>> ReadHolderList(const std::wstring& cre
                                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                               OPEN_EXISTING, 0, nullptr));
     if (!file) return std::nullopt;
-    std::string text(kMaxListBytes, '\0');
-    DWORD read = 0;
-    if (!::ReadFile(file.get(), text.data(), kMaxListBytes, &read, nullptr)) return std::nullopt;
-    text.resize(read);
+    // Read to its end, however long: a list that held thousands of holders (most of them long
+    // gone) read only in part would look cut short, and its live holder would lose the credential.
+    std::string text;
+    for (;;) {
+        const size_t at = text.size();
+        text.resize(at + kReadChunkBytes);
+        DWORD read = 0;
+        if (!::ReadFile(file.get(), text.data() + at, kReadChunkBytes, &read, nullptr)) return std::nullopt;
+        text.resize(at + read);
+        if (read == 0) break;
+    }
     return ParseList(text);
 }
 

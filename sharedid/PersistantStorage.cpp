@@ -2,7 +2,10 @@
 
 #include "common/Log.h"
 #include "common/WinHandles.h"
+#include "sharedid/ClaimMark.h"
 #include "sharedid/SharedIdFile.h"
+
+#include <utility>
 
 
 namespace {
@@ -47,14 +50,25 @@ PersistantStorage::PersistantStorage() {
     std::wstring appData = AppDataFolder();
     if (appData.empty()) return;
     // The separator is always added: a doubled backslash is harmless to every file API.
-    std::wstring kel = appData + L"\\" + L"Kel\\";
-    m_folder = kel + L"Tarrow\\";
+    m_folder = appData + L"\\" + L"Kel\\" + L"Tarrow\\";
+    (void)MakeFolder(L"PersistantStorage::PersistantStorage");  // a failure is kept; a registration tries again
+}
+
+bool PersistantStorage::MakeFolder(const wchar_t* operation) {
+    const std::wstring kel = m_folder.substr(0, m_folder.size() - std::size(L"Tarrow\\") + 1);
     for (const std::wstring& folder : {kel, m_folder}) {
-        if (!::CreateDirectoryW(folder.c_str(), nullptr) && ::GetLastError() != ERROR_ALREADY_EXISTS) {
-            KeepErrors({NS_SHAREDID_UTILS::kStepFile, ::GetLastError()}, L"PersistantStorage::PersistantStorage");
-            break;
+        if (::CreateDirectoryW(folder.c_str(), nullptr)) continue;
+        DWORD error = ::GetLastError();
+        // A file of that name is no folder: nothing can be written under it.
+        if (error == ERROR_ALREADY_EXISTS) {
+            const DWORD attributes = ::GetFileAttributesW(folder.c_str());
+            if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY)) continue;
+            error = ERROR_DIRECTORY;
         }
+        KeepErrors({NS_SHAREDID_UTILS::kStepFile, error}, operation);
+        return false;
     }
+    return true;
 }
 
 std::wstring PersistantStorage::NewFileName() {
@@ -80,13 +94,19 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
     // The list first: a crash before the record's text leaves an empty file, which the next start
     // removes with its list, never a credential file without the holders it had.
     // A list that cannot be written is logged; the credential is kept all the same.
+    // A credential whose list cannot be written would be checked in under its holders after a
+    // crash: it is not stored either.
     NS_Utils::UniqueHandle list;
     DWORD listBytes = 0;
     if (file && holders) {
         list = NS_SHAREDID_UTILS::CreateHolderList(record.GetFileName(), *holders, listBytes);
-        if (!list) LogListFailure(record);
+        if (!list) {
+            errors.push_back(NS_SHAREDID_UTILS::kStepFile);
+            errors.push_back(::GetLastError());
+            LogListFailure(record);
+        }
     }
-    if (!file || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
+    if (!file || (holders && !list) || !NS_SHAREDID_UTILS::WriteSharedIdToHandle(record, file.get(), errors)) {
         // A partly written file would be unreadable for good, and the name may be another's.
         list.reset();
         if (file)
@@ -96,7 +116,7 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
         return kWriteFailed;
     }
     CFileClaim earlier = record.TakeFileClaim();
-    record.ClaimFile(std::move(file));
+    Claim(record, std::move(file));
     record.FileClaim().KeepHolders(std::move(list), listBytes);
     // Only now that the new file is on the disk: a credential registered again is written anew,
     // and its earlier file would otherwise be found at the next start and checked in twice.
@@ -107,17 +127,48 @@ int PersistantStorage::Persist(CSharedId& record, const std::vector<HolderProces
 
 NS_Utils::UniqueHandle PersistantStorage::CreateNamedFile(CSharedId& record, std::list<DWORD>& errors) {
     std::wstring name;
+    bool folderMade = false;
     for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
         name = NextFileName(name);
         errors.clear();
         record.SetFileName(m_folder + name);
         NS_Utils::UniqueHandle file = NS_SHAREDID_UTILS::CreateSharedIdFile(record.GetFileName(), errors);
         if (file) return file;
+        const DWORD error = errors.empty() ? 0 : errors.back();
+        // The folder went after the start (a clean-up tool, a profile reset): made again, once.
+        if (error == ERROR_PATH_NOT_FOUND && !std::exchange(folderMade, true)) {
+            NS_Log::Log(
+                2, L"[PersistantStorage::Persist]\t The credential folder is missing; making it again: " + m_folder);
+            if (!MakeFolder(L"PersistantStorage::Persist")) break;
+            --attempt;
+            continue;
+        }
         // Names are the local time without padding: they meet within a millisecond and even
         // across dates. A taken name is never overwritten; a fresh time gives another.
-        if (errors.empty() || errors.back() != ERROR_FILE_EXISTS) break;
+        if (error != ERROR_FILE_EXISTS) break;
     }
     return {};
+}
+
+void PersistantStorage::Claim(CSharedId& record, NS_Utils::UniqueHandle file) {
+    record.ClaimFile(std::move(file));
+    record.FileClaim().KeepMark(NS_SHAREDID_UTILS::MarkClaim(record.GetFileName()));
+}
+
+bool PersistantStorage::LeaveOnDisk(CSharedId& record) {
+    if (record.HoldsFileClaim() && ::GetFileAttributesW(record.GetFileName().c_str()) != INVALID_FILE_ATTRIBUTES) {
+        record.ReleaseFileClaim();
+        return true;
+    }
+    // Its file is gone (or was never written): written anew, without a holder list, so that the
+    // next take-up checks it in. Never by the old name, which may be another's by now.
+    record.ReleaseFileClaim();
+    record.SetFileName({});
+    if (Persist(record) != kOk) return false;
+    NS_Log::Log(2, L"[PersistantStorage::LeaveOnDisk]\t A credential without its file was written anew: " +
+                       record.GetFileName());
+    record.ReleaseFileClaim();
+    return true;
 }
 
 bool PersistantStorage::WriteHolders(CSharedId& record, const std::vector<HolderProcess>& holders) {
@@ -195,51 +246,88 @@ int PersistantStorage::EnumCreds(std::list<CSharedId>& out) {
         return kEnumerationFailed;
     }
     do {
-        if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
-        std::wstring path = m_folder + found.cFileName;
-        NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
-        // Windows refuses to open a read-only file for writing; an administrator's account need
-        // not be refused, but the file could not be deleted after its check-in either.
-        if (claim && IsReadOnly(claim.get())) {
-            claim.reset();
-            ::SetLastError(ERROR_ACCESS_DENIED);
-        }
-        if (!claim) {
-            const DWORD error = ::GetLastError();
-            if (error == ERROR_SHARING_VIOLATION)
-                NS_Log::Log(
-                    3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
-            // Read-only, or denied to this user: taken up without a claim, it would be checked in
-            // again at every take-up and could never be deleted.
-            else if (error != ERROR_FILE_NOT_FOUND && FirstReport(path))
-                NS_Log::Log(1,
-                            L"[PersistantStorage::EnumCreds]\t Leaving credential file that cannot be claimed (error " +
-                                std::to_wstring(error) + L"): " + path);
-            continue;
-        }
-        // A crash between making a credential's file and writing it leaves it empty: it holds
-        // nothing to check in, and left alone it would be skipped as unreadable at every start.
-        if (IsEmptyFile(claim.get())) {
-            NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
-            (void)DeleteFiles(path, CFileClaim(std::move(claim)));  // a failure is kept; the next start tries again
-            continue;
-        }
-        CSharedId record;
-        std::list<DWORD> errors;
-        if (!NS_SHAREDID_UTILS::readSharedIdFromHandle(record, claim.get(), errors)) {
-            if (FirstReport(path)) {
-                NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
-                if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
-            }
-            continue;
-        }
-        record.SetFileName(path);
-        record.ClaimFile(std::move(claim));
-        out.push_back(std::move(record));
+        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) TakeUpFile(m_folder + found.cFileName, out);
     } while (::FindNextFileW(search.get(), &found));
     search.reset();
     RemoveOrphanHolderLists();
     return kOk;
+}
+
+void PersistantStorage::TakeUpBusyFiles(std::list<CSharedId>& out) {
+    std::set<std::wstring> busy;
+    {
+        NS_Utils::CritSecGuard guard(m_errorsLock);
+        busy = m_busy;
+    }
+    for (const std::wstring& path : busy) TakeUpFile(path, out);
+}
+
+bool PersistantStorage::HasBusyFiles() const {
+    NS_Utils::CritSecGuard guard(m_errorsLock);
+    return !m_busy.empty();
+}
+
+void PersistantStorage::SetBusy(const std::wstring& path, bool busy) {
+    NS_Utils::CritSecGuard guard(m_errorsLock);
+    if (busy)
+        m_busy.insert(path);
+    else
+        m_busy.erase(path);
+}
+
+void PersistantStorage::TakeUpFile(const std::wstring& path, std::list<CSharedId>& out) {
+    NS_Utils::UniqueHandle claim = ClaimStoredFile(path);
+    // Windows refuses to open a read-only file for writing; an administrator's account need
+    // not be refused, but the file could not be deleted after its check-in either.
+    if (claim && IsReadOnly(claim.get())) {
+        claim.reset();
+        ::SetLastError(ERROR_ACCESS_DENIED);
+    }
+    if (!claim) {
+        const DWORD error = ::GetLastError();
+        if (error == ERROR_SHARING_VIOLATION) {
+            // A live instance marks what it claims. Anything else that has the file open (a
+            // scanner, a backup, an editor) has it for a while only: tried again until taken up.
+            const bool live = NS_SHAREDID_UTILS::IsClaimMarked(path);
+            SetBusy(path, !live);
+            if (live)
+                NS_Log::Log(
+                    3, L"[PersistantStorage::EnumCreds]\t Skipping credential file held by another instance: " + path);
+            else if (FirstReport(path + L" (in use)"))
+                NS_Log::Log(2,
+                            L"[PersistantStorage::EnumCreds]\t Credential file in use by another program, tried "
+                            L"again later: " +
+                                path);
+            return;
+        }
+        SetBusy(path, false);
+        // Read-only, or denied to this user: taken up without a claim, it would be checked in
+        // again at every take-up and could never be deleted.
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && FirstReport(path))
+            NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Leaving credential file that cannot be claimed (error " +
+                               std::to_wstring(error) + L"): " + path);
+        return;
+    }
+    SetBusy(path, false);
+    // A crash between making a credential's file and writing it leaves it empty: it holds
+    // nothing to check in, and left alone it would be skipped as unreadable at every start.
+    if (IsEmptyFile(claim.get())) {
+        NS_Log::Log(2, L"[PersistantStorage::EnumCreds]\t Removing empty credential file " + path);
+        (void)DeleteFiles(path, CFileClaim(std::move(claim)));  // a failure is kept; the next start tries again
+        return;
+    }
+    CSharedId record;
+    std::list<DWORD> errors;
+    if (!NS_SHAREDID_UTILS::readSharedIdFromHandle(record, claim.get(), errors)) {
+        if (FirstReport(path)) {
+            NS_Log::Log(1, L"[PersistantStorage::EnumCreds]\t Skipping unreadable credential file " + path);
+            if (!errors.empty()) KeepErrors(errors, L"PersistantStorage::EnumCreds");
+        }
+        return;
+    }
+    record.SetFileName(path);
+    Claim(record, std::move(claim));
+    out.push_back(std::move(record));
 }
 
 NS_Utils::UniqueHandle PersistantStorage::ClaimStoredFile(const std::wstring& path) {

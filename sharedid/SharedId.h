@@ -1,6 +1,7 @@
 #pragma once
 // One checked-out shared credential, as a client registered it.
 
+#include "common/CriticalSection.h"
 #include "common/SecretString.h"
 #include "common/WinHandles.h"
 #include "sharedid/AbsSharedCredListener.h"
@@ -36,15 +37,41 @@ public:
         m_holdersBytes = bytes;
     }
     void SetHoldersBytes(DWORD bytes) noexcept { m_holdersBytes = bytes; }
+    // The mark that tells another instance meeting the open file that a live one claims it
+    // (sharedid/ClaimMark.h); it goes with the claim.
+    void KeepMark(NS_Utils::UniqueHandle mark) noexcept { m_mark = std::move(mark); }
     void Release() noexcept {
         m_holders.reset();
         m_file.reset();
+        m_mark.reset();
     }
 
 private:
+    NS_Utils::UniqueHandle m_mark;  // destroyed after the file: an open file is never seen unmarked
     NS_Utils::UniqueHandle m_file;
     NS_Utils::UniqueHandle m_holders;
     DWORD m_holdersBytes = 0;
+};
+
+// The order of a record's holder-list writes. A write is numbered where its holders are read
+// (under the registry lock) and done under this lock, without the registry's: one numbered
+// before a write already on the disk is left out, so the list on the disk is always the newest
+// of those written, whatever order the writing threads come in. A record's copy starts afresh.
+class CListWrites {
+public:
+    CListWrites() = default;
+    CListWrites(CListWrites&&) noexcept = default;
+    CListWrites& operator=(CListWrites&&) noexcept = default;
+
+    NS_Utils::CriticalSection& Lock() const noexcept { return *m_lock; }
+    ULONGLONG Next() noexcept { return ++m_numbered; }                    // under the registry lock
+    bool Outdated(ULONGLONG n) const noexcept { return n <= m_written; }  // under Lock()
+    void Written(ULONGLONG n) noexcept { m_written = n; }                 // under Lock()
+
+private:
+    std::unique_ptr<NS_Utils::CriticalSection> m_lock = std::make_unique<NS_Utils::CriticalSection>();
+    ULONGLONG m_numbered = 0;
+    ULONGLONG m_written = 0;
 };
 
 // Threads: a record that the registry holds is read and changed (holders, listeners, expiry text,
@@ -124,6 +151,9 @@ public:
     bool HoldsFileClaim() const noexcept { return m_fileClaim.Held(); }
     HANDLE FileClaimHandle() const noexcept { return m_fileClaim.Handle(); }
     CFileClaim& FileClaim() noexcept { return m_fileClaim; }
+    // While the registry holds the record, its claim (and the holder list through it) changes
+    // only under ListWrites().Lock().
+    CListWrites& ListWrites() noexcept { return m_listWrites; }
 
 private:
     bool m_flag = false;
@@ -145,4 +175,5 @@ private:
     NS_Utils::SecretString m_auxText6;  // memory only
     std::wstring m_fileName;
     CFileClaim m_fileClaim;
+    CListWrites m_listWrites;
 };

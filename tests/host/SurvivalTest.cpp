@@ -5,8 +5,12 @@
 // answers is shown as such and does not hold up the stop. Credential files as crashes leave them
 // (two leases of one credential, a replaced file that could not be deleted, an expiry that cannot
 // be read) are never checked in under a running holder, dropped unchecked or given a fresh deadline.
+// An answer of 0 means the credential is on the disk: a folder that went is made again, one that
+// cannot be written refuses the registration. A file that another program holds open at the
+// start is taken up once it lets go, and a holder list of any length is read.
 
 #include "common/Registry.h"
+#include "monitor/SharedIdMonitor.h"
 #include "sharedid/ExpiryTime.h"
 #include "sharedid/HolderList.h"
 #include "sharedid/PersistantStorage.h"
@@ -78,13 +82,22 @@ protected:
         ASSERT_EQ(storage.Persist(record, &holders), PersistantStorage::kOk);
     }
     // The status's state of the credential or file whose lease DN is `leaseDN`; empty when none.
-    std::wstring StateOf(const std::wstring& leaseDN) {
+    bool Status(tarrowctl::StatusText& text) {
         NS_Utils::ComPtr<ITarrowStatus> status;
         NS_Utils::UniqueVariant snapshot;
+        return SUCCEEDED(tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) &&
+               SUCCEEDED(status->GetStatus(snapshot.get())) && tarrowctl::ReadStatus(*snapshot.get(), text);
+    }
+    std::wstring LeaseCount() {
         tarrowctl::StatusText text;
-        if (FAILED(tarrow->QueryInterface(IID_ITarrowStatus, status.put_void())) ||
-            FAILED(status->GetStatus(snapshot.get())) || !tarrowctl::ReadStatus(*snapshot.get(), text))
-            return L"unreadable";
+        if (!Status(text)) return L"unreadable";
+        for (const auto& [name, value] : text.service)
+            if (name == L"lease count") return value;
+        return {};
+    }
+    std::wstring StateOf(const std::wstring& leaseDN) {
+        tarrowctl::StatusText text;
+        if (!Status(text)) return L"unreadable";
         const std::wstring state = tarrowctl::CredentialField(text, leaseDN, L"state");
         const std::wstring since = tarrowctl::CredentialField(text, leaseDN, L"checking_in_since");
         return since.empty() ? state : state + L" since " + since;
@@ -270,6 +283,105 @@ TEST_F(SurvivalTest, AnUnreadableExpiryKeepsItsDeadlineAcrossRestarts) {
     registered.Kill();
     left.Kill();
     EXPECT_TRUE(WaitUntil([] { return CheckIns() == 2 && Files() == 0; }));
+}
+
+// The folder removed while nothing is registered (a clean-up tool) is made again by the next
+// registration; one that a file stands in for refuses registrations, and checks nothing of them
+// in, while what was answered 0 before stays held, and is held again after a crash.
+TEST_F(SurvivalTest, AnAnswerOf0MeansTheCredentialIsOnTheDisk) {
+    const std::wstring folder = CredentialFolder().substr(0, CredentialFolder().size() - 1);
+    ASSERT_EQ(Files(), 0u);
+    for (const std::wstring& list : ListFiles(CredentialFolder(), L"*"))
+        ::DeleteFileW((CredentialFolder() + list).c_str());
+    ASSERT_TRUE(::RemoveDirectoryW(folder.c_str()));
+    ChildProcess kept = StartHolder(), refused = StartHolder(), later = StartHolder();
+    ASSERT_EQ(Register(kept.Id(), Credential(L"kept")), 0u);
+    ASSERT_FALSE(OnDisk(L"cn=kept").GetFileName().empty()) << "answered 0 without its file";
+
+    // Moved away with the file in it (the service keeps it open), a file in its place.
+    const std::wstring away = folder + L".away";
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away.c_str(), 0));
+    ASSERT_TRUE(WriteFileBytes(folder, "x", 1));
+    EXPECT_EQ(Register(refused.Id(), Credential(L"refused")), SharedIdMonitor::kNotStored);
+    EXPECT_FALSE(Found(Credential(L"refused")));
+    EXPECT_EQ(Register(refused.Id(), Credential(L"kept")), SharedIdMonitor::kNotStored);
+    EXPECT_EQ(Release(refused.Id(), Credential(L"kept")), SharedIdMonitor::kProcessNotRegistered)
+        << "a refused registration left its process registered";
+    EXPECT_EQ(StateOf(L"cn=kept"), L"held");
+
+    Crash();
+    ASSERT_TRUE(::DeleteFileW(folder.c_str()));
+    ASSERT_TRUE(::MoveFileExW(away.c_str(), folder.c_str(), 0));
+    Restart();
+    EXPECT_EQ(StateOf(L"cn=kept"), L"held");
+    // The worker runs in order: had the refused credential been queued, it would be checked in first.
+    ASSERT_EQ(Register(later.Id(), Credential(L"later")), 0u);
+    later.Kill();
+    ASSERT_TRUE(WaitUntil([] { return CheckIns("cn=later|") == 1; }));
+    refused.Kill();
+    kept.Kill();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=kept|") == 1 && Files() == 0; }));
+    EXPECT_EQ(CheckIns("cn=refused|"), 0u) << "checked in behind the client's back";
+    EXPECT_EQ(CheckIns(), 2u);
+}
+
+// A leftover file that another program (a scanner) holds open without delete sharing at the start
+// is taken up once it lets go; a list of thousands of holders, all gone but one, keeps the
+// credential held for that one.
+TEST_F(SurvivalTest, AFileInUseAtTheStartAndALongHolderListAreTakenUp) {
+    ChildProcess live = StartHolder();
+    std::vector<HolderProcess> holders;
+    for (DWORD i = 0; i < 3000; ++i) holders.push_back({0x7FFF0000 + i * 4, 132000000000000000ull + i});
+    holders.push_back(Listed(live));
+    Crash();
+    Leave(Credential(L"long"), holders);
+    ASSERT_GT(ReadFileBytes(NS_SHAREDID_UTILS::HolderListPath(OnDisk(L"cn=long").GetFileName())).size(), 65536u);
+    CSharedId scanned = Credential(L"scanned");
+    Leave(scanned, {});
+    NS_Utils::UniqueHandle scanner(::CreateFileW(OnDisk(L"cn=scanned").GetFileName().c_str(), GENERIC_READ,
+                                                 FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(scanner.valid());
+    Restart();
+    EXPECT_EQ(StateOf(L"cn=long"), L"held");
+    EXPECT_EQ(StateOf(L"cn=scanned"), L"on disk");
+    EXPECT_EQ(CountInServiceLog(L"in use by another program"), 1u);
+    EXPECT_EQ(CheckIns("cn=scanned|"), 0u);
+    scanner.reset();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=scanned|") == 1; })) << "never taken up";
+    EXPECT_EQ(CheckIns("cn=long|"), 0u) << "checked in under its live holder";
+    live.Kill();
+    EXPECT_TRUE(WaitUntil([] { return CheckIns("cn=long|") == 1 && Files() == 0; }));
+}
+
+// While the agent cannot be reached, a credential let go is left on the disk for its return: one
+// whose file went with the folder is written anew in the folder made again, and one that cannot be
+// written at all waits in memory; both are checked in once the agent is back.
+TEST_F(SurvivalTest, ACredentialLetGoWhileTheAgentIsAwayIsNeverKeptWithoutItsFile) {
+    const std::wstring folder = CredentialFolder().substr(0, CredentialFolder().size() - 1);
+    const std::wstring away[2] = {folder + L".away1", folder + L".away2"};
+    ASSERT_TRUE(standin::Unregister());
+    Restart();
+    ChildProcess first = StartHolder(), second = StartHolder();
+    ASSERT_EQ(Register(first.Id(), Credential(L"rewritten")), 0u);
+    ASSERT_EQ(Register(second.Id(), Credential(L"inmemory")), 0u);
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away[0].c_str(), 0));
+    first.Kill();
+    ASSERT_TRUE(WaitUntil([] { return Files() == 1; })) << "kept without its file";
+    EXPECT_EQ(StateOf(L"cn=rewritten"), L"on disk");
+
+    ASSERT_TRUE(::MoveFileExW(folder.c_str(), away[1].c_str(), 0));
+    ASSERT_TRUE(WriteFileBytes(folder, "x", 1));
+    second.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return CountInServiceLog(L"it waits in memory: cn=inmemory") >= 1; }));
+    EXPECT_EQ(StateOf(L"cn=inmemory"), L"waiting for check-in");
+    EXPECT_EQ(LeaseCount(), L"1") << "let go without its file";
+    ASSERT_TRUE(::DeleteFileW(folder.c_str()));
+    ASSERT_TRUE(::MoveFileExW(away[1].c_str(), folder.c_str(), 0));
+    ASSERT_TRUE(standin::Register());
+    EXPECT_TRUE(
+        WaitUntil([] { return CheckIns("cn=rewritten|") == 1 && CheckIns("cn=inmemory|") == 1 && Files() == 0; }));
+    for (const std::wstring& name : ListFiles(away[0] + L"\\", L"*")) ::DeleteFileW((away[0] + L"\\" + name).c_str());
+    ::RemoveDirectoryW(away[0].c_str());
 }
 
 }  // namespace

@@ -109,4 +109,29 @@ TEST(PersistantStorageTest, AFileThatCannotBeDeletedOrClaimedIsLeftWithItsList) 
     ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
+// Another instance's files (marked as claimed) are left alone for good; a file that some other
+// program has open is tried again and taken up once that program lets go.
+TEST(PersistantStorageTest, AFileInUseIsTriedAgainUnlessALiveInstanceClaimsIt) {
+    ::SetEnvironmentVariableW(L"appdata", MakeTempFolder(L"appdata").c_str());
+    PersistantStorage sibling, storage;
+    CSharedId held = Credential(L"held"), left = Credential(L"left");
+    ASSERT_EQ(sibling.Persist(held), PersistantStorage::kOk);
+    ASSERT_EQ(sibling.Persist(left), PersistantStorage::kOk);
+    left.ReleaseFileClaim();
+    NS_Utils::UniqueHandle scanner(
+        ::CreateFileW(left.GetFileName().c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(scanner.valid());
+    std::list<CSharedId> found;
+    ASSERT_EQ(storage.EnumCreds(found), PersistantStorage::kOk);
+    EXPECT_TRUE(found.empty());
+    EXPECT_TRUE(storage.HasBusyFiles());
+    storage.TakeUpBusyFiles(found);
+    EXPECT_TRUE(found.empty()) << "taken from under the program that has it open";
+    scanner.reset();
+    storage.TakeUpBusyFiles(found);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found.front().GetLeaseDN(), left.GetLeaseDN());
+    EXPECT_FALSE(storage.HasBusyFiles()) << "the sibling's file is tried again for ever";
+}
+
 }  // namespace
