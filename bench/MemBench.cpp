@@ -23,6 +23,8 @@ using testsupport::ChildProcess;
 
 namespace {
 
+constexpr DWORD kQuietMs = 15000;
+
 struct Reading {
     double privateMb = 0;
     int threads = 0;
@@ -138,7 +140,7 @@ int wmain(int argc, wchar_t** argv) {
         testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
                                60000);
     }
-    const Reading warm = Read(service.Handle(), service.Pid(), 5000);
+    const Reading warm = Read(service.Handle(), service.Pid(), kQuietMs);
     PrintRow("warm idle", warm, bareFloor);
 
     std::vector<ChildProcess> holders;
@@ -160,7 +162,8 @@ int wmain(int argc, wchar_t** argv) {
     holders.clear();
     testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
                            120000);
-    const Reading released = Read(service.Handle(), service.Pid());
+    // Long enough for the thread pool to end the workers the releases woke (Wine's end after 5 s idle).
+    const Reading released = Read(service.Handle(), service.Pid(), kQuietMs);
     PrintRow("all released", released, bareFloor);
     std::printf("%-28s against warm idle: %+.2f MB\n", "", released.privateMb - warm.privateMb);
 
@@ -173,7 +176,7 @@ int wmain(int argc, wchar_t** argv) {
     const double seconds = (bench::Now() - start) / 1000.0;
     testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
                            120000);
-    const Reading after = Read(service.Handle(), service.Pid());
+    const Reading after = Read(service.Handle(), service.Pid(), kQuietMs);
     const std::string label = "after " + std::to_string(cycles) + " cycles";
     PrintRow(label.c_str(), after, bareFloor);
     std::printf("%-28s against warm idle: %+.2f MB (%+.1f %%); the cycles took %.1f s\n", "",
