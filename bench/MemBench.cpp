@@ -1,9 +1,9 @@
 // Tarrow's private memory, printed, never asserted: idle, once one credential came and went
-// (warm), with 1, 100 and 1,000 credentials held
-// (each by a holder process of its own, its lease far ahead), once they are released, and after
-// 10,000 register/release cycles; each beside its floor measured in the same run: mem_floor, a
-// bare COM server with the libraries Tarrow has loaded, with as many process handles and
-// thread-pool waits as Tarrow has holders. Starts Tarrow.exe itself.
+// (warm), after 10,000 register/release cycles, with 1, 100 and 1,000 credentials held (each by
+// a holder process of its own, its lease far ahead) and once they are released; each beside its
+// floor measured in the same run: mem_floor, a bare COM server with the libraries Tarrow has
+// loaded, with as many process handles and thread-pool waits as Tarrow has holders. Starts
+// Tarrow.exe itself.
 //   mem_bench [most credentials=1000] [cycles=10000]
 
 #include "bench/BenchService.h"
@@ -105,10 +105,11 @@ void PrintRow(const char* label, const Reading& tarrow, const Reading& floor) {
                 floor.privateMb > 0 ? tarrow.privateMb / floor.privateMb : 0.0);
 }
 
-// What each credential added to the warm service, beside what each handle and wait added to the floor.
-void PrintPerCredential(int count, const Reading& tarrow, const Reading& warm, const Reading& floor,
+// What each credential added to the service (warm, after the cycles), beside what each handle and wait added to the
+// floor.
+void PrintPerCredential(int count, const Reading& tarrow, const Reading& base, const Reading& floor,
                         const Reading& bareFloor) {
-    const double ours = (tarrow.privateMb - warm.privateMb) * 1024.0 / count;
+    const double ours = (tarrow.privateMb - base.privateMb) * 1024.0 / count;
     const double platform = (floor.privateMb - bareFloor.privateMb) * 1024.0 / count;
     std::printf("%-28s per credential: Tarrow %7.1f kB | platform (handle + wait) %7.1f kB | aim %7.1f kB\n", "", ours,
                 platform, 1.5 * platform + 2.0);
@@ -143,6 +144,20 @@ int wmain(int argc, wchar_t** argv) {
     const Reading warm = Read(service.Handle(), service.Pid(), kQuietMs);
     PrintRow("warm idle", warm, bareFloor);
 
+    ChildProcess holder = ChildProcess::StartHelper(L"--sleep 3600000");
+    const double start = bench::Now();
+    for (int i = 0; i < cycles; ++i) {
+        const std::wstring role = L"cycle-" + std::to_wstring(i);
+        if (!client.Register(holder.Id(), role) || !client.Release(holder.Id(), role)) ++failed;
+    }
+    const double seconds = (bench::Now() - start) / 1000.0;
+    testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
+                           120000);
+    const Reading after = Read(service.Handle(), service.Pid(), kQuietMs);
+    const std::string cyclesLabel = "after " + std::to_string(cycles) + " cycles";
+    PrintRow(cyclesLabel.c_str(), after, bareFloor);
+    std::printf("%-28s against warm idle: %+.2f MB (%+.1f %%); the cycles took %.1f s\n", "",
+                after.privateMb - warm.privateMb, 100.0 * (after.privateMb - warm.privateMb) / warm.privateMb, seconds);
     std::vector<ChildProcess> holders;
     for (int count : {1, 100, 1000}) {
         count = std::min(count, most);
@@ -154,7 +169,7 @@ int wmain(int argc, wchar_t** argv) {
         const Reading floor = Floor(count, libraries);
         const std::string label = std::to_string(count) + " credentials held";
         PrintRow(label.c_str(), held, floor);
-        PrintPerCredential(count, held, warm, floor, bareFloor);
+        PrintPerCredential(count, held, after, floor, bareFloor);
         if (count == most) break;
     }
     for (size_t i = 0; i < holders.size(); ++i)
@@ -167,20 +182,6 @@ int wmain(int argc, wchar_t** argv) {
     PrintRow("all released", released, bareFloor);
     std::printf("%-28s against warm idle: %+.2f MB\n", "", released.privateMb - warm.privateMb);
 
-    ChildProcess holder = ChildProcess::StartHelper(L"--sleep 3600000");
-    const double start = bench::Now();
-    for (int i = 0; i < cycles; ++i) {
-        const std::wstring role = L"cycle-" + std::to_wstring(i);
-        if (!client.Register(holder.Id(), role) || !client.Release(holder.Id(), role)) ++failed;
-    }
-    const double seconds = (bench::Now() - start) / 1000.0;
-    testsupport::WaitUntil([] { return testsupport::ListFiles(testsupport::CredentialFolder(), L"*.dat").empty(); },
-                           120000);
-    const Reading after = Read(service.Handle(), service.Pid(), kQuietMs);
-    const std::string label = "after " + std::to_string(cycles) + " cycles";
-    PrintRow(label.c_str(), after, bareFloor);
-    std::printf("%-28s against warm idle: %+.2f MB (%+.1f %%); the cycles took %.1f s\n", "",
-                after.privateMb - warm.privateMb, 100.0 * (after.privateMb - warm.privateMb) / warm.privateMb, seconds);
     if (failed) std::printf("calls that failed: %d\n", failed);
 
     tarrow.reset();
