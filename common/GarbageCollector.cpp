@@ -3,6 +3,7 @@
 #include "common/ComHandles.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
+#include "common/Thread.h"
 
 #include <algorithm>
 #include <new>
@@ -52,7 +53,7 @@ bool CGarbageCollector::Start() {
     }
     m_running.store(1);
     ::ResetEvent(m_queue.StopEvent());
-    m_worker.reset(::CreateThread(nullptr, 0, &CGarbageCollector::WorkerEntry, this, 0, nullptr));
+    m_worker = NS_THREAD_UTILS::StartThread(NS_THREAD_UTILS::kWorkerStackBytes, &CGarbageCollector::WorkerEntry, this);
     if (!m_worker) {
         m_running.store(0);
         m_broken.store(true);

@@ -3,6 +3,7 @@
 
 #include "common/EventLog.h"
 #include "common/Log.h"
+#include "common/Thread.h"
 #include "common/WinHandles.h"
 #include "host/CallerSecurity.h"
 #include "host/CloseRequestWindow.h"
@@ -34,14 +35,14 @@ std::wstring SingleInstanceMutexName() {
 [[noreturn]] void EndAfterForcedStop() {
     constexpr DWORD kLastWordsMs = 1000;
     NS_Utils::UniqueHandle writer(::CreateThread(
-        nullptr, 0,
+        nullptr, NS_THREAD_UTILS::kLastWordsStackBytes,
         [](void*) -> DWORD {
             NS_Log::Log(1,
                         L"[wWinMain]\t A thread (check-in worker or lease poller) did not stop and was ended by "
                         L"force; the service ends now. Credential files stay for the next start.");
             return 0;
         },
-        nullptr, 0, nullptr));
+        nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
     if (writer) ::WaitForSingleObject(writer.get(), kLastWordsMs);
     ::TerminateProcess(::GetCurrentProcess(), 0);
     for (;;) ::Sleep(INFINITE);

@@ -19,6 +19,8 @@ constexpr const wchar_t* kMapLockedRule =
     L"[CLeaseMonitor]\t the registry or the window called under the expiry map lock";
 constexpr const wchar_t* kPollTag = L"[CLeaseMonitor::Poll]\t";
 constexpr const wchar_t* kWaitTag = L"[CLeaseMonitor::WaitForUserActionTimerExpiry]\t";
+// Released entries are dropped once there are at least this many more entries than after the last drop.
+constexpr size_t kDropSlack = 64;
 constexpr const wchar_t* kUnderRegistryLock = L"[CLeaseMonitor]\t the window called under the monitor lock";
 
 // How long the expiry waits for the holders it ended to be gone before it says which are: ending a
@@ -154,9 +156,23 @@ void CLeaseMonitor::AddLeaseExpirationInfo(const std::shared_ptr<CSharedId>& cre
     }
     NS_Utils::CritSecGuard lock(m_mapLock);
     m_expiryMap.emplace(std::move(expiry), credential);
+    // A released credential's entry keeps its control block and the entry itself until the lease's
+    // time: a client that registers and releases in a loop would grow the service without bound.
+    // Dropping them once the map has doubled keeps the registrations' cost constant on average.
+    if (m_expiryMap.size() >= 2 * m_sizeAfterDrop + kDropSlack) DropReleasedLocked();
+}
+
+void CLeaseMonitor::DropReleasedLocked() {
+    std::erase_if(m_expiryMap, [](const ExpiryMap::value_type& entry) { return entry.second.expired(); });
+    m_sizeAfterDrop = m_expiryMap.size();
 }
 
 void CLeaseMonitor::Poll(DWORD) {
+    {
+        // What a quiet minute left behind goes here, so that nothing released outlives a poll.
+        NS_Utils::CritSecGuard lock(m_mapLock);
+        DropReleasedLocked();
+    }
     const __time64_t now = m_clock();
     ExpiryMap stale;
     ExpiryMap due;

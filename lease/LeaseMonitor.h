@@ -89,11 +89,16 @@ private:
     // True the first time an expiry of the credential is handled: its event is written once.
     // The window's thread only.
     bool FirstReportOf(const std::weak_ptr<CSharedId>& credential);
+    // Under the map lock: drops the entries of credentials released since (their weak pointer has
+    // expired), whose lease may lie years ahead.
+    void DropReleasedLocked();
 
     const __int64 m_deltaTime;
     const __int64 m_defaultLeaseDuration;
     mutable NS_Utils::CriticalSection m_mapLock;
     ExpiryMap m_expiryMap;
+    // The map's size after its last drop of released entries; the next drop comes once it has doubled.
+    size_t m_sizeAfterDrop = 0;
     std::atomic<SharedIdMonitor*> m_registry{nullptr};
     Clock m_clock;
     NS_Utils::CriticalSection m_heldLock;

@@ -2,6 +2,7 @@
 
 #include "common/FailFast.h"
 #include "common/Settings.h"
+#include "common/Thread.h"
 
 #include "common/Log.h"
 #include "common/Registry.h"
@@ -114,7 +115,7 @@ void LMMainUI::EnsureUIThread() {
     if (m_thread && ::WaitForSingleObject(m_thread.get(), 0) == WAIT_TIMEOUT) return;
     NS_Log::Log(3, L"[LMMainUI::EnsureUIThread]", L"\tStarting the UI thread");
     ::ResetEvent(m_startedEvent.get());
-    m_thread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadProc, this, 0, nullptr)));
+    m_thread = NS_THREAD_UTILS::StartThread(NS_THREAD_UTILS::kWindowStackBytes, &LMMainUI::ThreadProc, this);
     // A thread that could not make its windows ends at once; its caller need not wait the full time.
     HANDLE started[] = {m_startedEvent.get(), m_thread.get()};
     DWORD result = m_thread ? ::WaitForMultipleObjects(2, started, FALSE, kStartWaitMs) : WAIT_FAILED;

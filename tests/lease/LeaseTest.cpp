@@ -115,6 +115,24 @@ TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
     EXPECT_EQ(lease->PendingCount(), 0u);
 }
 
+// A client that registers and releases in a loop, its leases a year ahead: what the releases
+// leave in the expiry map goes while the loop runs and all of it at the next poll (a held
+// credential's entry stays: PollShowsTheHoldersOfDueAndStaleLeasesOnce).
+TEST_F(LeaseTest, ReleasedCredentialsLeaveNoExpiryEntries) {
+    ChildProcess holder = StartHolder();
+    constexpr int kCycles = 300;
+    for (int i = 0; i < kCycles; ++i) {
+        CSharedId credential = Credential(L"cycle-" + std::to_wstring(i));
+        credential.SetLeaseExpiry(TimeToExpiryText(kNow + 365 * 86400));
+        ASSERT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
+        ASSERT_EQ(Unregister(credential, holder.Id()), SharedIdMonitor::kOk);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return Settled(); }));
+    EXPECT_LT(lease->PendingCount(), static_cast<size_t>(kCycles)) << "dropped while registering";
+    lease->Poll(1);
+    EXPECT_EQ(lease->PendingCount(), 0u);
+}
+
 TEST_F(LeaseTest, AnUnreadableExpiryIsTheDefaultDurationFromNowInTheRecordToo) {
     ChildProcess unparsable = Hold(L"unparsable", L"tomorrow");
     CSharedId stored;
