@@ -95,7 +95,7 @@ TEST_F(MonitorTest, ALeaseMonitorThatCannotStartLeavesTheRegistryCheckingIn) {
 }
 
 TEST_F(LeaseTest, PollShowsTheHoldersOfDueAndStaleLeasesOnce) {
-    ChildProcess later = Hold(L"later", kNow + 61 * 60), soon = Hold(L"soon", kNow + 60 * 60);
+    ChildProcess later = Hold(L"later", kNow + 61LL * 60), soon = Hold(L"soon", kNow + 60LL * 60);
     ChildProcess low = Hold(L"low", kNow - 3600), stale = Hold(L"stale", kNow - 7200);
     ChildProcess first = Hold(L"first", kNow), second = Hold(L"second", kNow);
     const size_t staleLines = CountInServiceLog(kStale);
