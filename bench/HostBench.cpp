@@ -134,6 +134,7 @@ void StatusLoop(const std::atomic<bool>& stop, std::vector<double>& times) {
 
 Burst HundredHolders(ITarrow* tarrow, bool withStatus) {
     std::vector<ChildProcess> holders;
+    holders.reserve(100);
     for (int i = 0; i < 100; ++i) holders.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
     std::atomic<bool> stop{false};
     std::vector<double> registrations, statusTimes;

@@ -119,6 +119,7 @@ void MeasureExit(SharedIdMonitor& monitor, int samples) {
 
 void MeasureThroughput(SharedIdMonitor& monitor, int holders) {
     std::vector<ChildProcess> processes;
+    processes.reserve(static_cast<size_t>(holders));
     for (int i = 0; i < holders; ++i) processes.push_back(ChildProcess::StartHelper(L"--sleep 3600000"));
     // Each holder keeps a credential of its own, so its entry and wait stay for the whole run.
     for (int i = 0; i < holders; ++i) {

@@ -304,7 +304,7 @@ RunResult RunOnce(unsigned run, const Step& step, unsigned killAt, std::vector<D
     standin::Register();
     Service service;
     if (!StartAnswering(service)) {
-        result.violations.push_back("setup: Tarrow did not start");
+        result.violations.emplace_back("setup: Tarrow did not start");
         return result;
     }
     Strace strace;
@@ -315,12 +315,12 @@ RunResult RunOnce(unsigned run, const Step& step, unsigned killAt, std::vector<D
         if (static_cast<size_t>(step.thread) < threads.size())
             onlyThread = threads[static_cast<size_t>(step.thread)];
         else
-            result.violations.push_back("setup: Tarrow has fewer threads than when its steps were recorded");
+            result.violations.emplace_back("setup: Tarrow has fewer threads than when its steps were recorded");
     }
     const bool attached = linuxPid != 0 && (killAt == 0 ? strace.Attach(linuxPid, kFileSyscalls, kTraceFile)
                                                         : strace.Attach(linuxPid, kFileSyscalls, kStepTraceFile,
                                                                         step.syscall, killAt, onlyThread));
-    if (!attached) result.violations.push_back("setup: strace could not attach to Tarrow");
+    if (!attached) result.violations.emplace_back("setup: strace could not attach to Tarrow");
     if (threadsAtAttach) *threadsAtAttach = threads;
     NS_Utils::ComApartment com;
     Workload(service, run, result).Run();
@@ -399,7 +399,7 @@ uint32_t DeleteRequestCode() {
 std::string FileStep(const Strace::Call& call, uint32_t deleteCode) {
     if (call.path.find("/Kel/Tarrow/") != std::string::npos) return call.name + " " + Leaf(call.path);
     if (call.name != "write" && call.name != "writev") return {};
-    static const std::string folder = Utf16("\\Kel\\Tarrow\\");
+    static const std::string folder = Utf16(R"(\Kel\Tarrow\)");
     if (const size_t at = call.bytes.find(folder); at != std::string::npos) {
         std::string name;
         // The name runs on into whatever the request carries after it.

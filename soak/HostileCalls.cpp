@@ -14,7 +14,7 @@ namespace soak {
 namespace {
 
 const std::wstring kResultFolder = std::wstring(kInstallFolder) + L"hostile\\";
-constexpr size_t kHugeUnits = 512 * 1024;  // 1 MB of text
+constexpr size_t kHugeUnits = size_t{512} * 1024;  // 1 MB of text
 
 // The sentinel: a signature that no random call can produce (random texts never hold '#').
 const std::array<std::wstring, 12> kSentinel = {L"https://corvin/#sentinel",

@@ -64,6 +64,35 @@ std::wstring CsvField(const std::wstring& text) {
     return quoted + L"\"";
 }
 
+// A JSON string. A lone surrogate would not survive the UTF-8 of the output, so it is escaped
+// like the control characters.
+std::wstring JsonString(const std::wstring& text) {
+    auto surrogate = [](wchar_t c, wchar_t first) { return c >= first && c <= first + 0x3FF; };
+    std::wstring out = L"\"";
+    for (size_t i = 0; i < text.size(); ++i) {
+        const wchar_t c = text[i];
+        if (surrogate(c, 0xD800) && i + 1 < text.size() && surrogate(text[i + 1], 0xDC00)) {
+            out.append(text, i++, 2);
+        } else if (c == L'"' || c == L'\\') {
+            out.append(1, L'\\').append(1, c);
+        } else if (c < 0x20 || surrogate(c, 0xD800) || surrogate(c, 0xDC00)) {
+            wchar_t escaped[8];
+            std::swprintf(escaped, 8, L"\\u%04x", static_cast<unsigned>(c));
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + L"\"";
+}
+
+// "check-in worker running" -> "check_in_worker_running"
+std::wstring JsonName(std::wstring name) {
+    std::replace_if(
+        name.begin(), name.end(), [](wchar_t c) { return c == L' ' || c == L'-'; }, L'_');
+    return name;
+}
+
 }  // namespace
 
 const std::vector<std::wstring>& StatusColumns() {
@@ -132,6 +161,28 @@ std::wstring StatusCsv(const StatusText& status) {
     std::wstring text = line(StatusColumns());
     for (const auto& credential : status.credentials) text += line(credential);
     return text;
+}
+
+std::wstring StatusJson(const StatusText& status) {
+    std::wstring text = L"{\n  \"service\": {";
+    const wchar_t* separator = L"\n    ";
+    for (const auto& [name, value] : status.service) {
+        text.append(separator).append(JsonString(JsonName(name))).append(L": ").append(JsonString(value));
+        separator = L",\n    ";
+    }
+    text += L"\n  },\n  \"credentials\": [";
+    separator = L"\n    {";
+    for (const auto& credential : status.credentials) {
+        text += separator;
+        for (size_t i = 0; i < credential.size() && i < StatusColumns().size(); ++i)
+            text.append(i ? L", " : L"")
+                .append(JsonString(StatusColumns()[i]))
+                .append(L": ")
+                .append(JsonString(credential[i]));
+        text += L"}";
+        separator = L",\n    {";
+    }
+    return text + (status.credentials.empty() ? L"]\n}\n" : L"\n  ]\n}\n");
 }
 
 }  // namespace tarrowctl

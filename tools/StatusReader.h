@@ -1,6 +1,6 @@
 #pragma once
 // Reads the service's status snapshot (ITarrowStatus::GetStatus) into texts, and lays them out as
-// a table for people or as CSV for programs.
+// a table for people, or as CSV or JSON for programs.
 
 #include <oaidl.h>
 
@@ -25,5 +25,9 @@ bool ReadStatus(const VARIANT& snapshot, StatusText& status);
 std::wstring StatusTable(const StatusText& status);
 // A header line, then one line per credential; fields quoted where they need it.
 std::wstring StatusCsv(const StatusText& status);
+// One object: "service" with the service's values under their names in lower case, words joined by
+// '_', and "credentials", an array of objects with the CSV's columns as names. Every value is a
+// JSON string holding the table's text, so that a script reads the same as a person.
+std::wstring StatusJson(const StatusText& status);
 
 }  // namespace tarrowctl

@@ -42,6 +42,7 @@ struct Options {
     bool showAux2 = false;
     bool hold = false;
     bool csv = false;
+    bool json = false;
     std::wstring error;
 
     std::wstring Get(const wchar_t* name) const {
@@ -70,8 +71,12 @@ Options Parse(int argc, wchar_t** argv, int first) {
             options.showAux2 = true;
             continue;
         }
-        if (name == L"--csv") {
-            options.csv = true;
+        if (name == L"--csv" || name == L"--json") {
+            (name == L"--csv" ? options.csv : options.json) = true;
+            if (options.csv && options.json) {
+                options.error = L"--csv and --json exclude each other";
+                return options;
+            }
             continue;
         }
         bool valued = false;
@@ -197,7 +202,9 @@ int Status(ITarrow* tarrow, const Options& options) {
     tarrowctl::StatusText text;
     if (!tarrowctl::ReadStatus(*snapshot.get(), text))
         return Fail(kCallFailed, L"the service answered with a malformed status");
-    Write(stdout, options.csv ? tarrowctl::StatusCsv(text) : tarrowctl::StatusTable(text));
+    Write(stdout, options.csv    ? tarrowctl::StatusCsv(text)
+                  : options.json ? tarrowctl::StatusJson(text)
+                                 : tarrowctl::StatusTable(text));
     return 0;
 }
 
@@ -218,9 +225,16 @@ constexpr wchar_t kHelp[] =
     L"      prints the credential's record; with --own-only only when process N (this process\n"
     L"      without --pid) holds it. The memory-only text (auxText2) is printed only with\n"
     L"      --show-aux2: it is not for a shared screen.\n"
-    L"  status [--csv]\n"
-    L"      prints what the service holds and what waits for check-in, as a table, or with\n"
-    L"      --csv as one line per credential under a header.\n"
+    L"  status [--csv | --json]\n"
+    L"      prints what the service holds and what waits for check-in, as a table; with --csv\n"
+    L"      as one line per credential under a header; with --json as one object (UTF-8):\n"
+    L"        {\"service\": {\"lease_count\", \"queued_work_items\", \"started\", \"version\",\n"
+    L"                     \"agent_reachable\", \"check_in_worker_running\"},\n"
+    L"         \"credentials\": [{\"credential\", \"account\", \"lease_dn\", \"lease_expiry\",\n"
+    L"                          \"holders\", \"file\", \"state\", \"last_result\", \"attempts\",\n"
+    L"                          \"next_attempt\", \"holders_end\", \"checking_in_since\"}]}\n"
+    L"      Every value is a string with the table's text; the names do not change between\n"
+    L"      versions (PowerShell: tarrowctl status --json | ConvertFrom-Json).\n"
     L"  --version\n"
     L"      prints the version.\n"
     L"  help, --help, -h, /?\n"

@@ -22,7 +22,7 @@ std::wstring Mutate(std::wstring text, std::mt19937& rng) {
             if (at < text.size()) text[at] = static_cast<wchar_t>(rng() & 0xFFFF);
             break;
         case 1:  // insert a special unit
-            text.insert(text.begin() + at, specials[pick(std::size(specials))]);
+            text.insert(at, 1, specials[pick(std::size(specials))]);
             break;
         case 2:  // cut here, or drop a stretch from here
             text.erase(at, pick(2) ? std::wstring::npos : pick(text.size() - at + 1));

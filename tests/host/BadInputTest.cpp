@@ -46,7 +46,7 @@ TEST_F(BadInputTest, EveryBadInputIsAnsweredAndNothingRegisteredIsLost) {
     for (const CSharedId& unfit : {feed, zero, Credential(std::wstring(512, L'r'))})
         EXPECT_EQ(Register(holder.Id(), unfit), 4u) << unfit.GetSignature().substr(0, 40);
     EXPECT_EQ(ListFiles(CredentialFolder(), L"*.dat").size(), files);
-    const std::wstring huge = std::wstring(1 << 20, L'x') + L"\n\0:";
+    const std::wstring huge = std::wstring(1 << 20, L'x') + std::wstring(L"\n\0:", 3);
     const CSharedId memoryOnly(kUrl, L"srv-1", L"aux-1", kService, L"acct", huge, std::wstring(511, L'r'), L"aux-4",
                                L"cn=memory-only", L"20301231T120000Z", true, huge, huge);
     ASSERT_EQ(Register(holder.Id(), memoryOnly), 0u);

@@ -1,15 +1,19 @@
 // The status view from another process, reached the way scripts reach it (ProgID, active object,
 // IDispatch by name): a held credential with its holder, one whose check-in keeps failing as
 // retrying with its code and count, no memory-only text anywhere; tarrowctl prints the same as
-// CSV, and answers 101 once the service has gone; its help needs no service.
+// CSV and as JSON that a strict reader takes (texts with quotes, controls and non-ASCII intact),
+// and answers 101 once the service has gone; its help needs no service.
 
 #include "common/ModulePath.h"
 #include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
 #include "tests/host/ServiceFixture.h"
+#include "tests/support/StrictJson.h"
 #include "tools/StatusReader.h"
 
 #include "TarrowVersion.h"
+
+#include <map>
 
 namespace testsupport {
 namespace {
@@ -111,6 +115,35 @@ TEST_F(StatusTest, ScriptsAndTarrowctlSeeWhatIsHeldAndWhatIsRetried) {
     EXPECT_NE(csv.find("svc:leaving:https://corvin/auth,acct,cn=leaving,"), std::string::npos) << csv;
     EXPECT_NE(csv.find(",retrying,37,1,"), std::string::npos) << csv;
 
+    ChildProcess odd = StartHolder();
+    ASSERT_EQ(Register(odd.Id(), Credential(L"odd", L"a\"b\\c\td\u00e9\U0001F600")), 0u);
+    std::string json;
+    ASSERT_EQ(RunCtl(L"status --json", json), 0u) << json;
+    JsonValue parsed;
+    ASSERT_TRUE(StrictJson::Parse(json, parsed)) << json;
+    const JsonValue* service = parsed.Find("service");
+    const JsonValue* credentials = parsed.Find("credentials");
+    ASSERT_TRUE(service && credentials && credentials->kind == JsonValue::Kind::kArray) << json;
+    std::string names;
+    for (const JsonValue& value : service->items) names.append(value.name).append(value.text.empty() ? "=? " : " ");
+    EXPECT_EQ(names, "lease_count queued_work_items started version agent_reachable check_in_worker_running ");
+    EXPECT_EQ(service->Find("lease_count")->text, "3");
+    ASSERT_EQ(credentials->items.size(), 3u) << json;
+    std::map<std::string, const JsonValue*> byLease;
+    for (const JsonValue& credential : credentials->items) {
+        std::string columns;
+        for (const JsonValue& value : credential.items)
+            columns.append(value.name).append(value.kind == JsonValue::Kind::kString ? "," : "=not a string,");
+        EXPECT_EQ(columns, csv.substr(0, csv.find_first_of("\r\n")) + ",");
+        if (const JsonValue* dn = credential.Find("lease_dn")) byLease[dn->text] = &credential;
+    }
+    ASSERT_TRUE(byLease.count("cn=odd") && byLease.count("cn=leaving")) << json;
+    EXPECT_EQ(byLease["cn=odd"]->Find("account")->text, "a\"b\\c\td\xC3\xA9\xF0\x9F\x98\x80");
+    EXPECT_EQ(byLease["cn=leaving"]->Find("state")->text + "|" + byLease["cn=leaving"]->Find("last_result")->text,
+              "retrying|37");
+    // Read again so that the clean-up below also finds the third credential's file.
+    ASSERT_TRUE(ReadAsScript(snapshot, text));
+
     tarrow.reset();
     s_service->Stop();
     EXPECT_EQ(RunCtl(L"status", csv), 101u);
@@ -127,13 +160,14 @@ TEST(TarrowCtlHelpTest, EverySpellingPrintsCommandsAndExitCodes) {
     for (const wchar_t* spelling : {L"help", L"--help", L"-h", L"/?"}) {
         std::string help;
         EXPECT_EQ(RunCtl(spelling, help), 0u) << help;
-        for (const char* part : {"register", "release", "query", "status", "--version", "Exit codes",
+        for (const char* part : {"register", "release", "query", "status", "--json", "--version", "Exit codes",
                                  "100 bad arguments", "101 the service is not running"})
             EXPECT_NE(help.find(part), std::string::npos) << part;
     }
     std::string usage;
     EXPECT_EQ(RunCtl(L"--helpme", usage), 100u);
     EXPECT_NE(usage.find("tarrowctl help"), std::string::npos) << usage;
+    EXPECT_EQ(RunCtl(L"status --csv --json", usage), 100u) << usage;
 }
 
 }  // namespace

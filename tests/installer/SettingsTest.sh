@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The settings as the service's table, the Group Policy templates and the README's table give
+# The settings as the service's table, the Group Policy templates and the admin guide's table give
 # them must be the same: the same values under the same keys, with the same types, defaults,
 # ranges and policy scopes (machine, or machine and user); the templates must write under
 # SOFTWARE\Policies, where the service looks first, and be well-formed XML.
@@ -8,7 +8,7 @@ set -u
 . "$(dirname "$0")/lib.sh"
 bin=$(cd "$1" && pwd)
 policy=$here/../../installer/policy
-readme=$here/../../README.md
+readme=$here/../../docs/admin-guide.md
 use_new_prefix "${TARROW_WINE_ROOT:-$(dirname "$bin")/wine}"
 
 # Every source as lines "key value type default minimum maximum policy", sorted; strings have no
@@ -48,7 +48,7 @@ check "en-US/Tarrow.adml is well-formed" xmllint --noout "$policy/en-US/Tarrow.a
 table=$(from_table)
 echo "$table"
 check "the table has the settings" test "$(wc -l <<<"$table")" -ge 10
-check "the README's table is the service's" diff <(echo "$table") <(from_readme)
+check "the admin guide's table is the service's" diff <(echo "$table") <(from_readme)
 check "the templates are the service's table" diff <(echo "$table") <(from_templates)
 check "every template writes below SOFTWARE\\Policies" test -z "$(grep -o 'key="[^"]*"' "$policy/Tarrow.admx" |
     grep -v '^key="SOFTWARE\\Policies\\Orvane\\Kelmar\\')"

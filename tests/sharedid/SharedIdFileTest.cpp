@@ -60,10 +60,11 @@ TEST_F(SharedIdFileTest, MissingEmptyHugeAndNonUtf16FilesAreRefusedOrReadWithout
     EXPECT_EQ(errors.front(), kStepFile);
 
     std::mt19937 rng(7);
-    std::vector<std::uint8_t> noise(3 * 1024 * 1024);
+    std::vector<std::uint8_t> noise(size_t{3} * 1024 * 1024);
     for (auto& b : noise) b = static_cast<std::uint8_t>(rng());
     for (size_t size : {size_t{1}, size_t{3}, size_t{1023}, noise.size()})
-        (void)readSharedIdFromFile(record, Write(L"noise.dat", {noise.begin(), noise.begin() + size}), errors);
+        (void)readSharedIdFromFile(
+            record, Write(L"noise.dat", {noise.begin(), noise.begin() + static_cast<std::ptrdiff_t>(size)}), errors);
     // Eleven valid lines followed by megabytes of anything: only the lines count.
     std::vector<std::uint8_t> valid = Utf16Bytes(L"1\n2\n3\n4\n5\n6\n7\n8\n9\n10\nfalse\n");
     valid.insert(valid.end(), noise.begin(), noise.end());
@@ -74,8 +75,10 @@ TEST_F(SharedIdFileTest, MissingEmptyHugeAndNonUtf16FilesAreRefusedOrReadWithout
 
 // Replay a failure with TARROW_FUZZ_SEED set to the seed it prints.
 TEST(SharedIdFileText, RandomlyMutatedFilesAreReadOrRefusedExactly) {
-    const char* given = std::getenv("TARROW_FUZZ_SEED");
-    const unsigned seed = given ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : 20261122u;
+    char given[16] = {};
+    const unsigned seed = ::GetEnvironmentVariableA("TARROW_FUZZ_SEED", given, sizeof(given))
+                              ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
+                              : 20261122u;
     std::mt19937 rng(seed);
     const std::wstring valid = FormatSharedIdText(Credential(L"role"));
     for (int i = 0; i < 5000; ++i) {

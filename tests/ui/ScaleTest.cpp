@@ -44,15 +44,16 @@ struct Screenshot {
     int Height() const { return area.bottom - area.top; }
     // Dark enough to be text: the window draws black on white.
     bool Ink(int screenX, int screenY) const {
-        DWORD p = pixels[static_cast<size_t>((screenY - area.top) * Width() + (screenX - area.left))];
-        int luminance = (30 * ((p >> 16) & 0xFF) + 59 * ((p >> 8) & 0xFF) + 11 * (p & 0xFF)) / 100;
+        DWORD p = pixels[static_cast<size_t>(screenY - area.top) * static_cast<size_t>(Width()) +
+                         static_cast<size_t>(screenX - area.left)];
+        DWORD luminance = (30 * ((p >> 16) & 0xFF) + 59 * ((p >> 8) & 0xFF) + 11 * (p & 0xFF)) / 100;
         return luminance < 110;
     }
 
     static Screenshot Take(const RECT& area) {
         Screenshot shot;
         shot.area = area;
-        shot.pixels.resize(static_cast<size_t>(shot.Width() * shot.Height()));
+        shot.pixels.resize(static_cast<size_t>(shot.Width()) * static_cast<size_t>(shot.Height()));
         NS_Utils::WindowDC screen(nullptr);
         NS_Utils::UniqueMemoryDC memory(::CreateCompatibleDC(screen.get()));
         NS_Utils::UniqueGdiObject bitmap(::CreateCompatibleBitmap(screen.get(), shot.Width(), shot.Height()));
