@@ -223,7 +223,11 @@ bool CCheckInPipeline::ReachAgent() {
         NS_EventLog::Report(NS_EventLog::Event::AgentReachedAgain, {std::to_wstring(m_keptCount.exchange(0))});
         if (std::shared_ptr<ICheckInRegistry> registry = m_registry.lock())
             (void)registry->GCUncheckedInCredentials();  // a failure is logged; the next start tries again
-        if (m_queue.Size() > 0) QueueRun();              // rows that waited in memory
+        if (m_queue.Size() > 0) {
+            // Rows that waited in memory for want of a file go now, not after their pause.
+            m_queue.MakeAllDue();
+            QueueRun();
+        }
     }
     return reachable;
 }
@@ -236,7 +240,8 @@ void CCheckInPipeline::KeepForLater(std::shared_ptr<CSharedId> credential) {
                                         L"it waits in memory: ") +
                            credential->GetLeaseDN());
         m_board.NotSent(*credential);
-        m_queue.PutBack({PendingCheckIn{std::move(credential), false}});
+        // Due after a pause, like any row without an answer: the agent's return brings it sooner.
+        m_queue.Push(PendingCheckIn{std::move(credential), false, ::GetTickCount64() + RetryPauseMs()});
         m_keptFiles.store(true);
         QueueAgentProbe();
         return;
