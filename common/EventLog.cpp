@@ -19,6 +19,7 @@ static_assert(static_cast<DWORD>(Event::HoldersEndedAtExpiry) == TARROW_EVENT_HO
 static_assert(static_cast<DWORD>(Event::LogoffLeftCredentials) == TARROW_EVENT_LOGOFF_LEFT_CREDENTIALS);
 static_assert(static_cast<DWORD>(Event::AgentUnreachable) == TARROW_EVENT_AGENT_UNREACHABLE);
 static_assert(static_cast<DWORD>(Event::AgentReachedAgain) == TARROW_EVENT_AGENT_REACHED_AGAIN);
+static_assert(static_cast<DWORD>(Event::HolderCannotBeEnded) == TARROW_EVENT_HOLDER_CANNOT_BE_ENDED);
 
 namespace {
 WORD TypeOf(Event event) {
@@ -28,7 +29,8 @@ WORD TypeOf(Event event) {
     case Event::AgentUnreachable: return EVENTLOG_ERROR_TYPE;
     case Event::EndedByForce:
     case Event::HoldersEndedAtExpiry:
-    case Event::LogoffLeftCredentials: return EVENTLOG_WARNING_TYPE;
+    case Event::LogoffLeftCredentials:
+    case Event::HolderCannotBeEnded: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
     case Event::Stopped:
     case Event::AgentReachedAgain: break;

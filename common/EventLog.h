@@ -33,6 +33,7 @@ enum class Event : DWORD {
     LogoffLeftCredentials = 103,  // warning: count of credentials still on disk
     AgentUnreachable = 104,       // error: count of credential files kept
     AgentReachedAgain = 105,      // information: count of credential files taken up again
+    HolderCannotBeEnded = 106,    // warning: lease DNs, the holder as "program (pid)", when it was to be ended
 };
 
 struct EventSourceTraits {

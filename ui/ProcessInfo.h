@@ -8,6 +8,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -33,6 +34,9 @@ public:
     // listed later counts down to the moment its credential's first row showed.
     void ShareEndTime(const ProcessInfo& first) noexcept { m_endTime = first.m_endTime; }
     double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime, now); }
+    // Its time is over and the service may not end its process: the row says so.
+    void MarkCannotBeEnded() noexcept { m_cannotBeEnded = true; }
+    bool CannotBeEnded() const noexcept { return m_cannotBeEnded; }
 
     // False when the root window's title differs from the one last shown; it is then kept as
     // the one to show. UI thread only.
@@ -55,6 +59,7 @@ private:
     NS_Utils::UniqueHandle m_process;
     std::weak_ptr<CSharedId> m_credential;
     __time64_t m_endTime;
+    std::atomic<bool> m_cannotBeEnded{false};
     std::wstring m_exePath;
     HWND m_rootWindow = nullptr;
     std::wstring m_title;
