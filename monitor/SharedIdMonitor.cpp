@@ -386,7 +386,7 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
         ::SetLastError(ERROR_ACCESS_DENIED);
         return processMap.end();
     }
-    NS_Utils::HolderProcess process = NS_Utils::HolderProcess::Open(pid);
+    NS_Utils::HolderProcessHandle process = NS_Utils::HolderProcessHandle::Open(pid);
     if (!process.Valid()) {
         const DWORD error = ::GetLastError();
         NS_Log::Log(1, kInsertTag,

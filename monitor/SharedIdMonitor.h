@@ -75,7 +75,7 @@ public:
     // Also makes `pid` a holder of the credential found: how a client takes one over.
     [[nodiscard]] bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
 
-    std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::HolderProcess process, DWORD pid);
+    std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::HolderProcessHandle process, DWORD pid);
     static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
     void OnProcessExit(const DWORD* pid);
 

@@ -13,7 +13,7 @@ constexpr const wchar_t* kGcTag = L"[SharedIdMonitor::GCUncheckedInCredentials]\
 constexpr const wchar_t* kReadyTag = L"[SharedIdMonitor::OnSharedIDReadyForGC]\t";
 }  // namespace
 
-std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(NS_Utils::HolderProcess process, DWORD pid) {
+std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(NS_Utils::HolderProcessHandle process, DWORD pid) {
     auto waitInfo = std::make_shared<WaitInfo>(weak_from_this(), pid, std::move(process));
     if (!waitInfo->Register(waitInfo, &SharedIdMonitor::WaitCallback)) return nullptr;
     return waitInfo;

@@ -24,7 +24,7 @@ void LogUnlessOutOfMemory(unsigned short level, const wchar_t* text, DWORD pid) 
 }
 }  // namespace
 
-WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::HolderProcess process)
+WaitInfo::WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::HolderProcessHandle process)
     : m_monitor(std::move(monitor)),
       m_pid(pid),
       m_process(std::move(process)),

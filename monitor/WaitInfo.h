@@ -9,7 +9,7 @@
 // erases the process's entry (only the first call ends the wait); the free on the collector's
 // worker.
 
-#include "common/HolderProcess.h"
+#include "common/HolderProcessHandle.h"
 #include "common/WaitRegistration.h"
 #include "common/WinHandles.h"
 
@@ -20,7 +20,7 @@ class SharedIdMonitor;
 
 class WaitInfo {
 public:
-    WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::HolderProcess process);
+    WaitInfo(std::weak_ptr<SharedIdMonitor> monitor, DWORD pid, NS_Utils::HolderProcessHandle process);
     WaitInfo(const WaitInfo&) = delete;
     WaitInfo& operator=(const WaitInfo&) = delete;
     // Checks that a wait once ended was freed only after the pool's signal.
@@ -58,7 +58,7 @@ private:
 
     std::weak_ptr<SharedIdMonitor> m_monitor;
     DWORD m_pid;
-    NS_Utils::HolderProcess m_process;
+    NS_Utils::HolderProcessHandle m_process;
     ULONGLONG m_created;
     NS_Utils::WaitRegistration m_wait;
     std::atomic<LONG> m_terminating{0};

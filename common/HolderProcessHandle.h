@@ -15,7 +15,7 @@
 
 namespace NS_Utils {
 
-class HolderProcess {
+class HolderProcessHandle {
 public:
     // What Windows grants whatever the holder's integrity level.
     static constexpr DWORD kWaitAndQuery = SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION;
@@ -26,10 +26,10 @@ public:
         AsToOtherUser,  // everything refused
     };
 
-    HolderProcess() = default;
+    HolderProcessHandle() = default;
     // Waiting and asking, and ending when granted; invalid when not even waiting is granted, with
     // the system's error as the thread's last error.
-    [[nodiscard]] static HolderProcess Open(DWORD pid);
+    [[nodiscard]] static HolderProcessHandle Open(DWORD pid);
 
     bool Valid() const noexcept { return m_handle.valid(); }
     HANDLE Handle() const noexcept { return m_handle.get(); }

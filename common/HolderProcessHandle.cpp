@@ -1,16 +1,16 @@
-#include "common/HolderProcess.h"
+#include "common/HolderProcessHandle.h"
 
 #include <atomic>
 
 namespace NS_Utils {
 namespace {
 
-std::atomic<HolderProcess::Answer> g_answer{HolderProcess::Answer::AsAsked};
+std::atomic<HolderProcessHandle::Answer> g_answer{HolderProcessHandle::Answer::AsAsked};
 
 HANDLE OpenWith(DWORD access, DWORD pid) {
-    const HolderProcess::Answer answer = g_answer.load();
-    const bool refused = answer == HolderProcess::Answer::AsToOtherUser ||
-                         (answer == HolderProcess::Answer::AsToElevated && (access & ~HolderProcess::kWaitAndQuery));
+    const HolderProcessHandle::Answer answer = g_answer.load();
+    const bool refused = answer == HolderProcessHandle::Answer::AsToOtherUser ||
+                         (answer == HolderProcessHandle::Answer::AsToElevated && (access & ~HolderProcessHandle::kWaitAndQuery));
     if (refused) {
         ::SetLastError(ERROR_ACCESS_DENIED);
         return nullptr;
@@ -20,8 +20,8 @@ HANDLE OpenWith(DWORD access, DWORD pid) {
 
 }  // namespace
 
-HolderProcess HolderProcess::Open(DWORD pid) {
-    HolderProcess process;
+HolderProcessHandle HolderProcessHandle::Open(DWORD pid) {
+    HolderProcessHandle process;
     process.m_handle.reset(OpenWith(kWaitAndQuery | PROCESS_TERMINATE, pid));
     if (process.m_handle) {
         process.m_canEnd = true;
@@ -32,6 +32,6 @@ HolderProcess HolderProcess::Open(DWORD pid) {
     return process;
 }
 
-void HolderProcess::SetAnswerForTesting(Answer answer) noexcept { g_answer.store(answer); }
+void HolderProcessHandle::SetAnswerForTesting(Answer answer) noexcept { g_answer.store(answer); }
 
 }  // namespace NS_Utils
