@@ -12,6 +12,7 @@ namespace {
 std::atomic<bool> g_late{false};
 // Spreads the delays, so that callbacks come late by different amounts.
 std::atomic<unsigned> g_lateRuns{0};
+std::atomic<unsigned> g_afterUnregister{0};
 constexpr unsigned kMaxLateMs = 20;
 }  // namespace
 
@@ -23,6 +24,7 @@ struct WaitRegistration::Late {
     std::atomic<LONG> running{0};
     UniqueHandle poolDone{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     HANDLE completion = nullptr;
+    std::atomic<bool> unregistered{false};
 
     struct Run {
         Late* late;
@@ -42,6 +44,7 @@ struct WaitRegistration::Late {
     static DWORD WINAPI RunLate(void* param) {
         std::unique_ptr<Run> run(static_cast<Run*>(param));
         ::Sleep(1 + g_lateRuns.fetch_add(1) % kMaxLateMs);
+        if (run->late->unregistered.load()) g_afterUnregister.fetch_add(1);
         run->late->callback(run->late->context, run->fired);
         run->late->running.fetch_sub(1);
         return 0;
@@ -57,6 +60,8 @@ struct WaitRegistration::Late {
 };
 
 void WaitRegistration::SetLateCallbacksForTesting(bool late) noexcept { g_late.store(late); }
+
+unsigned WaitRegistration::LateCallbacksAfterUnregister() noexcept { return g_afterUnregister.load(); }
 
 WaitRegistration::~WaitRegistration() {
     // A late registration's threads may still use it: it is left to them.
@@ -89,6 +94,7 @@ bool WaitRegistration::Unregister(HANDLE completion) {
     if (!::UnregisterWaitEx(wait, late->poolDone.get()) && ::GetLastError() != ERROR_IO_PENDING) return false;
     // Success, whatever the pool is still doing: the completion event alone tells.
     late->completion = completion;
+    late->unregistered.store(true);
     // Without a thread to finish it, the event is never signalled: the owner keeps its context.
     (void)::QueueUserWorkItem(&Late::Finish, late, WT_EXECUTELONGFUNCTION);
     return true;

@@ -34,6 +34,8 @@ public:
     bool Registered() const noexcept { return m_wait != nullptr; }
 
     static void SetLateCallbacksForTesting(bool late) noexcept;
+    // Late callbacks that began after their wait's Unregister had answered, so far.
+    static unsigned LateCallbacksAfterUnregister() noexcept;
 
 private:
     struct Late;

@@ -98,6 +98,7 @@ TEST_F(HolderAccessTest, AnElevatedHolderIsWatchedWithoutTheRightToEndIt) {
 TEST_F(HolderAccessTest, WaitsWhoseCallbacksComeLateAreFreedOnlyAfterThePoolsSignal) {
     NS_Utils::WaitRegistration::SetLateCallbacksForTesting(true);
     const DWORD processesBefore = CountOwnHandles(L"Process");
+    const unsigned lateBefore = NS_Utils::WaitRegistration::LateCallbacksAfterUnregister();
     for (unsigned round = 0; round < 4; ++round) {
         std::vector<std::thread> threads;
         for (unsigned w = 0; w < 4; ++w)
@@ -120,6 +121,8 @@ TEST_F(HolderAccessTest, WaitsWhoseCallbacksComeLateAreFreedOnlyAfterThePoolsSig
         for (std::thread& thread : threads) thread.join();
         ASSERT_TRUE(WaitUntil([&] { return Settled(); }, 60000)) << "round " << round;
     }
+    EXPECT_GT(NS_Utils::WaitRegistration::LateCallbacksAfterUnregister(), lateBefore)
+        << "the pool answered while a callback was queued";
     EXPECT_TRUE(WaitUntil([&] { return monitor->Collector().QueuedCount() == 0; }));
     EXPECT_TRUE(WaitUntil([&] { return CountOwnHandles(L"Process") == processesBefore; }))
         << CountOwnHandles(L"Process") << " process handles, " << processesBefore << " before";
