@@ -134,9 +134,10 @@ void SharedIdMonitor::EndHolderAtLogoff(DWORD pid) {
         if (entry != processMap.end()) {
             process = Duplicate(entry->second.waitInfo->Process());
             canEnd = entry->second.waitInfo->CanEnd();
-            for (const auto& credential : entry->second.credentials)
-                if (leases.find(credential->GetLeaseDN()) == std::wstring::npos)
-                    leases += (leases.empty() ? L"" : L", ") + credential->GetLeaseDN();
+            const auto& held = entry->second.credentials;
+            for (auto it = held.begin(); it != held.end(); ++it)
+                if (std::find(held.begin(), it, *it) == it)
+                    leases += (leases.empty() ? L"" : L", ") + (*it)->GetLeaseDN();
         }
     }
     if (process && !canEnd)
