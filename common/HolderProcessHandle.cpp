@@ -10,7 +10,8 @@ std::atomic<HolderProcessHandle::Answer> g_answer{HolderProcessHandle::Answer::A
 HANDLE OpenWith(DWORD access, DWORD pid) {
     const HolderProcessHandle::Answer answer = g_answer.load();
     const bool refused = answer == HolderProcessHandle::Answer::AsToOtherUser ||
-                         (answer == HolderProcessHandle::Answer::AsToElevated && (access & ~HolderProcessHandle::kWaitAndQuery));
+                         (answer == HolderProcessHandle::Answer::AsToElevated &&
+                          (access & ~HolderProcessHandle::kWaitAndQuery));
     if (refused) {
         ::SetLastError(ERROR_ACCESS_DENIED);
         return nullptr;
