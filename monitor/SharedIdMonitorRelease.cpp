@@ -24,7 +24,7 @@ void CALLBACK SharedIdMonitor::WaitCallback(void* context, BOOLEAN timerOrWaitFi
         NS_Log::Log(1, L"[SharedIdMonitor::WaitCallback]\t Unable to get shared_ptr to WaitInfo object.");
         return;
     }
-    // A copy first: ending the wait from inside this callback may free the context.
+    // A reference of the call's own; the context itself stays until the pool says this call returned.
     std::shared_ptr<WaitInfo> waitInfo = *static_cast<std::shared_ptr<WaitInfo>*>(context);
     waitInfo->OnWaitDone(timerOrWaitFired != 0);
 }

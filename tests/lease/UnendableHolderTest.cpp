@@ -86,8 +86,9 @@ TEST_F(UnendableHolderTest, AtExpiryTheOthersAreEndedAndTheElevatedHolderIsNamed
     EXPECT_EQ(plain.ExitCode(), SharedIdMonitor::kTerminatedExitCode);
     ASSERT_TRUE(WaitUntil([&] {
         const std::vector<std::wstring> rows = WindowRowTexts();
-        return rows.size() == 1 && rows[0].find(L"cannot be ended by Tarrow") != std::wstring::npos;
-    })) << "the row of the holder that runs on says why";
+        return rows.size() == 1 && rows[0].find(L"cannot be ended by Tarrow") != std::wstring::npos &&
+               rows[0].find(L"tarrow_testchild.exe") != std::wstring::npos;
+    })) << "the row of the holder that runs on names it, from its handle, and says why";
     // Two more of the window's ticks, each of which calls back for the credential.
     ::Sleep(11000);
     EXPECT_EQ(elevated.Wait(0), static_cast<DWORD>(WAIT_TIMEOUT));
