@@ -30,6 +30,7 @@ static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtExpiry) == TARROW_AUDI
 static_assert(static_cast<DWORD>(Event::AuditHolderEndedAtLogoff) == TARROW_AUDIT_HOLDER_ENDED_AT_LOGOFF);
 static_assert(static_cast<DWORD>(Event::AuditCheckedIn) == TARROW_AUDIT_CHECKED_IN);
 static_assert(static_cast<DWORD>(Event::AuditHeldAgain) == TARROW_AUDIT_HELD_AGAIN);
+static_assert(static_cast<DWORD>(Event::HolderCannotBeEnded) == TARROW_EVENT_HOLDER_CANNOT_BE_ENDED);
 
 namespace {
 WORD TypeOf(Event event) {
@@ -41,7 +42,8 @@ WORD TypeOf(Event event) {
     case Event::FailuresLeftOut:
     case Event::HoldersEndedAtExpiry:
     case Event::LogoffLeftCredentials:
-    case Event::CheckInStillRetrying: return EVENTLOG_WARNING_TYPE;
+    case Event::CheckInStillRetrying:
+    case Event::HolderCannotBeEnded: return EVENTLOG_WARNING_TYPE;
     case Event::Started:
     case Event::Stopped:
     case Event::AgentReachedAgain:

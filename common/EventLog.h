@@ -37,6 +37,7 @@ enum class Event : DWORD {
     AgentUnreachable = 104,       // error: count of credential files kept
     AgentReachedAgain = 105,      // information: count of credential files taken up again
     CheckInStillRetrying = 106,   // warning: lease DN, shared account, attempts, the last outcome
+    HolderCannotBeEnded = 107,    // warning: lease DNs, the holder as "program (pid)", when it was to be ended
     FailuresLeftOut = 120,        // warning: count of failure entries (100) left out, minutes they span
     // The audit trail (monitor/AuditTrail.h), information, also switched by "AuditTrailEnabled".
     // Each begins with the credential's account, role, identity server, its address and lease DN.

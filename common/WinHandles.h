@@ -72,16 +72,6 @@ struct TimerQueueTimerTraits {
     static void Close(HANDLE h) noexcept { ::DeleteTimerQueueTimer(nullptr, h, INVALID_HANDLE_VALUE); }
 };
 
-// A thread-pool wait from RegisterWaitForSingleObject. Its owner ends it with UnregisterWaitEx and
-// a completion event of its own (release, then unregister); a wait still owned at destruction is
-// ended without waiting for a callback that runs, which never blocks the destroying thread.
-struct WaitRegistrationTraits {
-    using type = HANDLE;
-    static HANDLE Invalid() noexcept { return nullptr; }
-    static bool IsValid(HANDLE h) noexcept { return h != nullptr; }
-    static void Close(HANDLE h) noexcept { ::UnregisterWaitEx(h, nullptr); }
-};
-
 struct RegKeyTraits {
     using type = HKEY;
     static HKEY Invalid() noexcept { return nullptr; }
@@ -113,7 +103,6 @@ using UniqueFindHandle = UniqueResource<FindHandleTraits>;
 using UniqueChangeNotification = UniqueResource<ChangeNotificationTraits>;
 using UniqueRegKey = UniqueResource<RegKeyTraits>;
 using UniqueTimerQueueTimer = UniqueResource<TimerQueueTimerTraits>;
-using UniqueWaitRegistration = UniqueResource<WaitRegistrationTraits>;
 
 // Owns a mutex from a successful wait to the end of the scope. An abandoned mutex is owned all
 // the same (its holder ended without letting go); a timeout or a failed wait owns nothing.

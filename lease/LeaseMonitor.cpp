@@ -101,6 +101,10 @@ LMMainUICallbacks CLeaseMonitor::MakeCallbacks() {
         SharedIdMonitor* registry = Registry();
         return registry && credential ? registry->HolderPids(credential) : std::vector<DWORD>();
     };
+    callbacks.canEnd = [this](DWORD pid) {
+        SharedIdMonitor* registry = Registry();
+        return !registry || registry->CanEndHolder(pid);
+    };
     callbacks.now = m_clock;
     return callbacks;
 }

@@ -175,18 +175,16 @@ DWORD SharedIdMonitor::RegisterLocked(const CSharedId& credential, DWORD pid, Li
     if (signature.empty()) return kEmptySignature;
 
     std::shared_ptr<CSharedId> stored = FindLiveForRegistration(signature);
-    const bool isNew = !stored;
-    if (isNew) stored = MakeCredential(credential);
-
     auto entry = InsertAndGetPMEntry(pid);
     if (entry == processMap.end()) {
         DWORD error = ::GetLastError();
         NS_Log::Log(1, kRegisterTag, L"InsertAndGetPMEntry failed. GLE = 0x" + NS_Log::Hex(error));
-        // The new credential is released at once and checked in; its release lowers the lease
-        // count, so it is counted here first.
-        if (isNew) LeaseIncrease();
+        // No credential is made: the client was told it is not registered and still uses it, so
+        // it must not be checked in behind its back.
         return kProcessEntryFailed;
     }
+    const bool isNew = !stored;
+    if (isNew) stored = MakeCredential(credential);
     const bool wasHolder = IsHolder(*stored, pid);
     stored->AddHolderPid(pid);
     const bool claimed = ClaimTakenUp(entry->second, stored.get());
@@ -465,18 +463,25 @@ SharedIdMonitor::ProcessMap::iterator SharedIdMonitor::InsertAndGetPMEntry(DWORD
         ::SetLastError(ERROR_ACCESS_DENIED);
         return processMap.end();
     }
-    NS_Utils::UniqueHandle process(::OpenProcess(PROCESS_ALL_ACCESS, TRUE, pid));
-    if (!process) {
+    NS_Utils::HolderProcessHandle process = NS_Utils::HolderProcessHandle::Open(pid);
+    if (!process.Valid()) {
+        const DWORD error = ::GetLastError();
         NS_Log::Log(1, kInsertTag,
                     L" Unable to open process handle for PID (" + std::to_wstring(pid) + L"). Error = " +
-                        std::to_wstring(::GetLastError()));
+                        std::to_wstring(error));
+        ::SetLastError(error);
         return processMap.end();
     }
     NS_Log::Log(4, kInsertTag, L" Process handle opened for PID (" + std::to_wstring(pid) + L")");
+    if (!process.CanEnd())
+        NS_Log::Log(2, kInsertTag,
+                    L" PID (" + std::to_wstring(pid) +
+                        L") may be watched but not ended (it runs elevated or as another user): it is named where "
+                        L"it would be ended.");
     std::shared_ptr<WaitInfo> waitInfo = StartWaitForProcess(std::move(process), pid);
     if (!waitInfo) {
         NS_Log::Log(1, kInsertTag, L" Unable to get WaitInfo shared_ptr.");
         return processMap.end();
     }
-    return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}, {}}).first;
+    return processMap.emplace(pid, ProcessMapValue{std::move(waitInfo), {}, {}, {}}).first;
 }

@@ -7,7 +7,7 @@
 // on the COM thread; OnProcessExit on thread-pool wait callbacks; OnCheckInTaken, OnSharedIDReadyForGC
 // and LeaseDecrease from the check-in pipeline on the collector's worker; GCUncheckedInCredentials
 // on the owner's thread at start and on the worker when the agent is back; LeaseIncrease from any of
-// them; AddListener, HolderPids and DuplicateProcessHandle from the lease monitor's threads;
+// them; AddListener, HolderPids, DuplicateProcessHandle and CanEndHolder from the lease monitor's threads;
 // OnLeaseExpired and OnWndSessionEnd on the lease-expiry window's thread; TakeStatusSnapshot on the
 // COM thread. Each takes the monitor lock for the maps and never calls listeners, the window or
 // the agent under it. Everything on the way back to the identity server is the pipeline's.
@@ -55,6 +55,8 @@ public:
         // up: the process's own registration of one after a restart claims that reference
         // instead of adding a second, so that its one release lets go.
         std::vector<const CSharedId*> takenUp;
+        // Credentials whose expiry has named this process as one that may not be ended.
+        std::vector<const CSharedId*> namedUnendable;
     };
     using ProcessMap = std::map<DWORD, ProcessMapValue>;
 
@@ -79,7 +81,7 @@ public:
     // Also makes `pid` a holder of the credential found: how a client takes one over.
     [[nodiscard]] bool GetCredsRegistered(DWORD pid, const CSharedId& credential, CSharedId* registered);
 
-    std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::UniqueHandle process, DWORD pid);
+    std::shared_ptr<WaitInfo> StartWaitForProcess(NS_Utils::HolderProcessHandle process, DWORD pid);
     static void CALLBACK WaitCallback(void* context, BOOLEAN timerOrWaitFired);
     void OnProcessExit(const DWORD* pid);
 
@@ -107,6 +109,8 @@ public:
     std::vector<DWORD> HolderPids(const std::shared_ptr<CSharedId>& credential);
     // A handle of the caller's own to a registered process, or none.
     NS_Utils::UniqueHandle DuplicateProcessHandle(DWORD pid);
+    // False for a registered process that may be watched but not ended (elevated, another user's).
+    bool CanEndHolder(DWORD pid);
 
     static constexpr UINT kTerminatedExitCode = 8976;
     static constexpr DWORD kLogoffPauseMs = 2000;
@@ -222,6 +226,8 @@ private:
     // Ends one holder with kTerminatedExitCode; logs a failure under `tag`, so a caller may
     // ignore the result.
     static bool TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag);
+    // Ends the holder, or names it when it may not be ended.
+    void EndHolderAtLogoff(DWORD pid);
     void WaitForCheckIns();
     // Until every registered process is gone (its exit handled), the deadline, or a stop.
     void WaitForHoldersGone(DWORD milliseconds);

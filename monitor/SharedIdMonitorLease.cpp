@@ -3,6 +3,7 @@
 
 #include "common/EventLog.h"
 #include "common/Log.h"
+#include "common/ModulePath.h"
 #include "monitor/SharedIdMonitor.h"
 
 #include <algorithm>
@@ -10,6 +11,24 @@
 namespace {
 constexpr const wchar_t* kExpiredTag = L"[SharedIdMonitor::OnLeaseExpired]\t";
 constexpr const wchar_t* kSessionEndTag = L"[SharedIdMonitor::OnWndSessionEnd]\t";
+
+NS_Utils::UniqueHandle Duplicate(HANDLE process) {
+    NS_Utils::UniqueHandle copy;
+    HANDLE self = ::GetCurrentProcess();
+    if (!::DuplicateHandle(self, process, self, copy.put(), 0, FALSE, DUPLICATE_SAME_ACCESS)) return {};
+    return copy;
+}
+
+// Outside the monitor lock: the event log reads its switch from the registry.
+void NameUnendable(DWORD pid, HANDLE process, const std::wstring& leases, const wchar_t* tag, const wchar_t* when) {
+    const std::wstring holder = NS_Utils::FileNameOf(NS_Utils::ProcessImagePath(process)) + L" (" +
+                                std::to_wstring(pid) + L")";
+    NS_Log::Log(2, tag + std::wstring(L" the process ") + holder +
+                       L" cannot be ended: it runs elevated or as another user. Its credentials stay checked out "
+                       L"until it exits. Leases: " +
+                       leases);
+    NS_EventLog::Report(NS_EventLog::Event::HolderCannotBeEnded, {leases, holder, when});
+}
 }  // namespace
 
 void SharedIdMonitor::AttachLeaseMonitor(std::shared_ptr<ILeaseWatcher> leaseMonitor) {
@@ -46,13 +65,14 @@ std::vector<DWORD> SharedIdMonitor::HolderPids(const std::shared_ptr<CSharedId>&
 NS_Utils::UniqueHandle SharedIdMonitor::DuplicateProcessHandle(DWORD pid) {
     LockGuard lock(*this);
     auto entry = processMap.find(pid);
-    if (entry == processMap.end()) return {};
-    // The caller's own handle: the entry's handle closes when the process's wait ends.
-    NS_Utils::UniqueHandle copy;
-    HANDLE self = ::GetCurrentProcess();
-    if (!::DuplicateHandle(self, entry->second.waitInfo->Process(), self, copy.put(), 0, FALSE, DUPLICATE_SAME_ACCESS))
-        return {};
-    return copy;
+    // The caller's own handle, with the same rights: the entry's closes when the process's wait ends.
+    return entry == processMap.end() ? NS_Utils::UniqueHandle() : Duplicate(entry->second.waitInfo->Process());
+}
+
+bool SharedIdMonitor::CanEndHolder(DWORD pid) {
+    LockGuard lock(*this);
+    auto entry = processMap.find(pid);
+    return entry == processMap.end() || entry->second.waitInfo->CanEnd();
 }
 
 bool SharedIdMonitor::TerminateHolder(DWORD pid, HANDLE process, const wchar_t* tag) {
@@ -72,20 +92,63 @@ bool SharedIdMonitor::TerminateHolder(DWORD pid, HANDLE process, const wchar_t* 
 }
 
 void SharedIdMonitor::OnLeaseExpired(const std::weak_ptr<CSharedId>& expired) {
-    LockGuard lock(*this);
-    std::shared_ptr<CSharedId> credential = expired.lock();
-    if (!credential) {
-        NS_Log::Log(3, kExpiredTag + std::wstring(L" the expired shared id object could not be locked."));
-        return;
+    // Holders that may not be ended, each named once for this credential (the window calls again
+    // at every tick while they run).
+    std::vector<std::pair<DWORD, NS_Utils::UniqueHandle>> unendable;
+    std::wstring lease;
+    {
+        LockGuard lock(*this);
+        std::shared_ptr<CSharedId> credential = expired.lock();
+        if (!credential) {
+            NS_Log::Log(3, kExpiredTag + std::wstring(L" the expired shared id object could not be locked."));
+            return;
+        }
+        lease = credential->GetLeaseDN();
+        const std::vector<DWORD> holders = credential->GetHolderPids();
+        std::vector<DWORD> ending;
+        for (DWORD pid : holders)
+            if (auto entry = processMap.find(pid); entry == processMap.end() || entry->second.waitInfo->CanEnd())
+                ending.push_back(pid);
+        // Before any is ended: their exits wait for this lock, and are told apart by it.
+        m_audit.Ending(ending, CAuditTrail::EndReason::AtExpiry);
+        for (DWORD pid : holders) {
+            auto entry = processMap.find(pid);
+            if (entry != processMap.end() && !entry->second.waitInfo->CanEnd()) {
+                std::vector<const CSharedId*>& named = entry->second.namedUnendable;
+                if (std::find(named.begin(), named.end(), credential.get()) != named.end()) continue;
+                named.push_back(credential.get());
+                unendable.emplace_back(pid, Duplicate(entry->second.waitInfo->Process()));
+                continue;
+            }
+            if (TerminateHolder(pid, entry == processMap.end() ? nullptr : entry->second.waitInfo->Process(),
+                                kExpiredTag))
+                NS_Log::Log(3, kExpiredTag + std::wstring(L" Terminated process with pid = ") + std::to_wstring(pid) +
+                                   L" as lease of some of the creds check-out by this process has expired");
+        }
     }
-    const std::vector<DWORD> holders = credential->GetHolderPids();
-    m_audit.Ending(holders, CAuditTrail::EndReason::AtExpiry);
-    for (DWORD pid : holders) {
+    for (const auto& [pid, process] : unendable)
+        NameUnendable(pid, process.get(), lease, kExpiredTag, L"at the expiry of its lease");
+}
+
+void SharedIdMonitor::EndHolderAtLogoff(DWORD pid) {
+    NS_Utils::UniqueHandle process;
+    bool canEnd = true;
+    std::wstring leases;
+    {
+        LockGuard lock(*this);
         auto entry = processMap.find(pid);
-        if (TerminateHolder(pid, entry == processMap.end() ? nullptr : entry->second.waitInfo->Process(), kExpiredTag))
-            NS_Log::Log(3, kExpiredTag + std::wstring(L" Terminated process with pid = ") + std::to_wstring(pid) +
-                               L" as lease of some of the creds check-out by this process has expired");
+        if (entry != processMap.end()) {
+            process = Duplicate(entry->second.waitInfo->Process());
+            canEnd = entry->second.waitInfo->CanEnd();
+            const auto& held = entry->second.credentials;
+            for (auto it = held.begin(); it != held.end(); ++it)
+                if (std::find(held.begin(), it, *it) == it)
+                    leases += (leases.empty() ? L"" : L", ") + (*it)->GetLeaseDN();
+        }
     }
+    if (process && !canEnd) return NameUnendable(pid, process.get(), leases, kSessionEndTag, L"at logoff");
+    m_audit.Ending({pid}, CAuditTrail::EndReason::AtLogoff);
+    TerminateHolder(pid, process.get(), kSessionEndTag);
 }
 
 void SharedIdMonitor::OnWndSessionEnd() {
@@ -98,8 +161,7 @@ void SharedIdMonitor::OnWndSessionEnd() {
     // Each look-up takes the lock on its own: exit callbacks go on meanwhile, and their
     // check-ins wait until all have come, then go a call per server.
     m_pipeline.HoldCheckIns();
-    m_audit.Ending(pids, CAuditTrail::EndReason::AtLogoff);
-    for (DWORD pid : pids) TerminateHolder(pid, DuplicateProcessHandle(pid).get(), kSessionEndTag);
+    for (DWORD pid : pids) EndHolderAtLogoff(pid);
     WaitForHoldersGone(kLogoffGatherMs);
     m_pipeline.ResumeCheckIns();
     WaitForCheckIns();

@@ -13,7 +13,7 @@ constexpr const wchar_t* kGcTag = L"[SharedIdMonitor::GCUncheckedInCredentials]\
 constexpr const wchar_t* kReadyTag = L"[SharedIdMonitor::OnSharedIDReadyForGC]\t";
 }  // namespace
 
-std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(NS_Utils::UniqueHandle process, DWORD pid) {
+std::shared_ptr<WaitInfo> SharedIdMonitor::StartWaitForProcess(NS_Utils::HolderProcessHandle process, DWORD pid) {
     auto waitInfo = std::make_shared<WaitInfo>(weak_from_this(), pid, std::move(process));
     if (!waitInfo->Register(waitInfo, &SharedIdMonitor::WaitCallback)) return nullptr;
     return waitInfo;
@@ -24,7 +24,7 @@ void CALLBACK SharedIdMonitor::WaitCallback(void* context, BOOLEAN timerOrWaitFi
         NS_Log::Log(1, L"[SharedIdMonitor::WaitCallback]\t Unable to get shared_ptr to WaitInfo object.");
         return;
     }
-    // A copy first: ending the wait from inside this callback may free the context.
+    // A reference of the call's own; the context itself stays until the pool says this call returned.
     std::shared_ptr<WaitInfo> waitInfo = *static_cast<std::shared_ptr<WaitInfo>*>(context);
     waitInfo->OnWaitDone(timerOrWaitFired != 0);
 }

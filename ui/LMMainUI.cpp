@@ -466,11 +466,14 @@ void LMMainUI::CheckItemsOnList() {
             continue;
         }
         row->IsProcessAppWindowTitleLatest();
-        if (row->SecondsLeft(now) > 0)
+        if (row->SecondsLeft(now) > 0) {
             // Detail: written only at the highest level the settings allow.
             NS_Log::Log(4, L"[LMMainUI::CheckItemsOnList]",
                         L"\t credential hasn't expired yet. Expiry time is " + std::to_wstring(row->GetEndTime()));
-        else if (std::none_of(expired.begin(), expired.end(), [&held = row](const auto& c) { return held->IsFor(c); }))
+            continue;
+        }
+        if (m_callbacks.canEnd && !m_callbacks.canEnd(row->GetProcessId())) row->MarkCannotBeEnded();
+        if (std::none_of(expired.begin(), expired.end(), [&held = row](const auto& c) { return held->IsFor(c); }))
             // The handler ends every holder of the credential: once a tick is enough.
             expired.push_back(row->GetCredential());
     }

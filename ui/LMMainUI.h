@@ -41,6 +41,8 @@ struct LMMainUICallbacks {
     std::function<NS_Utils::UniqueHandle(DWORD pid)> getProcFromPid;
     // A copy of the credential's holder process ids.
     std::function<std::vector<DWORD>(const std::shared_ptr<CSharedId>&)> getSidProcList;
+    // False for a holder the service may watch but not end: its row says so once its time is over.
+    std::function<bool(DWORD pid)> canEnd;
     // The clock the countdowns run on (the lease monitor's); _time64 when empty.
     std::function<__time64_t()> now;
     // Elapsed time, against which a jump of `now` is told (LeaseRows::Ticks); the system's when empty.

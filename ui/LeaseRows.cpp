@@ -163,6 +163,8 @@ std::wstring LeaseRows::Text(const ProcessInfo& row) const { return Text(row, Cu
 std::wstring LeaseRows::Text(const ProcessInfo& row, const Labels& labels, __time64_t now) {
     std::wstring remaining = ProcessInfo::FormatRemaining(row.SecondsLeft(now));
     if (!labels.remain.empty()) remaining += L" " + labels.remain;
+    // Not in the message library: the agent's texts have no words for it.
+    if (row.CannotBeEnded()) remaining += L" - cannot be ended by Tarrow: close the program";
     return Labelled(labels.process, row.DisplayName()) + L"\n" + Labelled(labels.time, remaining);
 }
 

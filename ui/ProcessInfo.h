@@ -38,6 +38,9 @@ public:
         if (end > m_endTime.load()) m_endTime = end;
     }
     double SecondsLeft(__time64_t now) const { return _difftime64(m_endTime.load(), now); }
+    // Its time is over and the service may not end its process: the row says so.
+    void MarkCannotBeEnded() noexcept { m_cannotBeEnded = true; }
+    bool CannotBeEnded() const noexcept { return m_cannotBeEnded; }
 
     // False when the root window's title differs from the one last shown; it is then kept as
     // the one to show. UI thread only.
@@ -61,6 +64,7 @@ private:
     std::weak_ptr<CSharedId> m_credential;
     // Written under the rows' lock, read by the window's thread and the status view.
     std::atomic<__time64_t> m_endTime;
+    std::atomic<bool> m_cannotBeEnded{false};
     std::wstring m_exePath;
     HWND m_rootWindow = nullptr;
     std::wstring m_title;

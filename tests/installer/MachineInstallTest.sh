@@ -44,7 +44,7 @@ check "the event source names the installed message library" \
 check "the event source supports errors, warnings and information" test "$(value_of "$source_key" TypesSupported)" = 0x7
 command=$(value_of "$run" Tarrow)
 check "the machine's logon command is the quoted Tarrow.exe" test "$command" = "\"$exe\""
-for id in 1 2 3 100 101 102 103 104 105 106 120; do
+for id in 1 2 3 100 101 102 103 104 105 106 107 120; do
     check "event $id has a text in the message library" eval 'w "$eventtext" "$programs/TarrowEvents.dll" $id 321 9.9.9 | grep -q .'
 done
 check "the start event reads as the administrator sees it" \

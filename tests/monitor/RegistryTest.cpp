@@ -9,7 +9,7 @@ class RegistryTest : public MonitorTest {};
 // Whether the holders' releases and exits let go of a shared credential is checked through the
 // service itself.
 TEST_F(RegistryTest, EqualSignaturesShareOneCredentialAndRefusalsLeaveNothing) {
-    // A process that does not exist cannot hold a credential; the one made for it goes at once.
+    // A process that does not exist cannot hold a credential; none is made for it.
     EXPECT_EQ(Register(Credential(L"admin"), 0x7FFFFFFC), SharedIdMonitor::kProcessEntryFailed);
     EXPECT_TRUE(WaitUntil([&] { return Settled(); }));
 
