@@ -1,6 +1,6 @@
 #pragma once
 // The one table of the registry values the service reads: where each is looked up, its type,
-// default and the range an administrator may set. The Group Policy templates and the README's
+// default and the range an administrator may set. The Group Policy templates and the admin guide's
 // table list the administered values; a test holds the three together.
 
 #include "common/Registry.h"
@@ -114,7 +114,7 @@ inline constexpr Setting kInstalledLang{kConfig, kPolicyConfig, L"InstalledLang"
 inline constexpr Setting kProgramDir{
     NS_Utils::RegKeys::kProduct, nullptr, L"ProgramDir", Type::String, 0, 0, 0, L"", Counts::Unsigned, Policy::None};
 
-// Every entry above; the administered ones in the order the templates and the README list them.
+// Every entry above; the administered ones in the order the templates and the admin guide list them.
 std::span<const Setting> AllSettings();
 
 }  // namespace NS_Settings

@@ -1,7 +1,7 @@
 // tarrow_settings.exe: prints the service's table of administered registry values, one per line:
 // key, value, type (dword or string), default, minimum, maximum, and where a policy may set it
 // ("machine" or "machine, user"), separated by tabs.
-// The installer's test compares it with the Group Policy templates and the README.
+// The installer's test compares it with the Group Policy templates and the admin guide.
 
 #include "common/Settings.h"
 
