@@ -6,6 +6,7 @@
 //   mem_floor <waits> <ready event> [library...]
 
 #include "common/ComHandles.h"
+#include "common/WaitRegistration.h"
 #include "common/WinHandles.h"
 #include "host/RunningObjectEntry.h"
 #include "ui/UiHandles.h"
@@ -13,6 +14,7 @@
 #include <objbase.h>
 
 #include <cwchar>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -55,12 +57,12 @@ int wmain(int argc, wchar_t** argv) {
     // Its own process stands for a holder: the handle and the wait cost the same, and it never ends
     // while it is measured.
     std::vector<NS_Utils::UniqueHandle> processes;
-    std::vector<NS_Utils::UniqueWaitRegistration> registrations;
+    std::vector<std::unique_ptr<NS_Utils::WaitRegistration>> registrations;
     for (int i = 0; i < waits; ++i) {
         processes.emplace_back(::OpenProcess(SYNCHRONIZE, FALSE, ::GetCurrentProcessId()));
-        registrations.emplace_back();
-        if (!::RegisterWaitForSingleObject(registrations.back().put(), processes.back().get(), &NeverCalled, nullptr,
-                                           INFINITE, WT_EXECUTEONLYONCE))
+        registrations.push_back(std::make_unique<NS_Utils::WaitRegistration>());
+        if (!registrations.back()->Register(processes.back().get(), &NeverCalled, nullptr, INFINITE,
+                                            WT_EXECUTEONLYONCE))
             return 4;
     }
 
