@@ -124,6 +124,7 @@ void SharedIdMonitor::TakeUp(std::list<CSharedId>& stored) {
             if (AdoptLocked(record, {})) continue;
         }
         NS_Log::Log(3, kGcTag + std::wstring(L" Queue to GC the shared id with leaseDN = ") + record.GetLeaseDN());
+        if (!listed.count(record.GetFileName())) record.FileClaim().KnowNoList();
         LeaseIncrease();
         auto credential = std::make_shared<CSharedId>(std::move(record));
         m_pipeline.CheckInFromFile(std::move(credential));

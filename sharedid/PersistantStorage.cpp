@@ -347,6 +347,7 @@ int PersistantStorage::DeleteFiles(const std::wstring& path, CFileClaim claim) {
     const bool deleted = claim.Held() ? NS_SHAREDID_UTILS::DeleteThroughHandle(claim.Handle())
                                       : ::DeleteFileW(path.c_str());
     const DWORD error = ::GetLastError();
+    const bool mayHaveList = claim.MayHaveList();
     // The file goes as the claim closes. Its list after it: a list left alone is removed at the
     // next start, a credential file left without its list would be checked in under its holders.
     claim.Release();
@@ -355,7 +356,7 @@ int PersistantStorage::DeleteFiles(const std::wstring& path, CFileClaim claim) {
         KeepErrors({NS_SHAREDID_UTILS::kStepFile, error}, L"PersistantStorage::Delete");
         return kDeleteFailed;
     }
-    ::DeleteFileW(NS_SHAREDID_UTILS::HolderListPath(path).c_str());
+    if (mayHaveList) ::DeleteFileW(NS_SHAREDID_UTILS::HolderListPath(path).c_str());
     return kOk;
 }
 

@@ -35,7 +35,12 @@ public:
     void KeepHolders(NS_Utils::UniqueHandle list, DWORD bytes) noexcept {
         m_holders = std::move(list);
         m_holdersBytes = bytes;
+        m_mayHaveList = true;
     }
+    // A file taken up at start that had no list beside it: its deletion need not look for one,
+    // which costs a scan of the whole folder on some file systems. Any list written later undoes it.
+    void KnowNoList() noexcept { m_mayHaveList = false; }
+    bool MayHaveList() const noexcept { return m_mayHaveList; }
     void SetHoldersBytes(DWORD bytes) noexcept { m_holdersBytes = bytes; }
     // The mark that tells another instance meeting the open file that a live one claims it
     // (sharedid/ClaimMark.h); it goes with the claim.
@@ -51,6 +56,7 @@ private:
     NS_Utils::UniqueHandle m_file;
     NS_Utils::UniqueHandle m_holders;
     DWORD m_holdersBytes = 0;
+    bool m_mayHaveList = true;
 };
 
 // The order of a record's holder-list writes. A write is numbered where its holders are read

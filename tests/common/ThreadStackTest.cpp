@@ -49,7 +49,7 @@ bool RunOnThread(Probe& probe) {
 TEST(ThreadStackTest, AThreadReservesWhatItIsGivenAndItsDeepestUseIsMeasured) {
     Probe probe{32 * 1024};
     ASSERT_TRUE(RunOnThread(probe));
-    EXPECT_EQ(probe.reserved, UnderWine() ? std::max<ULONG_PTR>(kReservation, 1024 * 1024) : kReservation)
+    EXPECT_EQ(probe.reserved, UnderWine() ? std::max<ULONG_PTR>(kReservation, ULONG_PTR{1024} * 1024) : kReservation)
         << "the size is a reservation, not the program's default";
     EXPECT_GE(probe.deepest, 32u * 1024);
     EXPECT_LT(probe.deepest, 48u * 1024);

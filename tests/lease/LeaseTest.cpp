@@ -123,7 +123,7 @@ TEST_F(LeaseTest, ReleasedCredentialsLeaveNoExpiryEntries) {
     constexpr int kCycles = 300;
     for (int i = 0; i < kCycles; ++i) {
         CSharedId credential = Credential(L"cycle-" + std::to_wstring(i));
-        credential.SetLeaseExpiry(TimeToExpiryText(kNow + 365 * 86400));
+        credential.SetLeaseExpiry(TimeToExpiryText(kNow + 365LL * 86400));
         ASSERT_EQ(Register(credential, holder.Id()), SharedIdMonitor::kOk);
         ASSERT_EQ(Unregister(credential, holder.Id()), SharedIdMonitor::kOk);
     }
