@@ -10,8 +10,9 @@
 
 namespace testsupport {
 
-// The number of windows the request went to.
-inline size_t SendCloseRequest(DWORD pid) {
+// The top-level windows of a process: those Windows sends the messages of a logoff or a close
+// request to.
+inline std::vector<HWND> TopLevelWindowsOf(DWORD pid) {
     std::pair<DWORD, std::vector<HWND>> search{pid, {}};
     ::EnumWindows(
         [](HWND window, LPARAM found) {
@@ -22,12 +23,18 @@ inline size_t SendCloseRequest(DWORD pid) {
             return TRUE;
         },
         reinterpret_cast<LPARAM>(&search));
+    return search.second;
+}
+
+// The number of windows the request went to.
+inline size_t SendCloseRequest(DWORD pid) {
+    const std::vector<HWND> windows = TopLevelWindowsOf(pid);
     DWORD_PTR answer = 0;
-    for (HWND window : search.second)
+    for (HWND window : windows)
         ::SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, ENDSESSION_CLOSEAPP, SMTO_ABORTIFHUNG, 5000, &answer);
-    for (HWND window : search.second)
+    for (HWND window : windows)
         ::SendMessageTimeoutW(window, WM_ENDSESSION, TRUE, ENDSESSION_CLOSEAPP, SMTO_ABORTIFHUNG, 5000, &answer);
-    return search.second.size();
+    return windows.size();
 }
 
 }  // namespace testsupport

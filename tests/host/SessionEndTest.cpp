@@ -4,6 +4,7 @@
 
 #include "common/Registry.h"
 #include "testing/agent/StandInControl.h"
+#include "testing/installer/CloseRequest.h"
 #include "tests/host/ServiceFixture.h"
 
 #include <utility>
@@ -32,21 +33,12 @@ protected:
     // that nothing ends the process afterwards: a logoff the user cancelled once the programs had
     // been told, or (`ending` FALSE) one that another program refused.
     static void EndSessionWithoutEndingTheProcess(BOOL ending) {
-        std::pair<DWORD, std::vector<HWND>> search{s_service->Pid(), {}};
-        ::EnumWindows(
-            [](HWND window, LPARAM found) {
-                auto* s = reinterpret_cast<std::pair<DWORD, std::vector<HWND>>*>(found);
-                DWORD owner = 0;
-                ::GetWindowThreadProcessId(window, &owner);
-                if (owner == s->first) s->second.push_back(window);
-                return TRUE;
-            },
-            reinterpret_cast<LPARAM>(&search));
-        ASSERT_FALSE(search.second.empty());
+        const std::vector<HWND> windows = testsupport::TopLevelWindowsOf(s_service->Pid());
+        ASSERT_FALSE(windows.empty());
         DWORD_PTR answer = 0;
-        for (HWND window : search.second)
+        for (HWND window : windows)
             ::SendMessageTimeoutW(window, WM_QUERYENDSESSION, 0, 0, SMTO_ABORTIFHUNG, 5000, &answer);
-        for (HWND window : search.second)
+        for (HWND window : windows)
             ::SendMessageTimeoutW(window, WM_ENDSESSION, ending, 0, SMTO_ABORTIFHUNG, 150000, &answer);
     }
     // The marker of a running service, which a start after a crash reports.

@@ -28,16 +28,6 @@ check "Tarrow registers for this user" w "$bin/Tarrow.exe" /RegServerPerUser
 out=$(mktemp -d)
 trap 'rm -rf "$out"; end_prefix "$prefix"' EXIT
 
-tarrow=
-start_tarrow() {
-    WINEDEBUG=fixme+advapi,+eventlog "$WINE" "$bin/Tarrow.exe" 2>"$out/$1" &
-    tarrow=$!
-    wait_for_service "$bin/tarrowctl.exe"
-}
-end_session() {
-    w wineboot --end-session >/dev/null 2>&1
-    wait "$tarrow" 2>/dev/null
-}
 ctl() { w "$bin/tarrowctl.exe" "$@" | tr -d '\r'; }
 # Credential $1 (its role and lease), with a text in every memory-only field.
 credential() {

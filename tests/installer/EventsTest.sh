@@ -25,18 +25,6 @@ ctl() { w "$bin/tarrowctl.exe" "$@"; }
 out=$(mktemp -d)
 trap 'rm -rf "$out"; end_prefix "$prefix"' EXIT
 
-# Starts Tarrow with Wine's event output going to $out/$1 and waits until it answers.
-tarrow=
-start_tarrow() {
-    WINEDEBUG=fixme+advapi,+eventlog "$WINE" "$bin/Tarrow.exe" 2>"$out/$1" &
-    tarrow=$!
-    wait_for_service "$bin/tarrowctl.exe"
-}
-# The end of the session, as Windows ends it: the service ends in its handler.
-end_session() {
-    w wineboot --end-session >/dev/null 2>&1
-    wait "$tarrow" 2>/dev/null
-}
 
 echo "== the writer on by the machine's policy only"
 w reg add "$machine_policy" /v WindowsEventLogEnabled /t REG_DWORD /d 1 /f >/dev/null

@@ -56,6 +56,19 @@ wait_for_service() {
     for _ in $(seq 100); do w "$1" status >/dev/null 2>&1; [ $? -ne 101 ] && return 0; sleep 0.1; done
     return 1
 }
+# Starts Tarrow of folder $bin with Wine's event output going to $out/$1 (see events) and waits
+# until it answers; $tarrow is its process.
+tarrow=
+start_tarrow() {
+    WINEDEBUG=fixme+advapi,+eventlog "$WINE" "$bin/Tarrow.exe" 2>"$out/$1" &
+    tarrow=$!
+    wait_for_service "$bin/tarrowctl.exe"
+}
+# The end of the session, as Windows ends it: the service ends in its handler.
+end_session() {
+    w wineboot --end-session >/dev/null 2>&1
+    wait "$tarrow" 2>/dev/null
+}
 # Makes package $2 of version $3 from the wxs source $1 with the programs of folder $4.
 build_package() {
     local source=$1 msi=$2 version=$3 bin=$4
