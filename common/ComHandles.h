@@ -6,6 +6,7 @@
 #include <oleauto.h>
 
 #include <new>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -209,5 +210,20 @@ public:
 private:
     HRESULT m_result;
 };
+
+// WaitForMultipleObjects (any one of `handles`) for a thread of an apartment: in a single-threaded
+// one COM's modal loop runs meanwhile, so that the replies to the thread's own calls and the
+// messages COM needs are dispatched. The same results as WaitForMultipleObjects; a thread without
+// COM waits as that does.
+inline DWORD WaitInApartment(std::span<const HANDLE> handles, DWORD milliseconds) {
+    DWORD index = 0;
+    const HRESULT hr = ::CoWaitForMultipleHandles(0, milliseconds, static_cast<ULONG>(handles.size()),
+                                                  const_cast<HANDLE*>(handles.data()), &index);
+    if (hr == S_OK) return index;
+    if (hr == RPC_S_CALLPENDING) return WAIT_TIMEOUT;
+    if (hr == CO_E_NOTINITIALIZED)
+        return ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, milliseconds);
+    return WAIT_FAILED;
+}
 
 }  // namespace NS_Utils

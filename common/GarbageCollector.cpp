@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <new>
-#include <span>
 
 namespace NS_Utils {
 
@@ -15,21 +14,6 @@ namespace {
 constexpr DWORD kStopGraceMs = 500;
 constexpr DWORD kOutOfMemoryPauseMs = 1000;
 constexpr const wchar_t* kTag = L"[NS_Utils::CGarbageCollector]\t";
-
-// WaitForMultipleObjects for a thread of an apartment: in a single-threaded one COM's modal loop
-// runs meanwhile, so that the replies to the worker's own calls and the messages COM needs are
-// dispatched. The same results as WaitForMultipleObjects.
-DWORD WaitPumping(std::span<const HANDLE> handles, DWORD milliseconds) {
-    DWORD index = 0;
-    const HRESULT hr = ::CoWaitForMultipleHandles(0, milliseconds, static_cast<ULONG>(handles.size()),
-                                                  const_cast<HANDLE*>(handles.data()), &index);
-    if (hr == S_OK) return index;
-    if (hr == RPC_S_CALLPENDING) return WAIT_TIMEOUT;
-    // A thread without COM (its apartment could not be entered) still waits.
-    if (hr == CO_E_NOTINITIALIZED)
-        return ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, milliseconds);
-    return WAIT_FAILED;
-}
 }  // namespace
 
 CGarbageCollector::~CGarbageCollector() {
@@ -90,13 +74,13 @@ void CGarbageCollector::QueueAfter(DWORD milliseconds, WorkItem item) {
 bool CGarbageCollector::WaitUnlessStopping(DWORD milliseconds) const {
     m_workerRule.Check(L"[NS_Utils::CGarbageCollector::WaitUnlessStopping]\t a pause off the worker thread");
     const HANDLE stop[] = {m_queue.StopEvent()};
-    return WaitPumping(stop, milliseconds) == WAIT_TIMEOUT;
+    return WaitInApartment(stop, milliseconds) == WAIT_TIMEOUT;
 }
 
 CGarbageCollector::Pause CGarbageCollector::PauseUnlessWork(DWORD milliseconds) {
     m_workerRule.Check(L"[NS_Utils::CGarbageCollector::PauseUnlessWork]\t a pause off the worker thread");
     const HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
-    switch (WaitPumping(events, milliseconds)) {
+    switch (WaitInApartment(events, milliseconds)) {
     case WAIT_TIMEOUT: return Pause::Elapsed;
     case WAIT_OBJECT_0 + 1:
         // The wake-up was the worker loop's: it must still see the item.
@@ -119,7 +103,7 @@ DWORD WINAPI CGarbageCollector::WorkerEntry(void* self) {
 void CGarbageCollector::WorkerLoop() {
     const HANDLE events[] = {m_queue.StopEvent(), m_queue.ItemEvent()};
     while (m_running.load() != 0) {
-        const DWORD wait = WaitPumping(events, QueueDueItems());
+        const DWORD wait = WaitInApartment(events, QueueDueItems());
         if (wait == WAIT_OBJECT_0 + 1)
             RunFront();
         else if (wait == WAIT_FAILED)
@@ -168,7 +152,7 @@ void CGarbageCollector::RunAgainLater(const WorkItem& item) noexcept {
     }
     // Items own what they work on (a credential on its way back): one dropped here would be lost.
     const HANDLE stop[] = {m_queue.StopEvent()};
-    while (WaitPumping(stop, kOutOfMemoryPauseMs) == WAIT_TIMEOUT) {
+    while (WaitInApartment(stop, kOutOfMemoryPauseMs) == WAIT_TIMEOUT) {
         try {
             m_queue.Push(item);
             return;

@@ -1,5 +1,6 @@
 #include "monitor/WaitInfo.h"
 
+#include "common/ComHandles.h"
 #include "common/FailFast.h"
 #include "common/Log.h"
 #include "monitor/SharedIdMonitor.h"
@@ -145,7 +146,9 @@ void FreeWaitInfo(const std::shared_ptr<WaitInfo>& waitInfo) {
         NS_Log::Log(1, L"FreeWaitInfo\t Invalid WaitInfo object shared_ptr.");
         return;
     }
-    DWORD result = ::WaitForSingleObject(waitInfo->CancelEvent(), 100);
+    // On the collector's worker, an apartment's thread: the wait lets COM's calls and messages in.
+    const HANDLE cancel[] = {waitInfo->CancelEvent()};
+    const DWORD result = NS_Utils::WaitInApartment(cancel, 100);
     if (result == WAIT_OBJECT_0) {
         NS_Log::Log(4, L"FreeWaitInfo\t Deleting WaitInfo shared_ptr.");
         waitInfo->OnCallbacksDone();
