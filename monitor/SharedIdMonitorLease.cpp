@@ -104,22 +104,23 @@ void SharedIdMonitor::OnLeaseExpired(const std::weak_ptr<CSharedId>& expired) {
             return;
         }
         lease = credential->GetLeaseDN();
-        const std::vector<DWORD> holders = credential->GetHolderPids();
+        // The holders it may end, and once for this credential each that it may not.
         std::vector<DWORD> ending;
-        for (DWORD pid : holders)
-            if (auto entry = processMap.find(pid); entry == processMap.end() || entry->second.waitInfo->CanEnd())
-                ending.push_back(pid);
-        // Before any is ended: their exits wait for this lock, and are told apart by it.
-        m_audit.Ending(ending, CAuditTrail::EndReason::AtExpiry);
-        for (DWORD pid : holders) {
+        for (DWORD pid : credential->GetHolderPids()) {
             auto entry = processMap.find(pid);
-            if (entry != processMap.end() && !entry->second.waitInfo->CanEnd()) {
-                std::vector<const CSharedId*>& named = entry->second.namedUnendable;
-                if (std::find(named.begin(), named.end(), credential.get()) != named.end()) continue;
-                named.push_back(credential.get());
-                unendable.emplace_back(pid, Duplicate(entry->second.waitInfo->Process()));
+            if (entry == processMap.end() || entry->second.waitInfo->CanEnd()) {
+                ending.push_back(pid);
                 continue;
             }
+            std::vector<const CSharedId*>& named = entry->second.namedUnendable;
+            if (std::find(named.begin(), named.end(), credential.get()) != named.end()) continue;
+            named.push_back(credential.get());
+            unendable.emplace_back(pid, Duplicate(entry->second.waitInfo->Process()));
+        }
+        // Before any is ended: their exits wait for this lock, and are told apart by it.
+        m_audit.Ending(ending, CAuditTrail::EndReason::AtExpiry);
+        for (DWORD pid : ending) {
+            auto entry = processMap.find(pid);
             if (TerminateHolder(pid, entry == processMap.end() ? nullptr : entry->second.waitInfo->Process(),
                                 kExpiredTag))
                 NS_Log::Log(3, kExpiredTag + std::wstring(L" Terminated process with pid = ") + std::to_wstring(pid) +
